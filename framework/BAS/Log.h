@@ -1,0 +1,51 @@
+// BAS::Log is the framework log. Every status and every event becomes one line, in the text
+// format for people (the default) or as JSON Lines for tools, handed to each attached sink
+// and flushed at once. Thread-safe: lines from different threads never interleave.
+//
+// JSON members: status lines {"time","kind":"status","object","id","severity","args","text"};
+// event lines {"time","kind":"event","sender","receiver","id","args","delivered"}. The time is
+// ISO 8601 UTC with milliseconds. Every byte that JSON requires escaped is escaped, and bytes
+// that are not valid UTF-8 are written as \u00XX, so a raw data line cannot break a line.
+#pragma once
+
+#include "BAS/Export.h"
+#include "BAS/LogRecord.h"
+#include "BAS/LogSink.h"
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace BAS {
+
+class Message;
+class Status;
+
+class BAS_EXPORT Log {
+public:
+  enum class Format { TEXT, JSON };
+
+  Log();
+  ~Log();
+
+  void setFormat(Format format);
+  Format format() const;
+  void addSink(std::shared_ptr<LogSink> sink);
+  void removeSink(const std::shared_ptr<LogSink>& sink);
+
+  void writeStatus(const Status& status);
+  void writeEvent(const Message& message, bool delivered);
+
+  // The line of a record in a format, without a line end.
+  static std::string formatLine(const LogRecord& record, Format format);
+
+private:
+  void dispatch(const LogRecord& record);
+
+  mutable std::mutex mutexM;
+  Format formatM = Format::TEXT;                  // guarded by mutexM
+  std::vector<std::shared_ptr<LogSink>> sinksM;   // guarded by mutexM
+};
+
+}  // namespace BAS

@@ -1,0 +1,63 @@
+// BAS::Thread is the framework's thread object. start() runs a functor on a new thread and
+// returns once that thread runs; stop() requests cancellation and waits for the thread to end.
+// Cancellation is cooperative: a thread ends at its next service point (serviceCancel(), or a
+// sleepMs() that is cut short by the request). Threads made with no owner belong to the
+// framework, which stops and releases any still alive when it ends.
+// start() and stop() are called by one controlling thread; the static operations act on the
+// calling thread.
+#pragma once
+
+#include "BAS/Export.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace BAS {
+
+class RegisteredObject;
+
+class BAS_EXPORT Thread {
+public:
+  explicit Thread(RegisteredObject* owner);
+  ~Thread();  // stops the thread if it still runs
+  Thread(const Thread&) = delete;
+  Thread& operator=(const Thread&) = delete;
+
+  // False when the thread was started before.
+  bool start(std::function<void()> body);
+  // Requests cancellation (and resumes an interrupted thread), then joins. Idempotent. Must not
+  // be called from the thread itself.
+  void stop();
+  bool isRunning() const { return runningM.load(); }
+
+  // Asks the thread to suspend at its next serviceInterrupt(); resume() lets it go on.
+  void interrupt();
+  void resume();
+
+  // The thread object of the calling thread; null on threads that BAS::Thread did not start.
+  static Thread* current();
+  // Service points, to be called on a thread that BAS::Thread started (no-ops elsewhere).
+  // serviceInterrupt() stays suspended while an interrupt is pending; serviceCancel() ends the
+  // thread (it does not return) when cancellation was requested.
+  static void serviceInterrupt();
+  static void serviceCancel();
+  // Sleeps; on a BAS::Thread a cancellation request cuts the sleep short.
+  static void sleepMs(unsigned milliseconds);
+
+private:
+  void runBody();
+
+  RegisteredObject* ownerM;
+  std::function<void()> bodyM;  // written by start() before the thread exists, reset by the thread
+  std::thread threadM;          // touched by the controlling thread only
+  std::mutex mutexM;
+  std::condition_variable changedM;
+  bool cancelRequestedM = false;     // guarded by mutexM
+  bool interruptRequestedM = false;  // guarded by mutexM
+  std::atomic<bool> runningM{false};
+};
+
+}  // namespace BAS

@@ -1,0 +1,42 @@
+// STR::FileIo is the framework's output file. Opened with std::ios_base::out alone it replaces
+// the file crash-safely: it writes a temporary file beside the target and, on closeFile(),
+// flushes it to disk and renames it over the target. A failed write, flush or rename leaves
+// the old file as it was and removes the temporary one. Other modes (app) write in place.
+// One object is used by one thread at a time.
+#pragma once
+
+#include "BAS/Export.h"
+#include "BAS/String.h"
+
+#include <ios>
+#include <memory>
+#include <ostream>
+
+namespace STR {
+
+class BAS_EXPORT FileIo {
+public:
+  FileIo(const BAS::String& name, std::ios_base::openmode mode);
+  ~FileIo();  // closes the file if still open
+  FileIo(const FileIo&) = delete;
+  FileIo& operator=(const FileIo&) = delete;
+
+  // The stream to write to; writes go nowhere (and mark the stream bad) when not open.
+  std::ostream& stream();
+  bool isOpen() const;
+  const BAS::String& fileName() const { return nameM; }
+  // Ends the file: for a replacement, publishes it only when every write succeeded. True when
+  // the file now holds exactly what was written, or when nothing was open.
+  bool closeFile();
+
+  // Test seam: every FileIo opened after this call fails its writes once `bytes` bytes have
+  // been written (negative: off). Process-wide.
+  static void failWritesAfterForTesting(long long bytes);
+
+private:
+  class Impl;
+  BAS::String nameM;
+  std::unique_ptr<Impl> implM;
+};
+
+}  // namespace STR
