@@ -1,6 +1,6 @@
 // BAS::Framework is the running framework of one process: the registry, the log, the directory
 // of live registered objects, the root object's answers, the event handler, the probe groups
-// and the owner-less threads that it releases at the end. The host (and each test) creates one;
+// and, at its end, the owner-less threads. The host (and each test) creates one;
 // it becomes current() for its lifetime. Thread-safe, except that configuration (registry,
 // event handler, probe directory) is set before plug-ins are created.
 #pragma once
@@ -23,12 +23,12 @@ class EventHandler;
 class InstrumentationProbeGroup;
 class Message;
 class RegisteredObject;
-class Thread;
 
 class BAS_EXPORT Framework {
 public:
   Framework();
-  // Stops and releases the owner-less threads, releases the probe groups, then the rest.
+  // Stops and releases the owner-less threads (BAS::Thread::releaseOwnerless), releases the
+  // probe groups, then the rest.
   ~Framework();
   Framework(const Framework&) = delete;
   Framework& operator=(const Framework&) = delete;
@@ -63,7 +63,6 @@ public:
   // Ownership handed to the framework, released in ~Framework.
   void adoptProbeGroup(InstrumentationProbeGroup* group);
   std::vector<InstrumentationProbeGroup*> probeGroups() const;
-  void adoptThread(Thread* thread);
 
 private:
   Log logM;
@@ -75,7 +74,6 @@ private:
   std::function<bool(Message&)> rootRequestHandlerM;   // guarded by mutexM
   String probeDirectoryM;                               // guarded by mutexM
   std::vector<InstrumentationProbeGroup*> probeGroupsM; // guarded by mutexM; owned
-  std::vector<Thread*> threadsM;                        // guarded by mutexM; owned
   Framework* previousM;
 };
 

@@ -2,7 +2,7 @@
 // returns once that thread runs; stop() requests cancellation and waits for the thread to end.
 // Cancellation is cooperative: a thread ends at its next service point (serviceCancel(), or a
 // sleepMs() that is cut short by the request). Threads made with no owner belong to the
-// framework, which stops and releases any still alive when it ends.
+// framework, which stops and releases them when it ends (releaseOwnerless).
 // start() and stop() are called by one controlling thread; the static operations act on the
 // calling thread.
 #pragma once
@@ -46,6 +46,10 @@ public:
   static void serviceCancel();
   // Sleeps; on a BAS::Thread a cancellation request cuts the sleep short.
   static void sleepMs(unsigned milliseconds);
+
+  // Stops and deletes every thread object that was made with no owner. The framework calls it
+  // when it ends; owner-less thread objects are never deleted by the code that made them.
+  static void releaseOwnerless();
 
 private:
   void runBody();
