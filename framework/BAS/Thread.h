@@ -1,8 +1,9 @@
 // BAS::Thread is the framework's thread object. start() runs a functor on a new thread and
 // returns once that thread runs; stop() requests cancellation and waits for the thread to end.
-// Cancellation is cooperative: a thread ends at its next service point (serviceCancel(), or a
-// sleepMs() that is cut short by the request). Threads made with no owner belong to the
-// framework, which stops and releases them when it ends (releaseOwnerless).
+// Cancellation is cooperative: a thread ends at its next serviceCancel(); a sleepMs() or a
+// suspension in serviceInterrupt() in progress is cut short so that it gets there promptly.
+// Threads made with no owner belong to the framework, which stops and releases them when it
+// ends (releaseOwnerless).
 // start() and stop() are called by one controlling thread; the static operations act on the
 // calling thread.
 #pragma once
@@ -29,7 +30,7 @@ public:
   // False when the thread was started before.
   bool start(std::function<void()> body);
   // Requests cancellation (and resumes an interrupted thread), then joins. Idempotent. Must not
-  // be called from the thread itself.
+  // be called from the thread itself (there it only requests cancellation).
   void stop();
   bool isRunning() const { return runningM.load(); }
 
@@ -57,11 +58,13 @@ private:
   RegisteredObject* ownerM;
   std::function<void()> bodyM;  // written by start() before the thread exists, reset by the thread
   std::thread threadM;          // touched by the controlling thread only
+  bool startedM = false;        // touched by the controlling thread only
   std::mutex mutexM;
   std::condition_variable changedM;
+  bool enteredM = false;             // guarded by mutexM: the new thread has begun to run
   bool cancelRequestedM = false;     // guarded by mutexM
   bool interruptRequestedM = false;  // guarded by mutexM
-  std::atomic<bool> runningM{false};
+  std::atomic<bool> runningM{false};  // set by start(), cleared by the thread as it ends
 };
 
 }  // namespace BAS

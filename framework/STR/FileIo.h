@@ -26,7 +26,8 @@ public:
   bool isOpen() const;
   const BAS::String& fileName() const { return nameM; }
   // Ends the file: for a replacement, publishes it only when every write succeeded. True when
-  // the file now holds exactly what was written, or when nothing was open.
+  // the file now holds exactly what was written, or when nothing was open (a file that could
+  // not be opened counts as nothing open: the old file, if any, is as it was).
   bool closeFile();
 
   // Test seam: every FileIo opened after this call fails its writes once `bytes` bytes have

@@ -11,6 +11,7 @@
 #include "BAS/String.h"
 
 #include <cstdio>
+#include <memory>
 
 namespace STR {
 
@@ -41,6 +42,7 @@ public:
 private:
   BAS::String fileNameM;
   std::FILE* streamM = nullptr;
+  std::unique_ptr<char[]> streamBufferM;  // the stream's read buffer, made on first open
   char* lineBufferM = nullptr;  // getline's buffer, reused across lines
   std::size_t lineCapacityM = 0;
 };

@@ -1,0 +1,175 @@
+#include "BAS/Thread.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cxxabi.h>
+#include <system_error>
+#include <vector>
+
+namespace BAS {
+
+namespace {
+
+// Thrown by serviceCancel() and caught by the trampoline only. Cancellation must end the body
+// from deep inside plug-in code while running the destructors of everything it holds (locks,
+// open files), as a thread library's cancellation unwinds a thread; an exception is the one
+// mechanism of the language that does this, so it is the framework's single use of one. It
+// deliberately derives from nothing, so that a body's catch of std::exception lets it pass.
+struct CancelRequest {};
+
+thread_local Thread* currentThread = nullptr;
+
+// The owner-less thread objects of the process. Made on first use and never destroyed, so
+// that a thread object released late in process exit still finds it.
+struct OwnerlessList {
+  std::mutex mutexM;
+  std::vector<Thread*> threadsM;  // guarded by mutexM
+};
+
+OwnerlessList& ownerless() {
+  static OwnerlessList* list = new OwnerlessList;
+  return *list;
+}
+
+}  // namespace
+
+Thread::Thread(RegisteredObject* owner) : ownerM(owner) {
+  if (ownerM == nullptr) {
+    OwnerlessList& list = ownerless();
+    std::lock_guard<std::mutex> lock(list.mutexM);
+    list.threadsM.push_back(this);
+  }
+}
+
+Thread::~Thread() {
+  stop();
+  if (ownerM == nullptr) {
+    OwnerlessList& list = ownerless();
+    std::lock_guard<std::mutex> lock(list.mutexM);
+    std::erase(list.threadsM, this);
+  }
+}
+
+bool Thread::start(std::function<void()> body) {
+  if (startedM || !body) return false;
+  startedM = true;
+  bodyM = std::move(body);
+  runningM.store(true);
+  try {
+    threadM = std::thread([this] { runBody(); });
+  } catch (const std::system_error&) {
+    // No thread could be made: report it as a failed start rather than let it escape.
+    bodyM = nullptr;
+    runningM.store(false);
+    return false;
+  }
+  std::unique_lock<std::mutex> lock(mutexM);
+  changedM.wait(lock, [this] { return enteredM; });
+  return true;
+}
+
+void Thread::stop() {
+  {
+    std::lock_guard<std::mutex> lock(mutexM);
+    cancelRequestedM = true;
+    interruptRequestedM = false;
+  }
+  changedM.notify_all();
+  // Joining itself would never return; the thread ends at its next serviceCancel() instead.
+  if (currentThread == this || !threadM.joinable()) return;
+  threadM.join();
+}
+
+void Thread::interrupt() {
+  std::lock_guard<std::mutex> lock(mutexM);
+  interruptRequestedM = true;
+}
+
+void Thread::resume() {
+  {
+    std::lock_guard<std::mutex> lock(mutexM);
+    interruptRequestedM = false;
+  }
+  changedM.notify_all();
+}
+
+Thread* Thread::current() { return currentThread; }
+
+void Thread::serviceInterrupt() {
+  Thread* self = currentThread;
+  if (self == nullptr) return;
+  std::unique_lock<std::mutex> lock(self->mutexM);
+  self->changedM.wait(lock, [self] { return !self->interruptRequestedM || self->cancelRequestedM; });
+}
+
+void Thread::serviceCancel() {
+  Thread* self = currentThread;
+  if (self == nullptr) return;
+  bool cancelled;
+  {
+    std::lock_guard<std::mutex> lock(self->mutexM);
+    cancelled = self->cancelRequestedM;
+  }
+  if (cancelled) throw CancelRequest{};
+}
+
+void Thread::sleepMs(unsigned milliseconds) {
+  Thread* self = currentThread;
+  if (self == nullptr) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+    return;
+  }
+  std::unique_lock<std::mutex> lock(self->mutexM);
+  self->changedM.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                          [self] { return self->cancelRequestedM; });
+}
+
+void Thread::releaseOwnerless() {
+  OwnerlessList& list = ownerless();
+  // A thread being stopped may itself make owner-less threads, so take turns until none is left.
+  while (true) {
+    std::vector<Thread*> threads;
+    {
+      std::lock_guard<std::mutex> lock(list.mutexM);
+      threads.swap(list.threadsM);
+    }
+    if (threads.empty()) return;
+    // Deleted outside the lock: each destructor takes it to remove itself (and finds nothing).
+    for (Thread* thread : threads) delete thread;
+  }
+}
+
+void Thread::runBody() {
+  // Runs on every way out, also when the thread is ended by a forced unwind we must let pass.
+  // The body is dropped here, on the thread itself, so that once the thread has ended nothing
+  // refers to the code of a plug-in library that may be unloaded next.
+  struct EndOfThread {
+    Thread* self;
+    ~EndOfThread() {
+      self->bodyM = nullptr;
+      currentThread = nullptr;
+      self->runningM.store(false);
+    }
+  };
+
+  currentThread = this;
+  {
+    std::lock_guard<std::mutex> lock(mutexM);
+    enteredM = true;
+  }
+  changedM.notify_all();
+
+  EndOfThread end{this};
+  try {
+    bodyM();
+  } catch (const CancelRequest&) {
+    // The requested end.
+  } catch (const abi::__forced_unwind&) {
+    // pthread_exit or a thread library's cancellation: swallowing it would abort the process.
+    throw;
+  } catch (...) {
+    // A body that fails ends its thread only; the process and its other threads go on.
+  }
+}
+
+}  // namespace BAS
