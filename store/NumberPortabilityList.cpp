@@ -1,0 +1,86 @@
+#include "store/NumberPortabilityList.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <new>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+namespace DAT::NumberPortability {
+
+namespace {
+
+// Blanks only, as BAS::String::trim: a tabulator would not survive the data file's split anyway.
+std::string_view trimBlanks(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(' ');
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+constexpr std::size_t dateWidthCM = 14;
+constexpr std::string_view columnGapCM = "  ";
+
+}  // namespace
+
+NumberPortabilityData& NumberPortabilityList::growAround(std::uint32_t gap) {
+  // A count that no longer fits is an array that cannot be had: report it like any other
+  // allocation failure.
+  if (countM == std::numeric_limits<std::uint32_t>::max()) throw std::bad_array_new_length();
+  const std::uint32_t newCount = countM + 1;
+  auto grown = std::make_unique<NumberPortabilityData[]>(newCount);
+  for (std::uint32_t i = 0; i < gap; ++i) grown[i] = recordsM[i];
+  for (std::uint32_t i = gap; i < countM; ++i) grown[i + 1] = recordsM[i];
+  delete[] recordsM;
+  recordsM = grown.release();
+  countM = newCount;
+  return recordsM[gap];
+}
+
+bool NumberPortabilityList::insertAt(const NumberPortabilityData& record) {
+  std::uint32_t position = 0;
+  for (const NumberPortabilityData& stored : records()) {
+    if (stored == record) return false;
+    if (stored < record) break;
+    ++position;
+  }
+  growAround(position) = record;
+  return true;
+}
+
+void NumberPortabilityList::insert(const NumberPortabilityData& record) { growAround(countM) = record; }
+
+void NumberPortabilityList::printTree(std::ostream& out, const BAS::String& number) const {
+  const std::string_view key = trimBlanks(number.view());
+  // Lines of ordinary numbers fit on the stack; the dump rewrites data files of millions of
+  // lines, so a line costs no allocation unless the number or operator is unusually long.
+  char shortLine[96];
+  std::string longLine;
+  for (const NumberPortabilityData& record : records()) {
+    const std::string_view networkOperator = trimBlanks(record.networkOperatorM.view());
+    char date[dateWidthCM];
+    const std::size_t dateLength = record.validFromM.writeCompact(date);
+    const std::size_t length =
+        key.size() + columnGapCM.size() + dateLength + columnGapCM.size() + networkOperator.size() + 1;
+    char* line = shortLine;
+    if (length > sizeof shortLine) {
+      longLine.resize(length);
+      line = longLine.data();
+    }
+    char* end = line;
+    const auto append = [&end](std::string_view part) { end = std::copy(part.begin(), part.end(), end); };
+    append(key);
+    append(columnGapCM);
+    append(std::string_view(date, dateLength));
+    append(columnGapCM);
+    append(networkOperator);
+    *end = '\n';
+    out.write(line, static_cast<std::streamsize>(length));
+    out.flush();
+  }
+}
+
+}  // namespace DAT::NumberPortability

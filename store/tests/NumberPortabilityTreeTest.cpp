@@ -1,0 +1,190 @@
+#include "store/NumberPortabilityTree.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace DAT::NumberPortability {
+namespace {
+
+BAS::DateTime at(std::string_view digits) { return BAS::DateTime(digits); }
+
+NumberPortabilityData record(std::string_view digits, std::string_view networkOperator) {
+  return NumberPortabilityData(at(digits), BAS::SimpleString(networkOperator));
+}
+
+// The operator found, or nullopt on a miss (after checking that a miss left the result alone).
+std::optional<std::string> find(const NumberPortabilityTree& tree, const char* number, std::string_view date,
+                                std::uint32_t method) {
+  NumberPortabilityData result = record("19000101000000", "UNTOUCHED");
+  if (tree.search(number, at(date), result, method)) return std::string(result.networkOperatorM.view());
+  EXPECT_EQ(result.networkOperatorM.view(), "UNTOUCHED");
+  return std::nullopt;
+}
+
+std::string dump(const NumberPortabilityTree& tree, bool withBanner) {
+  std::ostringstream out;
+  tree.printTree(out, withBanner);
+  return out.str();
+}
+
+const std::string bannerCM = std::string(59, '-') + "\n                 Number Portability Data\n" + std::string(59, '-') + "\n";
+
+class NumberPortabilityTreeTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(tree.insert("0049", record("20000101000000", "OPA"), true));
+    ASSERT_TRUE(tree.insert("004930", record("20150601000000", "OPB"), true));
+    ASSERT_TRUE(tree.insert("0049301234", record("20220201000000", "OPC"), true));
+  }
+
+  NumberPortabilityTree tree;
+};
+
+TEST_F(NumberPortabilityTreeTest, SearchMethodsAnswerAsTheirDefinitionsSay) {
+  using Tree = NumberPortabilityTree;
+  const std::optional<std::string> none;
+  struct Case {
+    const char* number;
+    const char* date;
+    std::optional<std::string> best, exact, anyPrefix;
+  };
+  const std::vector<Case> cases = {
+      {"0049301234", "20230101000000", "OPC", "OPC", "OPA"},
+      {"0049301234", "20200101000000", "OPB", none, "OPA"},
+      {"0049305555", "20200101000000", "OPB", none, "OPA"},
+      {"0049301234", "19990101000000", none, none, none},
+      {"0033123456", "20230101000000", none, none, none},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.number) + " at " + c.date);
+    EXPECT_EQ(find(tree, c.number, c.date, Tree::BEST_MATCH), c.best);
+    EXPECT_EQ(find(tree, c.number, c.date, Tree::EXACT_MATCH), c.exact);
+    EXPECT_EQ(find(tree, c.number, c.date, Tree::ANY_PREFIX_MATCH), c.anyPrefix);
+    // Unknown methods search as ANY_PREFIX_MATCH.
+    EXPECT_EQ(find(tree, c.number, c.date, 7), c.anyPrefix);
+  }
+}
+
+TEST_F(NumberPortabilityTreeTest, SkipsSeparatorsInTheSearchedNumber) {
+  EXPECT_EQ(find(tree, "0049-301-234", "20230101000000", NumberPortabilityTree::EXACT_MATCH), "OPC");
+}
+
+TEST_F(NumberPortabilityTreeTest, CountsAcceptedRecordsOnlyAndRefusesNumbersWithoutDigits) {
+  EXPECT_EQ(tree.recordCount(), 3U);
+  EXPECT_FALSE(tree.insert("0049", record("20000101000000", "OPX"), true));
+  EXPECT_EQ(tree.recordCountM, 3U);
+  EXPECT_EQ(find(tree, "0049", "20000101000000", NumberPortabilityTree::EXACT_MATCH), "OPA");
+
+  EXPECT_FALSE(tree.insert("+-", record("20000101000000", "OPX"), true));
+  EXPECT_FALSE(tree.insert("", record("20000101000000", "OPX"), false));
+  EXPECT_EQ(tree.recordCount(), 3U);
+  EXPECT_EQ(find(tree, "0033", "20230101000000", NumberPortabilityTree::ANY_PREFIX_MATCH), std::nullopt);
+
+  // Unordered insertion appends without the duplicate check.
+  EXPECT_TRUE(tree.insert("0049", record("20000101000000", "OPX"), false));
+  EXPECT_EQ(tree.recordCount(), 4U);
+}
+
+TEST_F(NumberPortabilityTreeTest, ClearAndDestroyLeavesAnEmptyUsableTree) {
+  tree.clearAndDestroy();
+  EXPECT_EQ(tree.recordCount(), 0U);
+  EXPECT_EQ(tree.nodeCount(), 1U);
+  EXPECT_EQ(find(tree, "0049301234", "20230101000000", NumberPortabilityTree::BEST_MATCH), std::nullopt);
+  EXPECT_EQ(dump(tree, false), "");
+
+  ASSERT_TRUE(tree.insert("0033", record("20100101000000", "OPF"), true));
+  EXPECT_EQ(tree.recordCount(), 1U);
+  EXPECT_EQ(find(tree, "00331", "20230101000000", NumberPortabilityTree::BEST_MATCH), "OPF");
+}
+
+TEST_F(NumberPortabilityTreeTest, PrintedDataReadsBackAsTheSameRecords) {
+  ASSERT_TRUE(tree.insert("004930", record("20100101000000", "OPD"), true));
+  ASSERT_TRUE(tree.insert("004930", record("20200101000000", "OPE"), true));
+  const std::string printed = dump(tree, false);
+  EXPECT_EQ(printed,
+            "0049  20000101000000  OPA\n"
+            "004930  20200101000000  OPE\n"
+            "004930  20150601000000  OPB\n"
+            "004930  20100101000000  OPD\n"
+            "0049301234  20220201000000  OPC\n");
+  EXPECT_EQ(dump(tree, true), bannerCM + printed);
+
+  NumberPortabilityTree copy;
+  std::istringstream lines(printed);
+  std::string line;
+  while (std::getline(lines, line)) {
+    const std::vector<BAS::String> fields = BAS::String(line).split();
+    ASSERT_EQ(fields.size(), 3U) << line;
+    EXPECT_TRUE(copy.insert(fields[0], NumberPortabilityData(BAS::DateTime(fields[1]), BAS::SimpleString(fields[2].view())), true));
+  }
+  EXPECT_EQ(copy.recordCount(), tree.recordCount());
+  EXPECT_EQ(dump(copy, false), printed);
+}
+
+TEST_F(NumberPortabilityTreeTest, CopyHoldsTheSameRecordsInTheSameOrder) {
+  NumberPortabilityTree copy;
+  copy.insert("0033999", record("20200101000000", "STALE"), true);
+  copy.copyFrom(tree);
+  EXPECT_EQ(dump(copy, false), dump(tree, false));
+  EXPECT_EQ(copy.recordCount(), tree.recordCount());
+  EXPECT_EQ(find(copy, "0049305555", "20200101000000", NumberPortabilityTree::BEST_MATCH), "OPB");
+  EXPECT_EQ(find(copy, "0033999", "20230101000000", NumberPortabilityTree::EXACT_MATCH), std::nullopt);
+}
+
+TEST(NumberPortabilityTree, NewTreeFindsNothingAndDumpsTheBannerOnly) {
+  const NumberPortabilityTree tree;
+  EXPECT_EQ(tree.recordCountM, 0U);
+  for (std::uint32_t method : {0U, 1U, 2U}) {
+    EXPECT_EQ(find(tree, "0049", "20230101000000", method), std::nullopt);
+  }
+  EXPECT_EQ(dump(tree, true), bannerCM);
+  EXPECT_EQ(dump(tree, false), "");
+}
+
+TEST(NumberPortabilityTree, BestMatchFallsBackThroughMorePrefixesThanItsInlineRoom) {
+  NumberPortabilityTree tree;
+  std::string number;
+  for (int length = 1; length <= 40; ++length) {
+    number += static_cast<char>('0' + length % 10);
+    // Only the shortest prefix holds in 2001; each longer one starts a year later.
+    ASSERT_TRUE(tree.insert(BAS::String(number), record(std::to_string(2000 + length) + "0101000000", "P" + std::to_string(length)), true));
+  }
+  EXPECT_EQ(find(tree, number.c_str(), "20010601000000", NumberPortabilityTree::BEST_MATCH), "P1");
+  EXPECT_EQ(find(tree, number.c_str(), "20300601000000", NumberPortabilityTree::BEST_MATCH), "P30");
+  EXPECT_EQ(find(tree, number.c_str(), "20991231000000", NumberPortabilityTree::BEST_MATCH), "P40");
+}
+
+TEST(NumberPortabilityTree, HandlesAKeyOfAMillionDigits) {
+  std::string digits(1'000'000, '0');
+  for (std::size_t i = 0; i < digits.size(); i += 7) digits[i] = static_cast<char>('0' + i % 10);
+  const BAS::String number(digits);
+
+  NumberPortabilityTree tree;
+  ASSERT_TRUE(tree.insert(number, record("20200101000000", "DEEP"), true));
+  ASSERT_TRUE(tree.insert(BAS::String(digits.substr(0, 500'000)), record("20100101000000", "HALF"), true));
+  EXPECT_EQ(tree.nodeCount(), digits.size() + 1);
+
+  NumberPortabilityData result;
+  ASSERT_TRUE(tree.search(number, at("20190101000000"), result, NumberPortabilityTree::BEST_MATCH));
+  EXPECT_EQ(result.networkOperatorM.view(), "HALF");
+  ASSERT_TRUE(tree.search(number, at("20210101000000"), result, NumberPortabilityTree::EXACT_MATCH));
+  EXPECT_EQ(result.networkOperatorM.view(), "DEEP");
+  ASSERT_TRUE(tree.search(number, at("20210101000000"), result, NumberPortabilityTree::ANY_PREFIX_MATCH));
+  EXPECT_EQ(result.networkOperatorM.view(), "HALF");
+
+  const std::string printed = dump(tree, false);
+  EXPECT_EQ(printed, digits.substr(0, 500'000) + "  20100101000000  HALF\n" + digits + "  20200101000000  DEEP\n");
+
+  tree.clearAndDestroy();
+  EXPECT_EQ(tree.nodeCount(), 1U);
+  ASSERT_TRUE(tree.insert(number, record("20200101000000", "AGAIN"), true));
+}  // and the destructor takes the deep key apart once more
+
+}  // namespace
+}  // namespace DAT::NumberPortability
