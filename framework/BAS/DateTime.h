@@ -29,6 +29,8 @@ public:
   // length, a non-digit, month 13, 30 February, 31 April, hour 24, minute or second 60) is invalid.
   explicit DateTime(const String& text) noexcept : DateTime(text.view()) {}
   explicit DateTime(std::string_view text) noexcept;
+  // Without it a literal would be ambiguous between the two above.
+  explicit DateTime(const char* text) noexcept : DateTime(std::string_view(text ? text : "")) {}
 
   static DateTime fromSecs(Secs secs) noexcept { DateTime d; d.secsM = secs; return d; }
   static DateTime fromUnixTime(std::int64_t unixSecs) noexcept;

@@ -52,10 +52,14 @@ public:
   void setProbeDirectory(const String& directory);
   String probeDirectory() const;
 
-  // Object directory. registerObject is false when the name is taken or empty.
+  // Object directory. registerObject is false when the name is taken, empty or the root
+  // object's. deliverRequest and deliverMessage call the receiver without holding mutexM.
   bool registerObject(const String& name, RegisteredObject* object);
   void unregisterObject(const String& name, RegisteredObject* object);
   RegisteredObject* findObject(const String& name) const;
+  // Unregisters from `framework` only if that framework still exists: an object may end after
+  // the framework it registered with.
+  static void unregisterIfLive(Framework* framework, const String& name, RegisteredObject* object);
 
   bool deliverRequest(Message& request);
   bool deliverMessage(Message& message);
@@ -74,7 +78,7 @@ private:
   std::function<bool(Message&)> rootRequestHandlerM;   // guarded by mutexM
   String probeDirectoryM;                               // guarded by mutexM
   std::vector<InstrumentationProbeGroup*> probeGroupsM; // guarded by mutexM; owned
-  Framework* previousM;
+  Framework* previousM;  // the framework that was current before this one; guarded by a lock of Framework.cpp
 };
 
 }  // namespace BAS

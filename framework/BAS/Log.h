@@ -2,6 +2,9 @@
 // format for people (the default) or as JSON Lines for tools, handed to each attached sink
 // and flushed at once. Thread-safe: lines from different threads never interleave.
 //
+// Text lines: `TIME SEVERITY(n) OBJECT ID ["arg", ...] TEXT` for statuses and
+// `TIME EVENT SENDER -> RECEIVER ID ["arg"] delivered|not-delivered` for events; arguments are
+// quoted and escaped as in JSON, names and text have control bytes escaped, an empty name is "".
 // JSON members: status lines {"time","kind":"status","object","id","severity","args","text"};
 // event lines {"time","kind":"event","sender","receiver","id","args","delivered"}. The time is
 // ISO 8601 UTC with milliseconds. Every byte that JSON requires escaped is escaped, and bytes
@@ -39,6 +42,10 @@ public:
 
   // The line of a record in a format, without a line end.
   static std::string formatLine(const LogRecord& record, Format format);
+  // The records that writeStatus and writeEvent hand to the sinks, stamped with the current
+  // time; for callers that must report without a log (no framework).
+  static LogRecord statusRecord(const Status& status);
+  static LogRecord eventRecord(const Message& message, bool delivered);
 
 private:
   void dispatch(const LogRecord& record);

@@ -16,6 +16,7 @@
 
 namespace BAS {
 
+class Framework;
 class Message;
 class RegistryEntry;
 
@@ -83,6 +84,7 @@ private:
   bool isRegisteredM GUARDED_BY(isRegisteredLockerCM) = false;
   bool isValidM GUARDED_BY(isValidLockerCM) = false;
   Status statusM GUARDED_BY(statusLockerCM);
+  Framework* frameworkM = nullptr;  // the framework it registered with; set at construction
 };
 
 }  // namespace BAS

@@ -29,6 +29,8 @@ public:
   const RegistryEntry* findPath(const String& dottedPath) const;
   // Adds a child, or returns the existing child of that name (its value then unchanged).
   RegistryEntry& child(const String& name);
+  // The child of that name with its value set to `value`, added when missing: a key is set
+  // once, however often it is written.
   RegistryEntry& add(const String& name, const String& value);
 
   const std::vector<std::unique_ptr<RegistryEntry>>& children() const { return childrenM; }

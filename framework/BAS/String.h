@@ -49,6 +49,8 @@ public:
 
   bool startsWith(std::string_view prefix) const { return textM.starts_with(prefix); }
   bool startsWith(const String& prefix) const { return textM.starts_with(prefix.textM); }
+  // Without it a literal prefix would be ambiguous between the two above.
+  bool startsWith(const char* prefix) const { return textM.starts_with(prefix ? prefix : ""); }
 
   void assign(const char* text, std::size_t length) { textM.assign(text, length); }
   void clear() { textM.clear(); }
@@ -58,6 +60,7 @@ public:
   }
   String& operator+=(const String& other) { textM += other.textM; return *this; }
   String& operator+=(std::string_view other) { textM += other; return *this; }
+  String& operator+=(const char* other) { textM += other; return *this; }
   String& operator+=(char c) { textM += c; return *this; }
   std::string& mutableStr() { return textM; }
 

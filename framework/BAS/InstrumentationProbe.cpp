@@ -1,0 +1,7 @@
+#include "BAS/InstrumentationProbe.h"
+
+namespace BAS {
+
+InstrumentationProbe::~InstrumentationProbe() = default;
+
+}  // namespace BAS

@@ -1,0 +1,128 @@
+#include "BAS/MessageCatalogue.h"
+
+#include <algorithm>
+#include <string_view>
+#include <unordered_map>
+
+namespace BAS {
+
+namespace {
+
+struct CatalogueEntry {
+  std::string_view id;
+  const char* text;
+};
+
+// The one table of message texts. {n} stands for the n-th argument. Location texts that the
+// data file parser passes already end in ". ", so the sentences after them start directly.
+// Whoever adds identifiers adds them here.
+constexpr CatalogueEntry entriesCM[] = {
+    // The framework's own messages.
+    {"ERR_PROBE_INFO_FILE", "The probe information file {1} cannot be used: {2}."},
+
+    // The number portability data plug-in: data file lines.
+    {"ERR_NUMBER_OF_FIELDS_IN_RECORD", "{4}The record has {1} fields instead of {2} and is skipped: \"{3}\"."},
+    {"ERR_INVALID_DATETIME", "{1}The date-time '{2}' of the number {3} is not valid; the record is skipped."},
+    {"ERR_DUPLICATE_NUMPORTDATA", "{1}The number {2} already has a record valid from {3}; the record is skipped."},
+
+    // Loading and files.
+    {"INF_FILE_CLOSED", "The file {1} was closed."},
+    {"INF_FILE_EOF", "The end of the file {1} was reached."},
+    {"ERR_FILE_READ_ERR", "Reading the file {1} failed before its end."},
+    {"INF_DELETE_OLD_DATA", "{1}: the new number portability data is in use and the old data was deleted."},
+    {"ERR_CLOSE_NP_FILE", "The number portability data file {1} could not be closed."},
+    {"ERR_OBJ_NOT_INITIALIZED", "An object of the class {1} was not initialised and cannot be used."},
+    {"INF_LOAD_DATA", "{1}: loading the number portability data."},
+    {"INF_NUM_NPORT_LOADED", "{1} number portability records were loaded."},
+
+    // Registry configuration and file checks.
+    {"ERR_REG_SUBTREE_NOT_FOUND", "The registry has no subtree for {1}."},
+    {"ERR_REG_NAME_NOT_FOUND", "The mandatory registry key {1} is missing."},
+    {"ERR_REG_VALUE_INVALID", "The registry key {1} has the invalid value '{2}'."},
+    {"ERR_FILE_NOT_FOUND", "The file {1} was not found."},
+    {"ERR_OPEN_FILE_FAILED", "The file {1} exists but could not be opened."},
+    {"INF_FILE_OPENED", "The file {1} was opened."},
+
+    // Run-time registry updates and worker requests.
+    {"ERR_INVALID_REG_ENTRIES", "The registry update was refused: {1}"},
+    {"ERR_INVALID_REG_VALUE", "The value '{1}' of the registry key {2} is not valid."},
+    {"INF_RELOAD_DATA", "{1}: reloading the number portability data."},
+    {"INF_NUM_NPORT_RELOADED", "{1} number portability records were reloaded."},
+    {"INF_ADD_DATA", "{1}: adding number portability data."},
+    {"INF_NUM_NPORT_ADDED", "Number portability records added: {1}."},
+    {"ERR_NUM_PORT_RELOAD", "Reloading the number portability data from {1} failed."},
+    {"ERR_NUM_PORT_DELTALOAD", "Adding the number portability data of {1} failed."},
+    {"INF_NUM_PORT_PRINT_DATA", "{1} number portability records were printed to {2}."},
+    {"ERR_NUM_PORT_PRINT_DATA", "Printing the number portability data to '{1}' failed."},
+};
+
+const std::unordered_map<std::string_view, const char*>& index() {
+  static const std::unordered_map<std::string_view, const char*> byId = [] {
+    std::unordered_map<std::string_view, const char*> map;
+    for (const CatalogueEntry& entry : entriesCM) map.emplace(entry.id, entry.text);
+    return map;
+  }();
+  return byId;
+}
+
+void appendJoined(std::string& out, const std::vector<String>& args, const std::vector<bool>& skip) {
+  bool first = true;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (i < skip.size() && skip[i]) continue;
+    out += first ? "" : ", ";
+    out += args[i].str();
+    first = false;
+  }
+}
+
+}  // namespace
+
+const char* MessageCatalogue::templateOf(const String& id) {
+  const auto& byId = index();
+  const auto found = byId.find(id.view());
+  return found == byId.end() ? nullptr : found->second;
+}
+
+String MessageCatalogue::text(const String& id, const std::vector<String>& args) {
+  const char* pattern = templateOf(id);
+  std::string out;
+  if (pattern == nullptr) {
+    out = id.str();
+    if (!args.empty()) {
+      out += ": ";
+      appendJoined(out, args, {});
+    }
+    return String(std::move(out));
+  }
+
+  // A placeholder whose argument is missing (an optional one) becomes empty.
+  std::vector<bool> placed(args.size(), false);
+  const std::string_view text(pattern);
+  std::size_t i = 0;
+  while (i < text.size()) {
+    if (text[i] == '{') {
+      std::size_t j = i + 1;
+      std::size_t number = 0;
+      while (j < text.size() && j - i <= 3 && text[j] >= '0' && text[j] <= '9') {
+        number = number * 10 + static_cast<std::size_t>(text[j++] - '0');
+      }
+      if (j > i + 1 && j < text.size() && text[j] == '}' && number >= 1) {
+        if (number <= args.size()) {
+          out += args[number - 1].str();
+          placed[number - 1] = true;
+        }
+        i = j + 1;
+        continue;
+      }
+    }
+    out += text[i++];
+  }
+  if (std::find(placed.begin(), placed.end(), false) != placed.end()) {
+    out += " (";
+    appendJoined(out, args, placed);
+    out += ')';
+  }
+  return String(std::move(out));
+}
+
+}  // namespace BAS
