@@ -1,0 +1,113 @@
+// DAT::NumberPortability::CacheManager owns the portability data that the plug-in serves: two
+// trees with the same records, the active one that lookups and dumps read and a standby one in
+// which loads, reloads and delta loads build their change before the two are exchanged.
+//
+// Thread contract: search() may run in any number of threads at once. load, cacheReload,
+// cacheDeltaLoad and printData must not run at the same time as one another; the plug-in
+// serialises them. Lookups wait only while the two tree pointers are exchanged.
+#pragma once
+
+#include "BAS/DateTime.h"
+#include "BAS/ReadLocker.h"
+#include "BAS/RWLock.h"
+#include "BAS/String.h"
+#include "BAS/ThreadAnnotations.h"
+#include "STR/FileIoTurbo.h"
+#include "cache/KeptLines.h"
+#include "store/NumberPortabilityData.h"
+#include "store/NumberPortabilityTree.h"
+
+#include <vector>
+
+namespace DAT::NumberPortability {
+
+class PlugIn;
+
+class CacheManager {
+public:
+  // Keeps references to the four codes (the plug-in's own fields, which outlive the manager)
+  // and copies the file name and the number of columns.
+  CacheManager(PlugIn* plugIn, const BAS::String& nationalAccessCode, const BAS::String& internationalAccessCode,
+               const BAS::String& countryCode, const BAS::String& internationalAccessCodeSign,
+               unsigned int numberOfColumns, const BAS::String& fileName);
+  virtual ~CacheManager();
+  CacheManager(const CacheManager&) = delete;
+  CacheManager& operator=(const CacheManager&) = delete;
+
+  // Initial load of the main data file into both trees, before lookups begin. False when the
+  // file check fails or reading fails before the end of the file.
+  bool load();
+  // Full reload of the main data file. False when the file check fails, when the file gave no
+  // good last line and `reuseOnFailure` is false (the old data then stays active), or when
+  // closing the reader fails.
+  bool cacheReload(const bool& reuseOnFailure);
+  // Adds the records of a delta file to both trees and rewrites the main data file with the
+  // merged data. False when the file check fails or closing the main data reader fails.
+  bool cacheDeltaLoad(const BAS::String& deltaFileName);
+
+  // The record that holds for `number` (in stored form; not normalised here) at `dateTime`
+  // with the search method; false and `result` untouched when none holds.
+  bool search(const BAS::String& number, const BAS::DateTime& dateTime, NumberPortabilityData& result,
+              unsigned int searchMethod) {
+    BAS::ReadLocker locker(cacheLockM);
+    return activeTreeM->search(number, dateTime, result, searchMethod);
+  }
+
+  // Dumps the active tree with banner to standard output (a name equal to BAS::NULL_STRING)
+  // or to the named file, replacing it. Always true.
+  bool printData(const BAS::String& fileName);
+
+  // Parses one data line and inserts its record into `tree`; reports a rejected line. False
+  // when the line has the wrong number of fields or an unreadable date-time; true when the
+  // record was inserted or refused as a duplicate.
+  bool insertCache(NumberPortabilityTree* tree, const BAS::String& line, unsigned long lineNumber,
+                   bool orderedInsert, STR::FileIoTurbo& reader);
+
+  // Brings a number to the stored form: international access code, country code, national
+  // number. Reads the plug-in's current codes on every call.
+  void normalize(BAS::String& number) const;
+
+private:
+  // The operation in progress is the only writer of the tree pointers, so it may read them
+  // without the lock; lookups only ever read them too.
+  NumberPortabilityTree* active() const NO_THREAD_SAFETY_ANALYSIS { return activeTreeM; }
+  NumberPortabilityTree* standby() const NO_THREAD_SAFETY_ANALYSIS { return standbyTreeM; }
+  void exchangeTrees();
+  // Reads the rest of the reader's file into `tree` by the reading rule, keeping every
+  // processed line; the result of insertCache for the last processed line (false if none).
+  bool readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reader, KeptLines& kept);
+  // Inserts the kept lines into `tree`, numbered from 1, as the second pass of an operation.
+  void insertKeptLines(NumberPortabilityTree* tree, const KeptLines& lines, STR::FileIoTurbo& reader);
+  // Makes the standby tree hold the active tree's records again after a reload that failed
+  // without reuse had emptied it.
+  void restoreStandby();
+
+  BAS::String fileNameM;
+  STR::FileIoTurbo dataFileReaderM;
+  STR::FileIoTurbo deltaFileReaderM;
+  const BAS::String& nationalAccessCodeM;
+  const BAS::String& internationalAccessCodeM;
+  const BAS::String& countryCodeM;
+  const BAS::String& internationalAccessCodeSignM;
+  unsigned int numberOfColumnsM;
+
+public:
+  // The tree that lookups and dumps read, and the one in which changes are built. Both are
+  // owned and always distinct; the pointers are exchanged only under the write side of
+  // cacheLockM, by the one operation in progress.
+  NumberPortabilityTree* activeTreeM GUARDED_BY(cacheLockM);
+  NumberPortabilityTree* standbyTreeM GUARDED_BY(cacheLockM);
+  // Guards the two tree pointers: lookups and dumps hold the read side; the exchange and the
+  // plug-in's reading of the active tree's record count hold the write side.
+  BAS::RWLock cacheLockM;
+
+private:
+  PlugIn* plugInM;  // not owned; never null
+
+  // Used by the one operation in progress only (operations never overlap).
+  bool standbyStaleM = false;  // the standby tree was emptied by a reload that failed without reuse
+  std::vector<BAS::String> fieldsM;  // split fields of the line being parsed, reused across lines
+  BAS::String lineM;                 // the line being read, reused across lines
+};
+
+}  // namespace DAT::NumberPortability

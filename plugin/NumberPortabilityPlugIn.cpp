@@ -1,0 +1,155 @@
+#include "plugin/NumberPortabilityPlugIn.h"
+
+#include "BAS/Message.h"
+#include "BAS/MutexLocker.h"
+#include "BAS/WriteLocker.h"
+
+namespace DAT::NumberPortability {
+
+const BAS::String PlugIn::registryFileNameCM("FileName");
+const BAS::String PlugIn::registryDeltaFileNameCM("DeltaFileName");
+const BAS::String PlugIn::registryCountryCodeCM("CountryCode");
+const BAS::String PlugIn::registryNationalAccessCodeCM("NationalAccessCode");
+const BAS::String PlugIn::registryInternationalAccessCodeCM("InternationalAccessCode");
+const BAS::String PlugIn::registryInternationalAccessCodeSignCM("InternationalAccessCodeSign");
+const BAS::String PlugIn::registrySearchMethodCM("SearchMethod");
+const BAS::String PlugIn::registryReloadCM("Reload");
+const BAS::String PlugIn::registryAdditionalNumPortDataCM("AdditionalNumPortData");
+const BAS::String PlugIn::registryPrintDataCM("PrintData");
+const BAS::String PlugIn::registryReuseOnFailureCM("ReuseOnFailure");
+const BAS::String PlugIn::defaultInternationalAccessCodeCM("00");
+const BAS::String PlugIn::defaultInternationalAccessCodeSignCM("+");
+
+PlugIn::PlugIn() {
+  reportStatus("ERR_OBJ_NOT_INITIALIZED", BAS::Status::CRITICAL, "DAT::NumberPortability::PlugIn");
+  setValidNow(false);
+}
+
+PlugIn::PlugIn(const BAS::String& name, const BAS::String& version) : PLG::DataPlugIn(name, version) {
+  bool registered;
+  {
+    BAS::MutexLocker locker(isRegisteredLockerCM);
+    registered = isRegistered();
+  }
+  setValidNow(registered);
+  if (validNow()) setValidNow(readRegistry());
+  // Made whether or not the registry could be read, so that a failed construction still has
+  // a cache manager (with the file name as far as it was read) and later calls find one.
+  cacheManagerM = new CacheManager(this, nationalAccessCodeM, internationalAccessCodeM, countryCodeM,
+                                   internationalAccessCodeSignM, numberOfColumnsCM, fileNameM);
+  if (validNow()) setValidNow(evalEnvironment());
+  if (validNow()) setValidNow(initInstrumentationProbe());
+}
+
+PlugIn::~PlugIn() {
+  closeCheckReader();
+  // A started plug-in is stopped by the framework's shutdown before it is destroyed; should
+  // that not have happened, the worker must still end before the cache it uses goes away.
+  if (workerThreadM != nullptr && !stopWorkerM.load()) shutdown();
+  unLock();
+  delete cacheManagerM;
+}
+
+bool PlugIn::validNow() const {
+  BAS::MutexLocker locker(isValidLockerCM);
+  return isValid();
+}
+
+void PlugIn::setValidNow(bool valid) {
+  BAS::MutexLocker locker(isValidLockerCM);
+  setValid(valid);
+}
+
+BAS::String PlugIn::registeredName() const { return lockedName(); }
+
+void PlugIn::reportStatus(const char* messageId, BAS::Status::Severity severity, const BAS::String& argument) {
+  BAS::MutexLocker statusLocker(statusLockerCM);
+  BAS::String objectName;
+  {
+    BAS::MutexLocker nameLocker(nameLockerCM);
+    objectName = name();
+  }
+  status().set(objectName, messageId, severity, argument);
+  writeLog(status());
+}
+
+void PlugIn::reportStatus(const char* messageId, BAS::Status::Severity severity,
+                          const std::vector<BAS::String>& arguments) {
+  BAS::MutexLocker statusLocker(statusLockerCM);
+  BAS::String objectName;
+  {
+    BAS::MutexLocker nameLocker(nameLockerCM);
+    objectName = name();
+  }
+  status().set(objectName, messageId, severity, arguments);
+  writeLog(status());
+}
+
+bool PlugIn::evalEnvironment() {
+  BAS::String root;
+  {
+    BAS::MutexLocker locker(rootNameLockerCM);
+    root = rootNameCM;
+  }
+  BAS::Message request(registeredName(), root, "REQ_EVENTHANDLER_NAME", "");
+  if (sendRequest(request) && request.answer().size() == 1) eventHandlerNameM = request.answer().front();
+  return true;
+}
+
+bool PlugIn::init() {
+  // A default-constructed plug-in has nothing to load.
+  if (cacheManagerM == nullptr) return false;
+  reportStatus("INF_LOAD_DATA", BAS::Status::NORMAL, registeredName());
+  workerThreadM = new BAS::Thread(nullptr);
+  lock();
+  workerThreadM->start([this] { run(); });
+  bool loaded;
+  {
+    BAS::MutexLocker operation(operationLockM);
+    loaded = cacheManagerM->load();
+  }
+  if (!loaded) return false;
+  BAS::String count;
+  count.convert(recordCount());
+  reportStatus("INF_NUM_NPORT_LOADED", BAS::Status::NORMAL, count);
+  return true;
+}
+
+bool PlugIn::shutdown() {
+  stopWorkerM.store(true);
+  unLock();
+  if (workerThreadM != nullptr) workerThreadM->stop();
+  return true;
+}
+
+bool PlugIn::isUsable() {
+  bool valid;
+  {
+    BAS::MutexLocker usableLocker(isUsableLockerCM);
+    BAS::MutexLocker validLocker(isValidLockerCM);
+    valid = isValid();
+  }
+  return valid && usableM.load();
+}
+
+void PlugIn::lock() { wakeUpLockM.take(); }
+
+void PlugIn::unLock() { wakeUpLockM.give(); }
+
+std::uint32_t PlugIn::recordCount() {
+  BAS::WriteLocker locker(cacheManagerM->cacheLockM);
+  return cacheManagerM->activeTreeM->recordCountM;
+}
+
+void PlugIn::sendEvent(const char* eventName) {
+  BAS::Message event(registeredName(), eventHandlerNameM, eventName, "");
+  sendMessage(event);
+}
+
+void PlugIn::closeCheckReader() {
+  if (!fileIoM.isOpen()) return;
+  fileIoM.closeFile();
+  reportStatus("INF_FILE_CLOSED", BAS::Status::NORMAL, fileIoM.fileName());
+}
+
+}  // namespace DAT::NumberPortability
