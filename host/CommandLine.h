@@ -1,0 +1,41 @@
+// Host::CommandLine reads nphost's arguments: a subcommand (script now; run and ctl fit beside
+// it) with its registry file and the options that override the registry's [Framework] table.
+// It prints nothing itself: help and version text and errors come back as text. One thread.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace Host {
+
+class CommandLine {
+public:
+  struct Options {
+    enum class Mode { SCRIPT };
+    Mode mode = Mode::SCRIPT;
+    std::string registryFile;
+    std::optional<std::string> logFile;
+    std::optional<std::string> logFormat;  // "text" or "json" once parsed
+    std::optional<std::string> name;
+    std::optional<std::string> pluginDirectory;
+    std::optional<std::string> probeDirectory;
+  };
+
+  // True when a subcommand is to run with options(). False when the program ends here with
+  // exitStatus(): 0 after --help or --version (the text in output()), 1 for a bad command line
+  // (one sentence starting "nphost: " in error()).
+  bool parse(int argc, const char* const* argv);
+
+  const Options& options() const { return optionsM; }
+  int exitStatus() const { return exitStatusM; }
+  const std::string& output() const { return outputM; }
+  const std::string& error() const { return errorM; }
+
+private:
+  Options optionsM;
+  int exitStatusM = 0;
+  std::string outputM;
+  std::string errorM;
+};
+
+}  // namespace Host

@@ -1,0 +1,164 @@
+#include "host/HostSession.h"
+
+#include "BAS/FileLogSink.h"
+#include "BAS/Framework.h"
+#include "BAS/MutexLocker.h"
+#include "BAS/RegisteredObject.h"
+#include "host/CommandInterpreter.h"
+#include "plugin/NumberPortabilityPlugIn.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+namespace Host {
+
+namespace {
+
+int fail(std::ostream& err, int status, const std::string& sentence) {
+  err << "nphost: " << sentence << (sentence.ends_with('.') ? "" : ".") << std::endl;
+  return status;
+}
+
+std::string names(const std::vector<RegistryFile::Instance>& instances) {
+  std::string result;
+  for (const auto& instance : instances) result += (result.empty() ? "" : ", ") + instance.name;
+  return result;
+}
+
+}  // namespace
+
+HostSession::HostSession(const CommandLine::Options& options, const std::string& executableDirectory)
+    : optionsM(options), executableDirectoryM(executableDirectory) {}
+
+HostSession::~HostSession() { finish(); }
+
+std::optional<std::string> HostSession::setting(const std::optional<std::string>& option, const char* key) const {
+  if (option) return option;
+  const std::string path = std::string(RegistryFile::frameworkTableCM) + "." + key;
+  const BAS::RegistryEntry* entry = frameworkM->registry().findPath(BAS::String(path));
+  if (entry == nullptr) return std::nullopt;
+  return entry->value().str();
+}
+
+bool HostSession::setUpLog(std::ostream& err) {
+  BAS::Log& log = frameworkM->log();
+  const auto format = setting(optionsM.logFormat, "LogFormat").value_or("text");
+  if (format != "text" && format != "json") {
+    fail(err, exitBadInputCM,
+         fmt::format("registry file '{}', line {}: Framework.LogFormat must be 'text' or 'json', not '{}'.",
+                     optionsM.registryFile, registryFileM.lineOf("Framework.LogFormat"), format));
+    return false;
+  }
+  log.setFormat(format == "json" ? BAS::Log::Format::JSON : BAS::Log::Format::TEXT);
+
+  const auto path = setting(optionsM.logFile, "Log").value_or("-");
+  auto sink = path == "-" ? std::make_shared<BAS::FileLogSink>() : std::make_shared<BAS::FileLogSink>(BAS::String(path));
+  if (!sink->ok()) {
+    fail(err, exitBadInputCM, fmt::format("cannot open the log file '{}' for appending: {}.", path, std::strerror(errno)));
+    return false;
+  }
+  log.addSink(sink);
+  countsM = std::make_shared<CountingLogSink>();
+  log.addSink(countsM);
+  return true;
+}
+
+int HostSession::start(std::ostream& err) {
+  std::error_code code;
+  if (std::filesystem::is_directory(optionsM.registryFile, code))
+    return fail(err, exitBadInputCM, fmt::format("the registry file '{}' is a folder", optionsM.registryFile));
+  std::ifstream file(optionsM.registryFile, std::ios::binary);
+  const std::string text = file ? std::string(std::istreambuf_iterator<char>(file), {}) : std::string();
+  if (!file || file.bad()) {
+    return fail(err, exitBadInputCM,
+                fmt::format("cannot read the registry file '{}': {}", optionsM.registryFile, std::strerror(errno)));
+  }
+
+  frameworkM = std::make_unique<BAS::Framework>();
+  if (!registryFileM.load(text, optionsM.registryFile, frameworkM->registry()))
+    return fail(err, exitBadInputCM, registryFileM.error());
+  if (!setUpLog(err)) return exitBadInputCM;
+  if (const auto handler = setting(std::nullopt, "EventHandler"))
+    frameworkM->setEventHandlerName(BAS::String(*handler));
+
+  const auto& instances = registryFileM.instances();
+  const RegistryFile::Instance* chosen = nullptr;
+  if (optionsM.name) {
+    for (const auto& instance : instances)
+      if (instance.name == *optionsM.name) chosen = &instance;
+    if (chosen == nullptr)
+      return fail(err, exitBadInputCM,
+                  fmt::format("the registry file '{}' has no plug-in instance named '{}' (instances: {}).",
+                              optionsM.registryFile, *optionsM.name, instances.empty() ? "none" : names(instances)));
+  } else if (instances.empty()) {
+    return fail(err, exitBadInputCM,
+                fmt::format("the registry file '{}' names no plug-in instance (a table with a Library key).",
+                            optionsM.registryFile));
+  } else if (instances.size() > 1) {
+    return fail(err, exitBadInputCM,
+                fmt::format("the registry file '{}' holds several plug-in instances ({}); choose one with --name.",
+                            optionsM.registryFile, names(instances)));
+  } else {
+    chosen = &instances.front();
+  }
+  instanceNameM = chosen->name;
+
+  const std::string besideExecutable =
+      (std::filesystem::path(executableDirectoryM) / ".." / "lib").lexically_normal().string();
+  const std::string pluginDirectory = setting(optionsM.pluginDirectory, "PluginDirectory").value_or(besideExecutable);
+  const auto location = PluginLibrary::locate(chosen->library, pluginDirectory);
+  if (!libraryM.open(location)) return fail(err, exitNoLibraryCM, libraryM.error());
+  const auto probeDirectory = setting(optionsM.probeDirectory, "ProbeDirectory").value_or(libraryM.directory());
+  frameworkM->setProbeDirectory(BAS::String(probeDirectory));
+
+  plugInM.reset(libraryM.create(BAS::String(instanceNameM)));
+  if (plugInM == nullptr)
+    return fail(err, exitInvalidObjectCM, fmt::format("the entry point '{}' made no plug-in object.", location.entryPoint));
+  return exitDoneCM;
+}
+
+int HostSession::runScript(std::istream& in, std::ostream& out, std::ostream& err) {
+  if (const int status = start(err); status != exitDoneCM) return status;
+
+  bool valid = false;
+  {
+    BAS::MutexLocker locker(BAS::RegisteredObject::isValidLockerCM);
+    valid = plugInM->isValid();
+  }
+  out << "construct valid=" << (valid ? "true" : "false") << std::endl;
+  if (!valid) {
+    plugInM.reset();
+    return fail(err, exitInvalidObjectCM,
+                fmt::format("the plug-in '{}' is not valid after construction; the log says why.", instanceNameM));
+  }
+
+  // nphost hosts the number-portability plug-in and nothing else, so the object that its entry
+  // point made is that class. Its type information is not exported, hence no dynamic_cast.
+  auto* plugIn = static_cast<DAT::NumberPortability::PlugIn*>(plugInM.get());
+  startedM = true;
+  out << "init result=" << (plugIn->init() ? "true" : "false") << std::endl;
+
+  CommandInterpreter interpreter(*plugIn, *countsM);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (const auto answer = interpreter.execute(line)) out << *answer << std::endl;
+    shutDownM = interpreter.isShutDown();
+  }
+  finish();
+  return exitDoneCM;
+}
+
+void HostSession::finish() {
+  if (plugInM != nullptr && startedM && !shutDownM) plugInM->shutdown();
+  shutDownM = true;
+  plugInM.reset();
+  frameworkM.reset();
+}
+
+}  // namespace Host

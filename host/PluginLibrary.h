@@ -1,0 +1,55 @@
+// Host::PluginLibrary is one loaded plug-in library: where a registry's Library value leads,
+// the dlopen handle, and the entry point that makes the plug-in object. The library stays
+// loaded until this object ends, which must be after every object made from its code (the
+// plug-in, and the probe values and the worker thread that the framework releases).
+// One thread.
+#pragma once
+
+#include "BAS/String.h"
+
+#include <string>
+
+namespace PLG {
+class DataPlugIn;
+}
+
+namespace Host {
+
+class PluginLibrary {
+public:
+  // The file to load and the entry point to call, derived from a Library value.
+  struct Location {
+    std::string path;
+    std::string entryPoint;
+  };
+
+  // A value with a '/' or ending in ".so" is a path (relative to the working directory); any
+  // other value X is the file libX.so in `pluginDirectory`. The entry point is the bare name
+  // (for a path: the file name without "lib" and ".so") followed by "ModuleStart".
+  static Location locate(const std::string& library, const std::string& pluginDirectory);
+
+  PluginLibrary() = default;
+  ~PluginLibrary();
+  PluginLibrary(const PluginLibrary&) = delete;
+  PluginLibrary& operator=(const PluginLibrary&) = delete;
+
+  // Loads the file and finds the entry point. False with error() saying which and why.
+  bool open(const Location& location);
+  const std::string& error() const { return errorM; }
+  // The directory of the loaded file; empty for the working directory.
+  std::string directory() const;
+
+  // Calls the entry point with the instance name; the caller owns the object (null when the
+  // entry point made none).
+  PLG::DataPlugIn* create(const BAS::String& name) const;
+
+private:
+  using EntryPoint = PLG::DataPlugIn* (*)(const BAS::String&);
+
+  void* handleM = nullptr;
+  EntryPoint entryPointM = nullptr;
+  std::string pathM;
+  std::string errorM;
+};
+
+}  // namespace Host
