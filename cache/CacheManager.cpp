@@ -16,15 +16,9 @@ namespace {
 // The second argument of every openFile in the program.
 constexpr long openModeCM = 8;
 
-BAS::String decimal(unsigned long number) {
-  BAS::String text;
-  text.convert(number);
-  return text;
-}
-
 BAS::String location(const char* prefix, unsigned long lineNumber, const STR::FileIoTurbo& reader) {
   BAS::String text(prefix);
-  text += decimal(lineNumber);
+  text += BAS::String::decimal(lineNumber);
   text += " in File '";
   text += reader.fileName();
   text += "'. ";
@@ -80,7 +74,7 @@ bool CacheManager::insertCache(NumberPortabilityTree* tree, const BAS::String& l
   line.split(fieldsM);
   if (fieldsM.size() != numberOfColumnsM) {
     plugInM->reportStatus("ERR_NUMBER_OF_FIELDS_IN_RECORD", BAS::Status::MINOR,
-                          {decimal(fieldsM.size()), decimal(numberOfColumnsM), line,
+                          {BAS::String::decimal(fieldsM.size()), BAS::String::decimal(numberOfColumnsM), line,
                            location("At Line# ", lineNumber, reader)});
     return false;
   }

@@ -62,19 +62,8 @@ void PlugIn::setValidNow(bool valid) {
 
 BAS::String PlugIn::registeredName() const { return lockedName(); }
 
-void PlugIn::reportStatus(const char* messageId, BAS::Status::Severity severity, const BAS::String& argument) {
-  BAS::MutexLocker statusLocker(statusLockerCM);
-  BAS::String objectName;
-  {
-    BAS::MutexLocker nameLocker(nameLockerCM);
-    objectName = name();
-  }
-  status().set(objectName, messageId, severity, argument);
-  writeLog(status());
-}
-
-void PlugIn::reportStatus(const char* messageId, BAS::Status::Severity severity,
-                          const std::vector<BAS::String>& arguments) {
+template <class Arguments>
+void PlugIn::report(const char* messageId, BAS::Status::Severity severity, const Arguments& arguments) {
   BAS::MutexLocker statusLocker(statusLockerCM);
   BAS::String objectName;
   {
@@ -83,6 +72,15 @@ void PlugIn::reportStatus(const char* messageId, BAS::Status::Severity severity,
   }
   status().set(objectName, messageId, severity, arguments);
   writeLog(status());
+}
+
+void PlugIn::reportStatus(const char* messageId, BAS::Status::Severity severity, const BAS::String& argument) {
+  report(messageId, severity, argument);
+}
+
+void PlugIn::reportStatus(const char* messageId, BAS::Status::Severity severity,
+                          const std::vector<BAS::String>& arguments) {
+  report(messageId, severity, arguments);
 }
 
 bool PlugIn::evalEnvironment() {

@@ -128,6 +128,10 @@ public:
   BAS::InstrumentationProbeGroup* probeGroup() const { return probeGroupM; }
 
 private:
+  // The reporting procedure: under the status lock, read the name under the name lock, set
+  // the status and write it to the log.
+  template <class Arguments>
+  void report(const char* messageId, BAS::Status::Severity severity, const Arguments& arguments);
   void postRequest(RequestType type, const BAS::String& value);
   // The record count of the active tree, read under the write side of the cache lock.
   std::uint32_t recordCount();

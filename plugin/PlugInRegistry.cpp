@@ -20,12 +20,6 @@ BAS::String upperCased(const BAS::String& text) {
   return upper;
 }
 
-BAS::String decimal(unsigned long number) {
-  BAS::String text;
-  text.convert(number);
-  return text;
-}
-
 }  // namespace
 
 bool PlugIn::readRegistry() {
@@ -156,7 +150,7 @@ bool PlugIn::updateReload(const BAS::RegistryEntry* update, BAS::ProtectedBool& 
     closeCheckReader();
   }
   if (reloaded) {
-    reportStatus("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, decimal(recordCount()));
+    reportStatus("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, BAS::String::decimal(recordCount()));
     sendEvent("EVT::RELOAD_SUCCESSFUL");
     return true;
   }
@@ -183,11 +177,13 @@ bool PlugIn::updateDeltaLoad(const BAS::RegistryEntry* update, BAS::ProtectedBoo
     closeCheckReader();
   }
   if (loaded) {
-    reportStatus("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, decimal(after - before));
+    reportStatus("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, BAS::String::decimal(after - before));
     sendEvent("EVT::ADD_NUM_PORT_DATA_SUCCESSFUL");
     return true;
   }
-  if (counted && after != before) reportStatus("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, decimal(after - before));
+  if (counted && after != before) {
+    reportStatus("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, BAS::String::decimal(after - before));
+  }
   sendEvent("EVT::ADD_NUM_PORT_DATA_FAILED");
   return false;
 }

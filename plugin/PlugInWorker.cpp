@@ -18,12 +18,6 @@ bool equalsIgnoringCase(const BAS::String& text, std::string_view upper) {
   return true;
 }
 
-BAS::String decimal(unsigned long number) {
-  BAS::String text;
-  text.convert(number);
-  return text;
-}
-
 }  // namespace
 
 void PlugIn::postRequest(RequestType type, const BAS::String& value) {
@@ -82,7 +76,7 @@ void PlugIn::stopState(BAS::Thread* self) {
 void PlugIn::workReload(const BAS::String& value) {
   const bool reuseOnFailure = !equalsIgnoringCase(value, "FALSE");
   if (cacheManagerM != nullptr && cacheManagerM->cacheReload(reuseOnFailure)) {
-    reportStatus("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, decimal(recordCount()));
+    reportStatus("INF_NUM_NPORT_RELOADED", BAS::Status::NORMAL, BAS::String::decimal(recordCount()));
     sendEvent("EVT::RELOAD_SUCCESSFUL");
     return;
   }
@@ -96,7 +90,7 @@ void PlugIn::workDeltaLoad(const BAS::String& value) {
     if (cacheManagerM->cacheDeltaLoad(value)) {
       const std::uint32_t after = recordCount();
       if (after != before) {
-        reportStatus("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, decimal(after - before) + " : " + value);
+        reportStatus("INF_NUM_NPORT_ADDED", BAS::Status::NORMAL, BAS::String::decimal(after - before) + " : " + value);
       }
       sendEvent("EVT::ADD_NUM_PORT_DATA_SUCCESSFUL");
       return;
@@ -111,7 +105,7 @@ void PlugIn::workPrint(const BAS::String& value) {
   const BAS::String destination = console ? BAS::NULL_STRING : value;
   if (cacheManagerM != nullptr && cacheManagerM->printData(destination)) {
     reportStatus("INF_NUM_PORT_PRINT_DATA", BAS::Status::NORMAL,
-                 {decimal(recordCount()), console ? BAS::String("Console") : "File : " + value});
+                 {BAS::String::decimal(recordCount()), console ? BAS::String("Console") : "File : " + value});
     return;
   }
   reportStatus("ERR_NUM_PORT_PRINT_DATA", BAS::Status::MAJOR, value);

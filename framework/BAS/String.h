@@ -46,6 +46,8 @@ public:
 
   // Sets the text to the decimal form of `number`.
   String& convert(unsigned long number);
+  // The decimal form of `number`.
+  static String decimal(unsigned long number) { return String().convert(number); }
 
   bool startsWith(std::string_view prefix) const { return textM.starts_with(prefix); }
   bool startsWith(const String& prefix) const { return textM.starts_with(prefix.textM); }
