@@ -214,13 +214,23 @@ void Log::removeSink(const std::shared_ptr<LogSink>& sink) {
   sinksM.erase(std::remove(sinksM.begin(), sinksM.end(), sink), sinksM.end());
 }
 
+void Log::shorten(String& argument) {
+  if (argument.length() <= maxArgumentBytesCM) return;
+  const std::string_view text = argument.view();
+  // Cut before a character, never inside one, so the kept part stays valid UTF-8.
+  std::size_t cut = maxArgumentBytesCM;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  argument = String(std::string(text.substr(0, cut)) + fmt::format("... ({} bytes in all)", text.size()));
+}
+
 LogRecord Log::statusRecord(const Status& status) {
   LogRecord record;
   record.kind = LogRecord::Kind::STATUS;
   record.time = std::chrono::system_clock::now();
   record.id = status.messageId();
   record.args = status.arguments();
-  record.text = MessageCatalogue::text(status.messageId(), status.arguments());
+  for (String& argument : record.args) shorten(argument);
+  record.text = MessageCatalogue::text(status.messageId(), record.args);
   record.object = status.objectName();
   record.severity = status.severity();
   return record;
@@ -232,6 +242,7 @@ LogRecord Log::eventRecord(const Message& message, bool delivered) {
   record.time = std::chrono::system_clock::now();
   record.id = message.messageId();
   record.args = {message.argument()};
+  shorten(record.args.front());
   record.sender = message.sender();
   record.receiver = message.receiver();
   record.delivered = delivered;

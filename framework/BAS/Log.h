@@ -42,12 +42,17 @@ public:
 
   // The line of a record in a format, without a line end.
   static std::string formatLine(const LogRecord& record, Format format);
+  // An argument longer than this is cut to it in the log, with its full size added: a rejected
+  // data line of a hundred megabytes must not become a log line of that size.
+  static constexpr std::size_t maxArgumentBytesCM = 4096;
+
   // The records that writeStatus and writeEvent hand to the sinks, stamped with the current
-  // time; for callers that must report without a log (no framework).
+  // time, arguments shortened; for callers that must report without a log (no framework).
   static LogRecord statusRecord(const Status& status);
   static LogRecord eventRecord(const Message& message, bool delivered);
 
 private:
+  static void shorten(String& argument);
   void dispatch(const LogRecord& record);
 
   mutable std::mutex mutexM;
