@@ -7,6 +7,7 @@
 #include "host/WordSplitter.h"
 #include "plugin/NumberPortabilityPlugIn.h"
 
+#include <cctype>
 #include <charconv>
 #include <thread>
 
@@ -25,10 +26,18 @@ bool readNumber(const std::string& text, unsigned long long largest, unsigned lo
 
 const char* truth(bool value) { return value ? "true" : "false"; }
 
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    if (std::toupper(static_cast<unsigned char>(a[i])) != std::toupper(static_cast<unsigned char>(b[i]))) return false;
+  return true;
+}
+
 }  // namespace
 
-CommandInterpreter::CommandInterpreter(DAT::NumberPortability::PlugIn& plugIn, const CountingLogSink& counts)
-    : plugInM(plugIn), countsM(counts) {}
+CommandInterpreter::CommandInterpreter(DAT::NumberPortability::PlugIn& plugIn, const CountingLogSink& counts,
+                                       Mode mode)
+    : plugInM(plugIn), countsM(counts), modeM(mode) {}
 
 std::optional<std::string> CommandInterpreter::execute(std::string_view line) {
   const auto first = line.find_first_not_of(" \t\r");
@@ -37,6 +46,9 @@ std::optional<std::string> CommandInterpreter::execute(std::string_view line) {
   if (wordsM.empty()) return std::nullopt;
 
   const std::string& command = wordsM.front();
+  if (modeM == Mode::CONTROL) {
+    if (auto refused = refusal(wordsM)) return refused;
+  }
   if (command == "search") return search(wordsM);
   if (command == "usable") return usable(wordsM);
   if (command == "update") return update(wordsM);
@@ -95,9 +107,10 @@ std::string CommandInterpreter::await(const Words& words) {
   if (words.size() < 2 || words.size() > 4) return "error usage: await ID [COUNT [TIMEOUT_MS]]";
   unsigned long long count = 1;
   unsigned long long timeoutMs = defaultAwaitTimeoutMsCM;
+  const unsigned long long longest = modeM == Mode::CONTROL ? longestControlWaitMsCM : longestWaitMsCM;
   if (words.size() >= 3 && !readNumber(words[2], ~0ULL, count)) return "error COUNT must be a whole number";
-  if (words.size() == 4 && !readNumber(words[3], longestWaitMsCM, timeoutMs))
-    return "error TIMEOUT_MS must be a whole number of milliseconds up to " + std::to_string(longestWaitMsCM);
+  if (words.size() == 4 && !readNumber(words[3], longest, timeoutMs))
+    return "error TIMEOUT_MS must be a whole number of milliseconds up to " + std::to_string(longest);
   const bool reached = countsM.waitFor(words[1], static_cast<std::size_t>(count), std::chrono::milliseconds(timeoutMs));
   return "await " + words[1] + (reached ? " ok" : " timeout");
 }
@@ -117,6 +130,22 @@ std::string CommandInterpreter::shutdown(const Words& words) {
   if (shutDownM) return "error the plug-in is already shut down";
   shutDownM = true;
   return std::string("shutdown result=") + truth(plugInM.shutdown());
+}
+
+std::optional<std::string> CommandInterpreter::refusal(const Words& words) const {
+  const std::string& command = words.front();
+  if (command == "sleep" || command == "shutdown") return "error " + command + " is not available on the control socket";
+  // An empty PrintData value and the probe value NULL print to standard output, where the
+  // enriched records go.
+  bool toStandardOutput = false;
+  if (command == "update") {
+    for (std::size_t i = 1; i < words.size(); ++i)
+      toStandardOutput = toStandardOutput || words[i] == "PrintData" || words[i] == "PrintData=";
+  } else if (command == "probe" && words.size() >= 2 && words[1] == "printData") {
+    toStandardOutput = words.size() == 2 || equalsIgnoringCase(words[2], "NULL");
+  }
+  if (toStandardOutput) return "error printing to standard output is not available on the control socket; name a file";
+  return std::nullopt;
 }
 
 }  // namespace Host

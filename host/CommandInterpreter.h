@@ -1,7 +1,8 @@
 // Host::CommandInterpreter carries out one command line against a number-portability plug-in
 // and gives back the one answer line: lookups, usability, registry updates, probe writes,
-// waiting for log entries, sleeping and shut-down. The script reader uses it now and a control
-// socket can later. One caller at a time; the plug-in's own threads run meanwhile.
+// waiting for log entries, sleeping and shut-down. The script reader and the control socket of
+// `nphost run` use it; on the socket the commands that would stall or end the run are refused.
+// One caller at a time; the plug-in's own threads and the event record lookups run meanwhile.
 #pragma once
 
 #include "host/CountingLogSink.h"
@@ -19,8 +20,13 @@ namespace Host {
 
 class CommandInterpreter {
 public:
+  // SCRIPT takes every command. CONTROL, for a control socket beside a running enrichment,
+  // refuses "sleep" and "shutdown" (the run owns the plug-in's life), a print to standard
+  // output (which carries the enriched records) and waits beyond longestControlWaitMsCM.
+  enum class Mode { SCRIPT, CONTROL };
+
   // Neither is owned; both must outlive the interpreter.
-  CommandInterpreter(DAT::NumberPortability::PlugIn& plugIn, const CountingLogSink& counts);
+  CommandInterpreter(DAT::NumberPortability::PlugIn& plugIn, const CountingLogSink& counts, Mode mode = Mode::SCRIPT);
 
   // The answer to one line, without a line end; nullopt for a blank line or a comment (a line
   // whose first non-blank character is '#'). Failures answer "error ...", never throw.
@@ -32,6 +38,8 @@ public:
   // The longest wait that "await" and "sleep" accept, one day: longer ones are typing errors.
   static constexpr unsigned long long longestWaitMsCM = 86'400'000;
   static constexpr unsigned long long defaultAwaitTimeoutMsCM = 10'000;
+  // On the control socket a wait holds up the other connections, and the end of the run.
+  static constexpr unsigned long long longestControlWaitMsCM = 60'000;
 
 private:
   using Words = std::vector<std::string>;
@@ -43,9 +51,12 @@ private:
   std::string await(const Words& words);
   std::string sleep(const Words& words);
   std::string shutdown(const Words& words);
+  // The refusal of a command that CONTROL mode does not carry out; nullopt when it may run.
+  std::optional<std::string> refusal(const Words& words) const;
 
   DAT::NumberPortability::PlugIn& plugInM;
   const CountingLogSink& countsM;
+  Mode modeM;
   bool shutDownM = false;
   Words wordsM;  // reused across lines
 };

@@ -25,17 +25,49 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   app.set_version_flag("--version", std::string("nphost ") + NP_VERSION);
   app.require_subcommand(1);
 
-  std::string logFile, logFormat, name, pluginDirectory, probeDirectory;
+  std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket;
+  struct Shared {
+    CLI::Option* log;
+    CLI::Option* format;
+    CLI::Option* name;
+    CLI::Option* plugin;
+    CLI::Option* probe;
+  };
+  // script and run take the same registry and [Framework] overrides.
+  const auto addShared = [&](CLI::App* command) {
+    command->add_option("REGISTRY", optionsM.registryFile, "Registry file (TOML)")->required();
+    return Shared{
+        command->add_option("--log", logFile, "Log file, '-' for standard error (overrides Framework.Log)"),
+        command->add_option("--log-format", logFormat, "Log format: text or json (overrides Framework.LogFormat)"),
+        command->add_option("--name", name, "Plug-in instance to load when the registry holds several"),
+        command->add_option("--plugin-dir", pluginDirectory,
+                            "Where bare library names are looked up (overrides Framework.PluginDirectory)"),
+        command->add_option("--probe-dir", probeDirectory,
+                            "Where probe information files are read (overrides Framework.ProbeDirectory)")};
+  };
+
   CLI::App* script = app.add_subcommand(
       "script", "Create the plug-in, then run one command per line of standard input and print one answer per line");
-  script->add_option("REGISTRY", optionsM.registryFile, "Registry file (TOML)")->required();
-  auto* logOption = script->add_option("--log", logFile, "Log file, '-' for standard error (overrides Framework.Log)");
-  auto* formatOption = script->add_option("--log-format", logFormat, "Log format: text or json (overrides Framework.LogFormat)");
-  auto* nameOption = script->add_option("--name", name, "Plug-in instance to load when the registry holds several");
-  auto* pluginOption = script->add_option("--plugin-dir", pluginDirectory,
-                                          "Where bare library names are looked up (overrides Framework.PluginDirectory)");
-  auto* probeOption = script->add_option("--probe-dir", probeDirectory,
-                                         "Where probe information files are read (overrides Framework.ProbeDirectory)");
+  const Shared scriptOptions = addShared(script);
+
+  CLI::App* run = app.add_subcommand(
+      "run", "Enrich event records (NUMBER;DATETIME;...) with the operator found for each, in input order");
+  const Shared runOptions = addShared(run);
+  run->add_option("--input", optionsM.input, "Event records, one per line; '-' for standard input (default)");
+  run->add_option("--output", optionsM.output, "Enriched records; '-' for standard output (default)");
+  run->add_option("--threads", optionsM.threads, "Lookup threads (default: one per core)")
+      ->check(CLI::Range(1u, 1024u));
+  auto* delimiterOption = run->add_option("--delimiter", delimiter, "Field delimiter, one character (default ';')");
+  run->add_option("--control", controlSocket,
+                  "Unix domain socket (mode 0600) on which 'nphost ctl' sends commands while records flow");
+
+  CLI::App* ctl = app.add_subcommand("ctl", "Send one command to the control socket of a running 'nphost run' and print the answer");
+  ctl->add_option("SOCKET", controlSocket, "The socket given to 'nphost run --control'")->required();
+  ctl->add_option("COMMAND", optionsM.command, "The command and its arguments, e.g. update NumberPortability.Reload=TRUE")
+      ->required()
+      ->expected(-1);
+  // Arguments of the command may start with '-'; they are not options of ctl.
+  ctl->prefix_command();
 
   try {
     app.parse(argc, argv);
@@ -51,17 +83,36 @@ bool CommandLine::parse(int argc, const char* const* argv) {
     return false;
   }
 
-  if (*formatOption && logFormat != "text" && logFormat != "json") {
-    errorM = "nphost: --log-format must be 'text' or 'json', not '" + logFormat + "'.";
+  const auto refuse = [this](const std::string& sentence) {
+    errorM = "nphost: " + sentence;
     exitStatusM = 1;
     return false;
+  };
+  if (ctl->parsed()) {
+    optionsM.mode = Options::Mode::CTL;
+    optionsM.controlSocket = controlSocket;
+    // prefix_command leaves the words after the first one to remaining().
+    for (const std::string& word : ctl->remaining()) optionsM.command.push_back(word);
+    return true;
   }
-  optionsM.mode = Options::Mode::SCRIPT;
-  if (*logOption) optionsM.logFile = logFile;
-  if (*formatOption) optionsM.logFormat = logFormat;
-  if (*nameOption) optionsM.name = name;
-  if (*pluginOption) optionsM.pluginDirectory = pluginDirectory;
-  if (*probeOption) optionsM.probeDirectory = probeDirectory;
+
+  const Shared& shared = run->parsed() ? runOptions : scriptOptions;
+  if (*shared.format && logFormat != "text" && logFormat != "json")
+    return refuse("--log-format must be 'text' or 'json', not '" + logFormat + "'.");
+  optionsM.mode = run->parsed() ? Options::Mode::RUN : Options::Mode::SCRIPT;
+  if (*shared.log) optionsM.logFile = logFile;
+  if (*shared.format) optionsM.logFormat = logFormat;
+  if (*shared.name) optionsM.name = name;
+  if (*shared.plugin) optionsM.pluginDirectory = pluginDirectory;
+  if (*shared.probe) optionsM.probeDirectory = probeDirectory;
+  if (run->parsed()) {
+    if (*delimiterOption) {
+      if (delimiter.size() != 1 || delimiter[0] == '\n' || delimiter[0] == '\r')
+        return refuse("--delimiter must be one character other than a line feed, not '" + delimiter + "'.");
+      optionsM.delimiter = delimiter[0];
+    }
+    if (!controlSocket.empty()) optionsM.controlSocket = controlSocket;
+  }
   return true;
 }
 

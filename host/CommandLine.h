@@ -1,17 +1,19 @@
-// Host::CommandLine reads nphost's arguments: a subcommand (script now; run and ctl fit beside
-// it) with its registry file and the options that override the registry's [Framework] table.
+// Host::CommandLine reads nphost's arguments: a subcommand (script, run or ctl) with its
+// registry file, the options that override the registry's [Framework] table and the options of
+// the run; for ctl the socket and the command words.
 // It prints nothing itself: help and version text and errors come back as text. One thread.
 #pragma once
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Host {
 
 class CommandLine {
 public:
   struct Options {
-    enum class Mode { SCRIPT };
+    enum class Mode { SCRIPT, RUN, CTL };
     Mode mode = Mode::SCRIPT;
     std::string registryFile;
     std::optional<std::string> logFile;
@@ -19,6 +21,16 @@ public:
     std::optional<std::string> name;
     std::optional<std::string> pluginDirectory;
     std::optional<std::string> probeDirectory;
+
+    // run
+    std::string input = "-";   // "-" for standard input
+    std::string output = "-";  // "-" for standard output
+    unsigned threads = 0;      // 0: one per core
+    char delimiter = ';';
+    std::optional<std::string> controlSocket;
+
+    // ctl: the socket (in controlSocket) and the command with its arguments
+    std::vector<std::string> command;
   };
 
   // True when a subcommand is to run with options(). False when the program ends here with

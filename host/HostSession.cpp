@@ -5,16 +5,25 @@
 #include "BAS/MutexLocker.h"
 #include "BAS/RegisteredObject.h"
 #include "host/CommandInterpreter.h"
+#include "host/ControlServer.h"
+#include "host/EventRecordPipeline.h"
+#include "host/SignalWatcher.h"
 #include "plugin/NumberPortabilityPlugIn.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <thread>
 
 namespace Host {
 
@@ -24,6 +33,24 @@ int fail(std::ostream& err, int status, const std::string& sentence) {
   err << "nphost: " << sentence << (sentence.ends_with('.') ? "" : ".") << std::endl;
   return status;
 }
+
+// Closes a descriptor that the run opened (not the standard ones) on every way out.
+class OwnedDescriptor {
+public:
+  OwnedDescriptor() = default;
+  ~OwnedDescriptor() {
+    if (descriptorM > 2) close(descriptorM);
+  }
+  OwnedDescriptor(const OwnedDescriptor&) = delete;
+  OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
+  void reset(int descriptor) { descriptorM = descriptor; }
+  int get() const { return descriptorM; }
+
+private:
+  int descriptorM = -1;
+};
+
+double seconds(std::chrono::steady_clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
 std::string names(const std::vector<RegistryFile::Instance>& instances) {
   std::string result;
@@ -126,11 +153,7 @@ int HostSession::start(std::ostream& err) {
 int HostSession::runScript(std::istream& in, std::ostream& out, std::ostream& err) {
   if (const int status = start(err); status != exitDoneCM) return status;
 
-  bool valid = false;
-  {
-    BAS::MutexLocker locker(BAS::RegisteredObject::isValidLockerCM);
-    valid = plugInM->isValid();
-  }
+  const bool valid = isValid();
   out << "construct valid=" << (valid ? "true" : "false") << std::endl;
   if (!valid) {
     plugInM.reset();
@@ -151,6 +174,103 @@ int HostSession::runScript(std::istream& in, std::ostream& out, std::ostream& er
     shutDownM = interpreter.isShutDown();
   }
   finish();
+  return exitDoneCM;
+}
+
+bool HostSession::isValid() const {
+  BAS::MutexLocker locker(BAS::RegisteredObject::isValidLockerCM);
+  return plugInM->isValid();
+}
+
+int HostSession::runEvents(std::ostream& err) {
+  // A reader that went away must show as a failed write (EPIPE), not end the process.
+  std::signal(SIGPIPE, SIG_IGN);
+  OwnedDescriptor input, output;
+  input.reset(STDIN_FILENO);
+  output.reset(STDOUT_FILENO);
+  if (optionsM.input != "-") {
+    input.reset(::open(optionsM.input.c_str(), O_RDONLY | O_CLOEXEC));
+    if (input.get() < 0)
+      return fail(err, exitBadInputCM, fmt::format("cannot open the input file '{}': {}", optionsM.input, std::strerror(errno)));
+  }
+  struct stat inputStatus {};
+  const std::uintmax_t inputSize =
+      fstat(input.get(), &inputStatus) == 0 && S_ISREG(inputStatus.st_mode) ? static_cast<std::uintmax_t>(inputStatus.st_size) : 0;
+  if (optionsM.output != "-") {
+    output.reset(::open(optionsM.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (output.get() < 0)
+      return fail(err, exitBadInputCM,
+                  fmt::format("cannot open the output file '{}' for writing: {}", optionsM.output, std::strerror(errno)));
+  }
+
+  if (const int status = start(err); status != exitDoneCM) return status;
+  if (!isValid()) {
+    plugInM.reset();
+    return fail(err, exitInvalidObjectCM,
+                fmt::format("the plug-in '{}' is not valid after construction; the log says why.", instanceNameM));
+  }
+  auto* plugIn = static_cast<DAT::NumberPortability::PlugIn*>(plugInM.get());
+
+  // The socket and the signal handlers are set up while this is the only thread: the socket's
+  // mode comes from the process-wide umask, which must not leak into files others create.
+  CommandInterpreter controlInterpreter(*plugIn, *countsM, CommandInterpreter::Mode::CONTROL);
+  ControlServer control(controlInterpreter);
+  if (optionsM.controlSocket && !control.open(*optionsM.controlSocket)) return fail(err, exitBadInputCM, control.error());
+  SignalWatcher signals;
+  if (!signals.install())
+    return fail(err, exitBadInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
+
+  startedM = true;
+  if (!plugIn->init()) {
+    finish();
+    return fail(err, exitInvalidObjectCM, fmt::format("the plug-in '{}' did not start; the log says why.", instanceNameM));
+  }
+  if (optionsM.controlSocket && !control.start()) {
+    finish();
+    return fail(err, exitBadInputCM, control.error());
+  }
+
+  EventRecordPipeline::Settings settings;
+  settings.inputDescriptor = input.get();
+  settings.outputDescriptor = output.get();
+  settings.inputName = optionsM.input;
+  settings.outputName = optionsM.output;
+  settings.threads = optionsM.threads != 0 ? optionsM.threads : std::max(1u, std::thread::hardware_concurrency());
+  settings.delimiter = optionsM.delimiter;
+  settings.stopDescriptor = signals.descriptor();
+
+  const auto begin = std::chrono::steady_clock::now();
+  EventRecordPipeline::Totals totals;
+  std::string failure;
+  {
+    EventRecordPipeline pipeline(*plugIn, frameworkM->log(), settings);
+    if (pipeline.start()) {
+      // The progress line is for a person watching; a log file or a pipe gets the summary only.
+      const bool terminal = isatty(STDERR_FILENO) == 1;
+      bool drawn = false;
+      while (!pipeline.waitUntilDone(std::chrono::milliseconds(250))) {
+        if (!terminal) continue;
+        const auto now = pipeline.totals();
+        const double elapsed = seconds(std::chrono::steady_clock::now() - begin);
+        std::string line = fmt::format("\r{} records, {:.0f} records/s", now.records, elapsed > 0 ? now.records / elapsed : 0.0);
+        if (inputSize > 0) line += fmt::format(", {:.1f}%", 100.0 * static_cast<double>(now.bytes) / static_cast<double>(inputSize));
+        err << line << "\x1b[K" << std::flush;
+        drawn = true;
+      }
+      if (drawn) err << "\r\x1b[K" << std::flush;
+    }
+    totals = pipeline.totals();
+    failure = pipeline.failure();
+  }
+  control.stop();
+  finish();
+
+  const double elapsed = seconds(std::chrono::steady_clock::now() - begin);
+  err << fmt::format("{} records: {} found, {} not found, {} rejected in {:.3f} s ({:.0f} records/s)", totals.records,
+                     totals.found, totals.notFound, totals.rejected, elapsed,
+                     elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0)
+      << std::endl;
+  if (!failure.empty()) return fail(err, exitBadInputCM, failure);
   return exitDoneCM;
 }
 

@@ -2,6 +2,8 @@
 // sets up the log, loads the plug-in library, creates and starts the plug-in and, in script
 // mode, feeds it the commands of an input stream. It ends things in the order the plug-in's
 // code needs: plug-in, framework (which releases the probes and the worker thread), library.
+// In run mode it enriches event records (EventRecordPipeline) beside a control socket
+// (ControlServer) until the input ends or a signal (SignalWatcher) asks it to stop.
 // One thread drives it.
 #pragma once
 
@@ -43,10 +45,16 @@ public:
   // sentence starting "nphost: ". Returns the exit status.
   int runScript(std::istream& in, std::ostream& out, std::ostream& err);
 
+  // Run mode: records from the input option to the output option, a progress line on `err`
+  // while it is a terminal and a summary at the end. Returns the exit status; 1 also when the
+  // input cannot be read or the output cannot be written.
+  int runEvents(std::ostream& err);
+
 private:
   // Everything up to a created plug-in object; the exit status when that fails.
   int start(std::ostream& err);
   bool setUpLog(std::ostream& err);
+  bool isValid() const;
   // The value of a [Framework] key, or of the option that overrides it.
   std::optional<std::string> setting(const std::optional<std::string>& option, const char* key) const;
   void finish();

@@ -1,7 +1,9 @@
 // nphost: loads a data plug-in from a registry file and drives it, in script mode from the
-// commands on standard input. See Host::CommandLine for the arguments and Host::HostSession
-// for the exit statuses.
+// commands on standard input, in run mode over a stream of event records; or, as ctl, sends one
+// command to a running one. See Host::CommandLine for the arguments and Host::HostSession for
+// the exit statuses.
 #include "host/CommandLine.h"
+#include "host/ControlClient.h"
 #include "host/HostSession.h"
 
 #include <unistd.h>
@@ -29,7 +31,18 @@ int main(int argc, char** argv) {
       std::cerr << commandLine.error() << (commandLine.error().empty() ? "" : "\n");
       return commandLine.exitStatus();
     }
-    Host::HostSession session(commandLine.options(), executableDirectory(argv[0]));
+    const auto& options = commandLine.options();
+    if (options.mode == Host::CommandLine::Options::Mode::CTL) {
+      Host::ControlClient client;
+      if (!client.send(*options.controlSocket, options.command)) {
+        std::cerr << "nphost: " << client.error() << std::endl;
+        return 1;
+      }
+      std::cout << client.answer() << std::endl;
+      return client.answer().starts_with("error") ? 1 : 0;
+    }
+    Host::HostSession session(options, executableDirectory(argv[0]));
+    if (options.mode == Host::CommandLine::Options::Mode::RUN) return session.runEvents(std::cerr);
     return session.runScript(std::cin, std::cout, std::cerr);
   } catch (const std::exception& e) {
     std::cerr << "nphost: stopped by an unexpected failure: " << e.what() << "." << std::endl;

@@ -54,6 +54,10 @@ constexpr CatalogueEntry entriesCM[] = {
     {"ERR_NUM_PORT_DELTALOAD", "Adding the number portability data of {1} failed."},
     {"INF_NUM_PORT_PRINT_DATA", "{1} number portability records were printed to {2}."},
     {"ERR_NUM_PORT_PRINT_DATA", "Printing the number portability data to '{1}' failed."},
+
+    // nphost: event records that pass through without an operator.
+    {"ERR_EVENT_RECORD_FIELDS", "Line {1} of the input {2} has fewer than two fields and is passed on without an operator: \"{3}\"."},
+    {"ERR_EVENT_RECORD_DATETIME", "Line {1} of the input {2}: the date-time '{3}' is not valid; the record is passed on without an operator."},
 };
 
 const std::unordered_map<std::string_view, const char*>& index() {

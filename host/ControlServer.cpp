@@ -1,0 +1,243 @@
+#include "host/ControlServer.h"
+
+#include "host/CommandInterpreter.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace Host {
+
+namespace {
+
+bool address(const std::string& path, sockaddr_un& out) {
+  out = {};
+  out.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof(out.sun_path)) return false;
+  std::memcpy(out.sun_path, path.data(), path.size());
+  return true;
+}
+
+std::string reason() { return std::strerror(errno); }
+
+}  // namespace
+
+ControlServer::ControlServer(CommandInterpreter& interpreter) : interpreterM(interpreter) {}
+
+ControlServer::~ControlServer() {
+  stop();
+  if (listenerM >= 0) close(listenerM);
+  if (wakeReadM >= 0) close(wakeReadM);
+  if (wakeWriteM >= 0) close(wakeWriteM);
+  struct stat now {};
+  if (!pathM.empty() && lstat(pathM.c_str(), &now) == 0 && now.st_dev == deviceM && now.st_ino == inodeM)
+    unlink(pathM.c_str());
+}
+
+bool ControlServer::open(const std::string& path) {
+  sockaddr_un where{};
+  if (!address(path, where)) {
+    errorM = "the control socket path '" + path + "' is empty or longer than " +
+             std::to_string(sizeof(where.sun_path) - 1) + " bytes.";
+    return false;
+  }
+  struct stat existing {};
+  if (lstat(path.c_str(), &existing) == 0) {
+    if (!S_ISSOCK(existing.st_mode)) {
+      errorM = "'" + path + "' exists and is not a socket; the control socket is not created there.";
+      return false;
+    }
+    // Only a socket nobody listens on may go: connecting tells a live one from a stale one.
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (probe < 0) {
+      errorM = "cannot create a socket: " + reason() + ".";
+      return false;
+    }
+    const int connected = connect(probe, reinterpret_cast<const sockaddr*>(&where), sizeof(where));
+    const int code = errno;
+    close(probe);
+    if (connected == 0) {
+      errorM = "another process is listening on the control socket '" + path + "'.";
+      return false;
+    }
+    if (code != ECONNREFUSED) {
+      errorM = "cannot check the existing control socket '" + path + "': " + std::strerror(code) + ".";
+      return false;
+    }
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+      errorM = "cannot remove the stale control socket '" + path + "': " + reason() + ".";
+      return false;
+    }
+  }
+
+  listenerM = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (listenerM < 0) {
+    errorM = "cannot create a socket: " + reason() + ".";
+    return false;
+  }
+  // The socket file takes its mode from the umask as bind creates it, so it is owner-only
+  // before anyone could connect; no chmod afterwards with a window between.
+  const mode_t previous = umask(0177);
+  const int bound = bind(listenerM, reinterpret_cast<const sockaddr*>(&where), sizeof(where));
+  const int code = errno;
+  umask(previous);
+  if (bound != 0) {
+    errorM = "cannot create the control socket '" + path + "': " + std::strerror(code) + ".";
+    return false;
+  }
+  struct stat made {};
+  if (lstat(path.c_str(), &made) == 0) {
+    pathM = path;
+    deviceM = made.st_dev;
+    inodeM = made.st_ino;
+  }
+  if (listen(listenerM, static_cast<int>(maxConnectionsCM)) != 0) {
+    errorM = "cannot listen on the control socket '" + path + "': " + reason() + ".";
+    return false;
+  }
+  return true;
+}
+
+bool ControlServer::start() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+    errorM = "cannot create a pipe: " + reason() + ".";
+    return false;
+  }
+  wakeReadM = ends[0];
+  wakeWriteM = ends[1];
+  threadM = std::thread([this] { serve(); });
+  return true;
+}
+
+void ControlServer::stop() {
+  if (!threadM.joinable()) return;
+  stoppingM = true;
+  const char byte = 'x';
+  [[maybe_unused]] const ssize_t ignored = write(wakeWriteM, &byte, 1);
+  threadM.join();
+  for (Connection& connection : connectionsM) close(connection.descriptor);
+  connectionsM.clear();
+}
+
+void ControlServer::serve() {
+  std::vector<pollfd> waits;
+  while (!stoppingM.load()) {
+    waits.clear();
+    waits.push_back({wakeReadM, POLLIN, 0});
+    waits.push_back({listenerM, POLLIN, 0});
+    for (const Connection& connection : connectionsM) {
+      const short events = static_cast<short>((connection.readClosed ? 0 : POLLIN) | (connection.output.empty() ? 0 : POLLOUT));
+      waits.push_back({connection.descriptor, events, 0});
+    }
+    if (poll(waits.data(), waits.size(), -1) < 0) continue;  // EINTR: look again
+    if (waits[0].revents != 0) break;
+
+    // Connections first: the ones accepted below have no entry in `waits` yet.
+    std::vector<Connection> kept;
+    kept.reserve(connectionsM.size());
+    for (std::size_t i = 0; i < connectionsM.size(); ++i) {
+      Connection& connection = connectionsM[i];
+      const short events = waits[i + 2].revents;
+      bool open = true;
+      if (events & (POLLIN | POLLHUP | POLLERR)) open = readFrom(connection);
+      if (open && !connection.output.empty()) open = flush(connection);
+      if (open && connection.readClosed && connection.output.empty()) open = false;
+      if (open) {
+        kept.push_back(std::move(connection));
+      } else {
+        close(connection.descriptor);
+      }
+    }
+    connectionsM = std::move(kept);
+    if (waits[1].revents != 0) acceptAll();
+  }
+}
+
+void ControlServer::acceptAll() {
+  for (;;) {
+    const int descriptor = accept4(listenerM, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor < 0) return;  // EAGAIN: all taken; other failures concern that one client
+    if (connectionsM.size() >= maxConnectionsCM) {
+      static constexpr char refusal[] = "error too many connections\n";
+      [[maybe_unused]] const ssize_t ignored = send(descriptor, refusal, sizeof refusal - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+      close(descriptor);
+      continue;
+    }
+    connectionsM.push_back(Connection{descriptor, {}, {}, false, false});
+  }
+}
+
+bool ControlServer::readFrom(Connection& connection) {
+  char buffer[16 * 1024];
+  for (;;) {
+    const ssize_t n = recv(connection.descriptor, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n > 0) {
+      if (!take(connection, buffer, static_cast<std::size_t>(n))) return false;
+      // One read per turn keeps a client that sends without pause from starving the others.
+      return true;
+    }
+    if (n == 0) {
+      // A last line without a line end is a command too.
+      if (!connection.skipping && !connection.input.empty()) {
+        const std::string line = std::exchange(connection.input, std::string());
+        if (const auto reply = interpreterM.execute(line); reply && !answer(connection, *reply)) return false;
+      }
+      connection.readClosed = true;
+      return true;
+    }
+    if (errno == EINTR) continue;
+    return errno == EAGAIN || errno == EWOULDBLOCK;
+  }
+}
+
+bool ControlServer::take(Connection& connection, const char* bytes, std::size_t size) {
+  const char* const end = bytes + size;
+  while (bytes < end) {
+    const char* newline = static_cast<const char*>(std::memchr(bytes, '\n', static_cast<std::size_t>(end - bytes)));
+    const char* stop = newline != nullptr ? newline : end;
+    if (connection.skipping) {
+      if (newline != nullptr) connection.skipping = false;
+    } else {
+      connection.input.append(bytes, static_cast<std::size_t>(stop - bytes));
+      if (connection.input.size() > maxLineBytesCM) {
+        connection.input.clear();
+        connection.skipping = newline == nullptr;
+        if (!answer(connection, "error line longer than " + std::to_string(maxLineBytesCM) + " bytes")) return false;
+      } else if (newline != nullptr) {
+        const std::string line = std::exchange(connection.input, std::string());
+        if (const auto reply = interpreterM.execute(line); reply && !answer(connection, *reply)) return false;
+      }
+    }
+    bytes = newline != nullptr ? newline + 1 : end;
+  }
+  return true;
+}
+
+bool ControlServer::answer(Connection& connection, const std::string& text) {
+  connection.output += text;
+  connection.output += '\n';
+  return connection.output.size() <= maxPendingOutputCM;
+}
+
+bool ControlServer::flush(Connection& connection) {
+  while (!connection.output.empty()) {
+    const ssize_t n = send(connection.descriptor, connection.output.data(), connection.output.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      connection.output.erase(0, static_cast<std::size_t>(n));
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+  }
+  return true;
+}
+
+}  // namespace Host

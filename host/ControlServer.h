@@ -1,0 +1,80 @@
+// Host::ControlServer is the control socket of `nphost run`: a Unix domain socket, owner-only,
+// on which operators send the script commands (lookups, updates, probes, waits) while the
+// records flow. One control thread polls the listening socket and every connection, so an idle
+// or slow client holds up nobody; commands run on that thread, one at a time, through a
+// CommandInterpreter in control mode. The run session opens, starts and stops it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Host {
+
+class CommandInterpreter;
+
+class ControlServer {
+public:
+  // Connections served at once; one more is told "error too many connections" and closed.
+  static constexpr std::size_t maxConnectionsCM = 16;
+  // A longer command line is answered "error ..." and skipped up to its line end.
+  static constexpr std::size_t maxLineBytesCM = 64 * 1024;
+  // A client whose unread answers exceed this is dropped: it does not read them.
+  static constexpr std::size_t maxPendingOutputCM = 1024 * 1024;
+
+  // The interpreter is not owned and is used by the control thread only while it runs.
+  explicit ControlServer(CommandInterpreter& interpreter);
+  // Stops the thread and removes the socket file if it is still the one this object made.
+  ~ControlServer();
+  ControlServer(const ControlServer&) = delete;
+  ControlServer& operator=(const ControlServer&) = delete;
+
+  // Creates the socket at `path`, mode 0600 from its creation on, and listens. A socket file
+  // left by a process that ended is replaced; a socket someone listens on, or a file of another
+  // kind, is left alone and refused. False with error() as one sentence. Call it while no other
+  // thread of the process creates files: the file mode comes from the process's umask.
+  bool open(const std::string& path);
+  const std::string& error() const { return errorM; }
+
+  // Starts the control thread; false with error() when it cannot.
+  bool start();
+  // Closes every connection and joins the thread. A command being carried out finishes first.
+  // Idempotent.
+  void stop();
+
+private:
+  struct Connection {
+    int descriptor = -1;
+    std::string input;   // bytes of an unfinished line
+    std::string output;  // answers not yet sent
+    bool skipping = false;    // inside an over-long line, up to its line end
+    bool readClosed = false;  // the client sent its last byte; close once answered
+  };
+
+  void serve();
+  void acceptAll();
+  // False when the connection is to be closed.
+  bool readFrom(Connection& connection);
+  bool take(Connection& connection, const char* bytes, std::size_t size);
+  bool answer(Connection& connection, const std::string& text);
+  bool flush(Connection& connection);
+
+  CommandInterpreter& interpreterM;
+  std::string pathM;
+  dev_t deviceM = 0;  // identity of the socket file made by open(), for the removal
+  ino_t inodeM = 0;
+  int listenerM = -1;
+  int wakeReadM = -1;
+  int wakeWriteM = -1;
+  std::string errorM;
+  // Touched by the control thread only while it runs; by the owner before and after.
+  std::vector<Connection> connectionsM;
+  std::thread threadM;
+  std::atomic<bool> stoppingM{false};  // atomic: set by stop(), read by the control thread
+};
+
+}  // namespace Host

@@ -1,0 +1,347 @@
+#include "host/EventRecordPipeline.h"
+
+#include "BAS/DateTime.h"
+#include "BAS/Log.h"
+#include "BAS/Status.h"
+#include "plugin/NumberPortabilityPlugIn.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+namespace Host {
+
+namespace {
+
+// A read never asks for less, so a batch's buffer grows once to its working size.
+constexpr std::size_t readChunkCM = 64 * 1024;
+
+}  // namespace
+
+EventRecordPipeline::EventRecordPipeline(DAT::NumberPortability::PlugIn& plugIn, BAS::Log& log, Settings settings)
+    : plugInM(plugIn), logM(log), settingsM(std::move(settings)) {
+  // Two batches per worker keep every worker busy while the reader fills and the writer
+  // empties one each.
+  const std::size_t poolSize = 2 * static_cast<std::size_t>(std::max(1u, settingsM.threads)) + 2;
+  for (std::size_t i = 0; i < poolSize; ++i) {
+    poolM.push_back(std::make_unique<Batch>());
+    poolM.back()->input.resize(batchBytesCM + readChunkCM);
+    freeM.push_back(poolM.back().get());
+  }
+  readyM.assign(poolSize, nullptr);
+}
+
+EventRecordPipeline::~EventRecordPipeline() {
+  stop();
+  if (readerM.joinable()) readerM.join();
+  for (auto& worker : workersM)
+    if (worker.joinable()) worker.join();
+  if (writerM.joinable()) writerM.join();
+  if (wakeReadM >= 0) close(wakeReadM);
+  if (wakeWriteM >= 0) close(wakeWriteM);
+}
+
+bool EventRecordPipeline::start() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+    finishWith(std::string("cannot create a pipe: ") + std::strerror(errno));
+    return false;
+  }
+  wakeReadM = ends[0];
+  wakeWriteM = ends[1];
+  writerM = std::thread([this] { writeLoop(); });
+  for (unsigned i = 0; i < std::max(1u, settingsM.threads); ++i) workersM.emplace_back([this] { workLoop(); });
+  readerM = std::thread([this] { readLoop(); });
+  return true;
+}
+
+void EventRecordPipeline::stop() {
+  if (stopM.exchange(true)) return;
+  if (wakeWriteM >= 0) {
+    const char byte = 'x';
+    [[maybe_unused]] const ssize_t ignored = write(wakeWriteM, &byte, 1);
+  }
+  // A reader waiting for a free batch must see the flag too.
+  std::lock_guard lock(mutexM);
+  freeChangedM.notify_all();
+}
+
+bool EventRecordPipeline::waitUntilDone(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutexM);
+  return doneChangedM.wait_for(lock, timeout, [this] { return doneM; });
+}
+
+EventRecordPipeline::Totals EventRecordPipeline::totals() const {
+  return Totals{recordsM.load(), foundM.load(), notFoundM.load(), rejectedM.load(), bytesM.load()};
+}
+
+std::string EventRecordPipeline::failure() const {
+  std::lock_guard lock(mutexM);
+  return failureM;
+}
+
+void EventRecordPipeline::finishWith(std::string failure) {
+  {
+    std::lock_guard lock(mutexM);
+    if (failureM.empty()) failureM = std::move(failure);
+  }
+  stop();
+}
+
+EventRecordPipeline::Batch* EventRecordPipeline::takeFree() {
+  std::unique_lock lock(mutexM);
+  freeChangedM.wait(lock, [this] { return !freeM.empty() || stopM.load(); });
+  if (freeM.empty()) return nullptr;
+  Batch* batch = freeM.back();
+  freeM.pop_back();
+  return batch;
+}
+
+EventRecordPipeline::Batch* EventRecordPipeline::handOver(Batch* batch, std::size_t complete, std::size_t used,
+                                                          bool last) {
+  Batch* next = last ? nullptr : takeFree();
+  if (next != nullptr) {
+    const std::size_t carried = used - complete;
+    if (next->input.size() < carried + readChunkCM) next->input.resize(carried + readChunkCM);
+    std::memcpy(next->input.data(), batch->input.data() + complete, carried);
+    next->size = carried;
+  }
+  batch->size = complete;
+  // Without a fresh batch the reader cannot go on: this one is the last.
+  batch->last = last || next == nullptr;
+  {
+    std::lock_guard lock(mutexM);
+    workM.push_back(batch);
+    if (batch->last) readingDoneM = true;
+  }
+  workChangedM.notify_all();
+  return next;
+}
+
+void EventRecordPipeline::readLoop() {
+  std::uint64_t sequence = 0;
+  Batch* batch = takeFree();
+  if (batch == nullptr) {
+    std::lock_guard lock(mutexM);
+    readingDoneM = true;
+    doneM = true;  // nothing was handed over, so the writer waits for nothing
+    workChangedM.notify_all();
+    readyChangedM.notify_all();
+    doneChangedM.notify_all();
+    return;
+  }
+  batch->size = 0;
+  batch->sequence = sequence++;
+  std::size_t used = 0;      // bytes read into the batch
+  std::size_t complete = 0;  // bytes of whole lines among them
+  auto holdStart = std::chrono::steady_clock::time_point::max();
+
+  const auto pass = [&](bool last) {
+    batch = handOver(batch, complete, used, last);
+    if (batch == nullptr) return false;
+    batch->sequence = sequence++;
+    used = batch->size;
+    complete = 0;
+    holdStart = std::chrono::steady_clock::time_point::max();
+    return true;
+  };
+
+  pollfd waits[3] = {{settingsM.inputDescriptor, POLLIN, 0}, {wakeReadM, POLLIN, 0}, {settingsM.stopDescriptor, POLLIN, 0}};
+  const nfds_t waitCount = settingsM.stopDescriptor >= 0 ? 3 : 2;
+  for (;;) {
+    if (stopM.load()) {
+      // Whole lines read so far are still enriched; a line cut short by the stop is not.
+      pass(true);
+      return;
+    }
+    int timeout = -1;
+    if (complete > 0) {
+      const auto held = std::chrono::steady_clock::now() - holdStart;
+      timeout = static_cast<int>(std::max<std::chrono::milliseconds::rep>(
+          0, (longestHoldCM - std::chrono::duration_cast<std::chrono::milliseconds>(held)).count()));
+    }
+    const int ready = poll(waits, waitCount, timeout);
+    if (ready < 0 && errno != EINTR) {
+      finishWith(std::string("cannot wait for the input: ") + std::strerror(errno));
+      continue;
+    }
+    if (ready == 0) {
+      if (!pass(false)) return;
+      continue;
+    }
+    if (ready < 0) continue;
+    if ((waitCount == 3 && waits[2].revents != 0) || waits[1].revents != 0) {
+      stop();
+      continue;
+    }
+    if (waits[0].revents == 0) continue;
+
+    if (batch->input.size() < used + readChunkCM) batch->input.resize(std::max(2 * batch->input.size(), used + readChunkCM));
+    const ssize_t n = read(settingsM.inputDescriptor, batch->input.data() + used, batch->input.size() - used);
+    if (n < 0) {
+      if (errno == EINTR || errno == EAGAIN) continue;
+      finishWith("cannot read the input '" + settingsM.inputName + "': " + std::strerror(errno));
+      continue;
+    }
+    if (n == 0) {
+      // The last line needs no line end to count.
+      complete = used;
+      pass(true);
+      return;
+    }
+    const char* fresh = batch->input.data() + used;
+    used += static_cast<std::size_t>(n);
+    if (const void* end = memrchr(fresh, '\n', static_cast<std::size_t>(n))) {
+      if (complete == 0) holdStart = std::chrono::steady_clock::now();
+      complete = static_cast<std::size_t>(static_cast<const char*>(end) - batch->input.data()) + 1;
+    }
+    if (complete >= batchBytesCM && !pass(false)) return;
+  }
+}
+
+void EventRecordPipeline::workLoop() {
+  BAS::String number;  // reused for every record of this thread
+  for (;;) {
+    Batch* batch = nullptr;
+    {
+      std::unique_lock lock(mutexM);
+      workChangedM.wait(lock, [this] { return !workM.empty() || readingDoneM; });
+      if (workM.empty()) return;
+      batch = workM.front();
+      workM.pop_front();
+    }
+    lookUp(*batch, number);
+    {
+      std::lock_guard lock(mutexM);
+      readyM[batch->sequence % readyM.size()] = batch;
+    }
+    readyChangedM.notify_all();
+  }
+}
+
+void EventRecordPipeline::lookUp(Batch& batch, BAS::String& number) const {
+  const char delimiter = settingsM.delimiter;
+  batch.output.clear();
+  batch.rejected.clear();
+  batch.records = 0;
+  batch.found = 0;
+  DAT::NumberPortability::NumberPortabilityData record;
+  const char* const begin = batch.input.data();
+  const char* const end = begin + batch.size;
+  for (const char* line = begin; line < end; ++batch.records) {
+    const char* newline = static_cast<const char*>(std::memchr(line, '\n', static_cast<std::size_t>(end - line)));
+    const char* lineEnd = newline != nullptr ? newline : end;
+    // A line from a CRLF file keeps its carriage return at the end of the output line.
+    const bool carriageReturn = lineEnd > line && lineEnd[-1] == '\r';
+    const char* contentEnd = carriageReturn ? lineEnd - 1 : lineEnd;
+    const std::size_t length = static_cast<std::size_t>(contentEnd - line);
+
+    const char* first = static_cast<const char*>(std::memchr(line, delimiter, length));
+    std::string_view found;
+    if (first == nullptr) {
+      batch.rejected.push_back({static_cast<std::uint32_t>(batch.records), Rejection::TOO_FEW_FIELDS,
+                                static_cast<std::uint32_t>(line - begin), static_cast<std::uint32_t>(length)});
+    } else {
+      const char* dateBegin = first + 1;
+      const char* dateEnd = static_cast<const char*>(std::memchr(dateBegin, delimiter, static_cast<std::size_t>(contentEnd - dateBegin)));
+      if (dateEnd == nullptr) dateEnd = contentEnd;
+      const BAS::DateTime dateTime(std::string_view(dateBegin, static_cast<std::size_t>(dateEnd - dateBegin)));
+      if (!dateTime.isValid()) {
+        batch.rejected.push_back({static_cast<std::uint32_t>(batch.records), Rejection::INVALID_DATE_TIME,
+                                  static_cast<std::uint32_t>(line - begin), static_cast<std::uint32_t>(length)});
+      } else {
+        number.assign(line, static_cast<std::size_t>(first - line));
+        if (plugInM.search(number, dateTime, record)) {
+          found = record.networkOperatorM.view();
+          ++batch.found;
+        }
+      }
+    }
+    batch.output.append(line, length);
+    batch.output.push_back(delimiter);
+    batch.output.append(found);
+    if (carriageReturn) batch.output.push_back('\r');
+    batch.output.push_back('\n');
+    line = newline != nullptr ? newline + 1 : end;
+  }
+}
+
+void EventRecordPipeline::writeLoop() {
+  std::uint64_t sequence = 0;
+  bool failed = false;
+  for (;;) {
+    Batch* batch = nullptr;
+    {
+      std::unique_lock lock(mutexM);
+      Batch*& slot = readyM[sequence % readyM.size()];
+      readyChangedM.wait(lock, [&] { return slot != nullptr || doneM; });
+      if (slot == nullptr) return;  // the reader ended before handing anything over
+      batch = std::exchange(slot, nullptr);
+    }
+    // After a failed write the batches still pass through, so that the reader and the workers
+    // are never left waiting for a free one.
+    if (!failed) {
+      failed = !writeAll(batch->output);
+      report(*batch, recordsM.load() + 1);
+      recordsM += batch->records;
+      foundM += batch->found;
+      rejectedM += batch->rejected.size();
+      notFoundM += batch->records - batch->found - batch->rejected.size();
+      bytesM += batch->size;
+    }
+    const bool last = batch->last;
+    {
+      std::lock_guard lock(mutexM);
+      freeM.push_back(batch);
+      if (last) doneM = true;
+    }
+    freeChangedM.notify_all();
+    if (last) {
+      doneChangedM.notify_all();
+      return;
+    }
+    ++sequence;
+  }
+}
+
+bool EventRecordPipeline::writeAll(const std::string& text) {
+  for (std::size_t done = 0; done < text.size();) {
+    const ssize_t n = write(settingsM.outputDescriptor, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      const int code = n < 0 ? errno : EIO;
+      finishWith(settingsM.outputName == "-" ? std::string("cannot write the standard output: ") + std::strerror(code)
+                                             : "cannot write the output file '" + settingsM.outputName +
+                                                   "': " + std::strerror(code));
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+void EventRecordPipeline::report(const Batch& batch, std::uint64_t firstLine) const {
+  const BAS::String reporter(reporterNameCM);
+  const BAS::String input(settingsM.inputName);
+  for (const RejectedLine& rejected : batch.rejected) {
+    const std::string_view line(batch.input.data() + rejected.offset, rejected.length);
+    const BAS::String lineNumber = BAS::String::decimal(firstLine + rejected.lineIndex);
+    BAS::Status status;
+    if (rejected.reason == Rejection::TOO_FEW_FIELDS) {
+      status.set(reporter, tooFewFieldsIdCM, BAS::Status::MINOR, {lineNumber, input, BAS::String(line)});
+    } else {
+      const auto first = line.find(settingsM.delimiter);
+      const auto dateTime = line.substr(first + 1, line.find(settingsM.delimiter, first + 1) - first - 1);
+      status.set(reporter, invalidDateTimeIdCM, BAS::Status::MINOR, {lineNumber, input, BAS::String(dateTime)});
+    }
+    logM.writeStatus(status);
+  }
+}
+
+}  // namespace Host
