@@ -55,6 +55,11 @@ public:
       if (name.find('.') != std::string::npos)
         return fail(key->source().begin.line,
                     fmt::format("the key '{}' contains '.', which separates registry levels", name));
+      // A table's Library key makes it a plug-in instance; a number or a table there would be
+      // looked up as a library of that name, far from the line that is wrong.
+      if (name == "Library" && path.size() > 1 && !(path.size() == 2 && path[0] == RegistryFile::frameworkTableCM) &&
+          !node->is_string())
+        return fail(line, fmt::format("'{}' must be a quoted text naming the plug-in library", dotted));
       if (const auto* array = node->as_array()) {
         if (array->is_array_of_tables())
           return fail(line, fmt::format("'{}' is an array of tables; the registry takes plain tables only", dotted));

@@ -88,6 +88,10 @@ TEST(RegistryFile, RefusesWhatTheRegistryCannotHoldNamingFileAndLine) {
   EXPECT_EQ(refusal("[NP]\n\"a.b\" = 1\n"),
             "registry file 'reg.toml', line 2: the key 'a.b' contains '.', which separates registry levels");
   EXPECT_EQ(refusal("[NP]\n\"\" = 1\n"), "registry file 'reg.toml', line 2: an empty key cannot name a registry entry");
+  EXPECT_EQ(refusal("[NP]\nLibrary = 5\n"),
+            "registry file 'reg.toml', line 2: 'NP.Library' must be a quoted text naming the plug-in library");
+  EXPECT_EQ(refusal("[NP.Library]\nName = \"x\"\n"),
+            "registry file 'reg.toml', line 1: 'NP.Library' must be a quoted text naming the plug-in library");
 
   const std::string syntax = refusal("[NP]\nFileName = \"x\"\nCountryCode = \n");
   EXPECT_EQ(syntax.rfind("registry file 'reg.toml', line 3: ", 0), 0u) << syntax;
