@@ -13,6 +13,8 @@
 #include "BAS/InstrumentationProbeList.h"
 #include "BAS/LogRecord.h"
 #include "BAS/MemoryLogSink.h"
+#include "BAS/MutexLocker.h"
+#include "BAS/ProtectedBool.h"
 #include "BAS/RegistryEntry.h"
 #include "BAS/String.h"
 #include "plugin/NumberPortabilityPlugIn.h"
@@ -28,10 +30,11 @@
 #include <future>
 #include <memory>
 #include <optional>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace NpTest {
@@ -51,22 +54,19 @@ inline const std::string dumpBanner = std::string(59, '-') + "\n" + std::string(
 // A folder of its own under the system's temporary folder, removed with everything in it.
 class TempDirectory {
 public:
-  TempDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "np-test-XXXXXX").string();
+  TempDirectory() : pathM((std::filesystem::temp_directory_path() / "np-test-XXXXXX").string()) {
+    std::string pattern = pathM.string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     pathM = pattern;
   }
-  ~TempDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(pathM, ignored);
-  }
+  ~TempDirectory() { std::filesystem::remove_all(pathM, ignoredM); }
   TempDirectory(const TempDirectory&) = delete;
   TempDirectory& operator=(const TempDirectory&) = delete;
-
   const std::filesystem::path& path() const { return pathM; }
 
 private:
   std::filesystem::path pathM;
+  std::error_code ignoredM;
 };
 
 // Changes the process's working directory for a scope (for relative file names in messages).
@@ -75,29 +75,23 @@ public:
   explicit WorkingDirectory(const std::filesystem::path& directory) : previousM(std::filesystem::current_path()) {
     std::filesystem::current_path(directory);
   }
-  ~WorkingDirectory() {
-    std::error_code ignored;
-    std::filesystem::current_path(previousM, ignored);
-  }
+  ~WorkingDirectory() { std::filesystem::current_path(previousM, ignoredM); }
   WorkingDirectory(const WorkingDirectory&) = delete;
   WorkingDirectory& operator=(const WorkingDirectory&) = delete;
 
 private:
   std::filesystem::path previousM;
+  std::error_code ignoredM;
 };
 
 inline void writeText(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.close();
-  if (!out) throw std::runtime_error("cannot write " + path);
+  if (!(out << content).flush()) throw std::runtime_error("cannot write " + path);
 }
 
 inline std::string readText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline bool fileExists(const std::string& path) { return std::filesystem::exists(path); }
@@ -135,6 +129,32 @@ inline bool finishesWithin(std::function<void()> work, std::chrono::milliseconds
   std::_Exit(EXIT_FAILURE);
 }
 
+// One status as the tests compare it: identifier, severity and arguments in order.
+struct StatusLine {
+  std::string id;
+  int severity;
+  std::vector<std::string> args;
+  friend bool operator==(const StatusLine&, const StatusLine&) = default;
+  friend std::ostream& operator<<(std::ostream& out, const StatusLine& line) {
+    out << line.id << " sev " << line.severity << " [";
+    for (std::size_t i = 0; i < line.args.size(); ++i) out << (i ? " | " : "") << '"' << line.args[i] << '"';
+    return out << "]";
+  }
+};
+
+using Keys = std::vector<std::pair<std::string, std::string>>;
+
+inline bool isValid(BAS::RegisteredObject& object) {
+  BAS::MutexLocker locker(BAS::RegisteredObject::isValidLockerCM);
+  return object.isValid();
+}
+
+inline std::size_t groupsOffered(const BAS::RegisteredObject& object) {
+  BAS::InstrumentationProbeList groups;
+  object.getInstrumentationProbe(groups);
+  return groups.size();
+}
+
 class TestEnvironment {
 public:
   static constexpr const char* pluginName = "NumberPortability";
@@ -150,9 +170,8 @@ public:
   // --- files -------------------------------------------------------------------------------
   std::string path(const std::string& name) const { return (dir.path() / name).string(); }
   std::string writeFile(const std::string& name, const std::string& content) const {
-    const std::string full = path(name);
-    writeText(full, content);
-    return full;
+    writeText(path(name), content);
+    return path(name);
   }
 
   // --- registry ----------------------------------------------------------------------------
@@ -218,6 +237,12 @@ public:
     ASSERT_NE(target, nullptr) << "no probe " << probeName;
     EXPECT_TRUE(target->setValue(BAS::String(value)));
   }
+  // A registry update with these keys, as the framework delivers it.
+  bool update(const Keys& keys, BAS::ProtectedBool& taken) {
+    BAS::RegistryEntry entry{BAS::String(pluginName)};
+    for (const auto& [key, value] : keys) entry.add(BAS::String(key), BAS::String(value));
+    return plugIn->registryUpdate(&entry, taken);
+  }
 
   // --- log ---------------------------------------------------------------------------------
   std::vector<BAS::LogRecord> records(const std::string& id) const { return sink->withId(BAS::String(id)); }
@@ -233,6 +258,25 @@ public:
     for (const BAS::LogRecord& record : sink->records()) result.push_back(record.id.str());
     return result;
   }
+  // Every status, in order.
+  std::vector<StatusLine> statuses() const {
+    std::vector<StatusLine> result;
+    for (const BAS::LogRecord& record : sink->records()) {
+      if (record.kind == BAS::LogRecord::Kind::STATUS) result.push_back({record.id.str(), record.severity, texts(record.args)});
+    }
+    return result;
+  }
+  // Every event the plug-in sent, as "id -> receiver", with " (lost)" when nobody received it.
+  std::vector<std::string> events() const {
+    std::vector<std::string> result;
+    for (const BAS::LogRecord& record : sink->records()) {
+      if (record.kind != BAS::LogRecord::Kind::EVENT) continue;
+      EXPECT_EQ(record.sender, BAS::String(pluginName)) << record.id;
+      result.push_back(record.id.str() + " -> " + (record.receiver.empty() ? "nobody" : record.receiver.str()) +
+                       (record.delivered ? "" : " (lost)"));
+    }
+    return result;
+  }
   bool waitFor(const std::string& id, std::size_t n = 1, std::chrono::milliseconds limit = waitLimit) const {
     return sink->waitFor(BAS::String(id), n, limit);
   }
@@ -244,19 +288,6 @@ public:
 
 private:
   bool startedM = false;
-};
-
-// One status as the tests compare it: identifier, severity and arguments in order.
-struct StatusLine {
-  std::string id;
-  int severity;
-  std::vector<std::string> args;
-  friend bool operator==(const StatusLine&, const StatusLine&) = default;
-  friend std::ostream& operator<<(std::ostream& out, const StatusLine& line) {
-    out << line.id << " sev " << line.severity << " [";
-    for (std::size_t i = 0; i < line.args.size(); ++i) out << (i ? " | " : "") << '"' << line.args[i] << '"';
-    return out << "]";
-  }
 };
 
 // The statuses whose identifier is one of `idsOfInterest`, in the order they were logged.
