@@ -89,5 +89,7 @@ function(np_add_fuzzer name)
   # libFuzzer stops at the first input after the time is up; an input may take up to
   # its one-second limit, and start-up and the corpus reading come on top.
   math(EXPR limit "${NP_FUZZ_SECONDS} + 120")
-  set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT ${limit} LABELS fuzz)
+  # Alone on the machine: the one-second limit per input is wall time, and a fuzzer that shares
+  # two cores with a parallel test run can be held off the processor for that long.
+  set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT ${limit} LABELS fuzz RUN_SERIAL TRUE)
 endfunction()
