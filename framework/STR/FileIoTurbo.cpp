@@ -1,27 +1,23 @@
 #include "STR/FileIoTurbo.h"
 
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 namespace STR {
 
 namespace {
 
 // Data files are read start to end once; a large buffer keeps the number of read calls small.
-constexpr std::size_t streamBufferSizeCM = std::size_t{1} << 20;
-// A line buffer grown beyond this by an unusually long line is given back when its file is
-// closed, rather than held for the life of the reader.
-constexpr std::size_t keptLineCapacityCM = std::size_t{1} << 20;
+constexpr std::size_t bufferSizeCM = std::size_t{1} << 20;
 
 }  // namespace
 
 FileIoTurbo::FileIoTurbo() = default;
 
-FileIoTurbo::~FileIoTurbo() {
-  closeFile();
-  std::free(lineBufferM);
-}
+FileIoTurbo::~FileIoTurbo() { closeFile(); }
 
 bool FileIoTurbo::openFile(const BAS::String& name, long /*mode*/) {
   closeFile();
@@ -32,32 +28,65 @@ bool FileIoTurbo::openFile(const BAS::String& name, long /*mode*/) {
   if (S_ISDIR(status.st_mode)) return true;
   std::FILE* stream = std::fopen(name.c_str(), "re");
   if (stream == nullptr) return true;
-  if (!streamBufferM) streamBufferM = std::make_unique<char[]>(streamBufferSizeCM);
-  // Without our buffer the stream still works, with the library's smaller one.
-  std::setvbuf(stream, streamBufferM.get(), _IOFBF, streamBufferSizeCM);
+  if (bufferM.size() < bufferSizeCM) bufferM.resize(bufferSizeCM);
   streamM = stream;
   return true;
 }
 
+bool FileIoTurbo::refill() {
+  // Keep the undelivered start of a line, moved to the front; grow when it fills the buffer.
+  const std::size_t pending = endM - beginM;
+  if (pending != 0 && beginM != 0) std::memmove(bufferM.data(), bufferM.data() + beginM, pending);
+  beginM = 0;
+  endM = pending;
+  if (endM == bufferM.size()) bufferM.resize(bufferM.size() * 2);
+  for (;;) {
+    const ssize_t got = ::read(::fileno(streamM), bufferM.data() + endM, bufferM.size() - endM);
+    if (got > 0) {
+      endM += static_cast<std::size_t>(got);
+      return true;
+    }
+    if (got < 0 && errno == EINTR) continue;
+    // The stream itself has read nothing yet, so one read through it meets the same end of
+    // file or error as ours did, and sets the indicator that the reading rule looks at.
+    std::fgetc(streamM);
+    return false;
+  }
+}
+
 bool FileIoTurbo::readLine(BAS::String& line) {
   if (streamM == nullptr) return false;
-  // getline stops at a line end without looking further, and only a read that runs into the
-  // end of the file sets the end-of-file indicator: the reading rule of the header rests on it.
-  const ssize_t length = ::getline(&lineBufferM, &lineCapacityM, streamM);
-  if (length < 0) return false;
-  std::size_t size = static_cast<std::size_t>(length);
-  if (size > 0 && lineBufferM[size - 1] == '\n') --size;
-  // The length getline reports, not strlen: a line may hold NUL bytes.
-  line.assign(lineBufferM, size);
-  return true;
+  // Lines are taken from our own buffer, filled by read(2) on the stream's descriptor; the
+  // stream is only read when our reads meet the end of the file, so its end-of-file indicator
+  // is set exactly by the read that reaches the end, as the reading rule of the header requires.
+  std::size_t searched = beginM;
+  for (;;) {
+    const char* const start = bufferM.data() + beginM;
+    const void* const found = std::memchr(bufferM.data() + searched, '\n', endM - searched);
+    if (found != nullptr) {
+      const std::size_t length = static_cast<std::size_t>(static_cast<const char*>(found) - start);
+      // The length found, not strlen: a line may hold NUL bytes.
+      line.assign(start, length);
+      beginM += length + 1;
+      return true;
+    }
+    const std::size_t scanned = endM - beginM;
+    if (!refill()) {
+      if (endM == beginM || std::ferror(streamM)) return false;
+      // A last line without a line end, delivered with the end-of-file indicator set.
+      line.assign(bufferM.data() + beginM, endM - beginM);
+      beginM = endM;
+      return true;
+    }
+    searched = beginM + scanned;
+  }
 }
 
 bool FileIoTurbo::closeFile() {
-  if (lineCapacityM > keptLineCapacityCM) {
-    std::free(lineBufferM);
-    lineBufferM = nullptr;
-    lineCapacityM = 0;
-  }
+  beginM = 0;
+  endM = 0;
+  // A buffer grown by an unusually long line is given back rather than held for the life of the reader.
+  if (bufferM.size() > bufferSizeCM) std::vector<char>().swap(bufferM);
   if (streamM == nullptr) return true;
   const bool closed = std::fclose(streamM) == 0;
   streamM = nullptr;

@@ -10,8 +10,9 @@
 #include "BAS/Export.h"
 #include "BAS/String.h"
 
+#include <cstddef>
 #include <cstdio>
-#include <memory>
+#include <vector>
 
 namespace STR {
 
@@ -40,11 +41,15 @@ public:
   std::FILE* stream() const { return streamM; }
 
 private:
+  // Reads more of the file behind the undelivered bytes; false at the end of the file or on a
+  // read error, with the stream's indicator set.
+  bool refill();
+
   BAS::String fileNameM;
   std::FILE* streamM = nullptr;
-  std::unique_ptr<char[]> streamBufferM;  // the stream's read buffer, made on first open
-  char* lineBufferM = nullptr;  // getline's buffer, reused across lines
-  std::size_t lineCapacityM = 0;
+  std::vector<char> bufferM;  // bytes read from the file; [beginM, endM) not yet delivered
+  std::size_t beginM = 0;
+  std::size_t endM = 0;
 };
 
 }  // namespace STR
