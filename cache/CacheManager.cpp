@@ -8,6 +8,8 @@
 
 #include <cstdio>
 #include <iostream>
+#include <string>
+#include <string_view>
 
 namespace DAT::NumberPortability {
 
@@ -24,6 +26,9 @@ BAS::String location(const char* prefix, unsigned long lineNumber, const STR::Fi
   text += "'. ";
   return text;
 }
+
+// The separators of BAS::String::split.
+bool isSeparator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
 
 // A reader without a stream (the file vanished after its check) counts as ended.
 bool atEnd(const STR::FileIoTurbo& reader) { return reader.stream() == nullptr || std::feof(reader.stream()); }
@@ -55,49 +60,122 @@ CacheManager::~CacheManager() {
 }
 
 void CacheManager::normalize(BAS::String& number) const {
-  const BAS::String& iac = internationalAccessCodeM;
-  if (number.empty()) {
-    number = iac + countryCodeM;
-  } else if (number.startsWith(internationalAccessCodeSignM)) {
-    number.replace(0, internationalAccessCodeSignM.length(), iac.view());
-  } else if (number.startsWith(iac)) {
+  // In place, without temporaries: the loaders normalise every line of a data file.
+  std::string& text = number.mutableStr();
+  const std::string_view iac = internationalAccessCodeM.view();
+  const std::string_view countryCode = countryCodeM.view();
+  const std::string_view sign = internationalAccessCodeSignM.view();
+  const std::string_view national = nationalAccessCodeM.view();
+  if (text.empty()) {
+    text.assign(iac);
+    text.append(countryCode);
+  } else if (text.starts_with(sign)) {
+    text.replace(0, sign.size(), iac);
+  } else if (text.starts_with(iac)) {
     // already in the stored form
-  } else if (number.startsWith(nationalAccessCodeM)) {
-    number.replace(0, nationalAccessCodeM.length(), (iac + countryCodeM).view());
+  } else if (text.starts_with(national)) {
+    text.replace(0, national.size(), iac);
+    text.insert(iac.size(), countryCode);
   } else {
-    number.replace(0, 0, (iac + countryCodeM).view());
+    text.insert(0, iac);
+    text.insert(iac.size(), countryCode);
   }
+}
+
+bool CacheManager::parseLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader,
+                             int reports, BAS::String& number, NumberPortabilityData& record) {
+  // The fields as String::split finds them (runs of white space separate, none at either end);
+  // counted to the end, because a rejected line reports how many it has. Split fields hold no
+  // blank, so trimming them changes nothing.
+  std::string_view fields[columnsRoomCM];
+  std::size_t count = 0;
+  const char* p = line.data();
+  const char* const end = p + line.length();
+  while (true) {
+    while (p != end && isSeparator(*p)) ++p;
+    if (p == end) break;
+    const char* const start = p;
+    while (p != end && !isSeparator(*p)) ++p;
+    if (count < columnsRoomCM) fields[count] = std::string_view(start, static_cast<std::size_t>(p - start));
+    ++count;
+  }
+  if (count != numberOfColumnsM || count < 3) {
+    for (int i = 0; i < reports; ++i) {
+      plugInM->reportStatus("ERR_NUMBER_OF_FIELDS_IN_RECORD", BAS::Status::MINOR,
+                            {BAS::String::decimal(count), BAS::String::decimal(numberOfColumnsM), line,
+                             location("At Line# ", lineNumber, reader)});
+    }
+    return false;
+  }
+  number.assign(fields[0].data(), fields[0].size());
+  normalize(number);
+  const BAS::DateTime validFrom(fields[1]);
+  if (!(validFrom.secs() < BAS::DateTime::invalidSecsCM)) {
+    for (int i = 0; i < reports; ++i) {
+      plugInM->reportStatus("ERR_INVALID_DATETIME", BAS::Status::MINOR,
+                            {location("Invalid N-Port Data at Line# ", lineNumber, reader), BAS::String(fields[1]),
+                             number});
+    }
+    return false;
+  }
+  record.validFromM = validFrom;
+  record.networkOperatorM = BAS::SimpleString(fields[2]);
+  return true;
+}
+
+void CacheManager::reportDuplicate(unsigned long lineNumber, const BAS::String& number,
+                                   const NumberPortabilityData& record, const STR::FileIoTurbo& reader) {
+  plugInM->reportStatus("ERR_DUPLICATE_NUMPORTDATA", BAS::Status::MINOR,
+                        {location("Invalid N-Port Data at Line# ", lineNumber, reader), number,
+                         record.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC)});
+}
+
+bool CacheManager::batchLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader,
+                             NumberPortabilityTree* first, NumberPortabilityTree* second) {
+  LineBatch& batch = batchM;
+  const std::size_t index = batch.linesM++;
+  batch.lineNumbersM[index] = lineNumber;
+  const std::size_t parsed = batch.parsedM;
+  const bool good = parseLine(line, lineNumber, reader, 0, batch.numbersM[parsed], batch.recordsM[parsed]);
+  if (good) {
+    batch.numberViewsM[parsed] = batch.numbersM[parsed].view();
+    batch.parsedIndexM[index] = parsed;
+    ++batch.parsedM;
+  } else {
+    batch.parsedIndexM[index] = batchCM;
+    batch.rejectedM[index] = line;
+  }
+  if (batch.linesM == batchCM) flushBatch(reader, first, second);
+  return good;
+}
+
+void CacheManager::flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* first,
+                              NumberPortabilityTree* second) {
+  LineBatch& batch = batchM;
+  first->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.firstAcceptedM);
+  if (second != nullptr) second->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.secondAcceptedM);
+  const int trees = second != nullptr ? 2 : 1;
+  for (std::size_t i = 0; i < batch.linesM; ++i) {
+    const unsigned long lineNumber = batch.lineNumbersM[i];
+    const std::size_t parsed = batch.parsedIndexM[i];
+    if (parsed == batchCM) {
+      // Parsed again only to report it, now that the lines before it have had their messages.
+      parseLine(batch.rejectedM[i], lineNumber, reader, trees, numberM, recordM);
+      continue;
+    }
+    if (!batch.firstAcceptedM[parsed]) reportDuplicate(lineNumber, batch.numbersM[parsed], batch.recordsM[parsed], reader);
+    if (second != nullptr && !batch.secondAcceptedM[parsed]) {
+      reportDuplicate(lineNumber, batch.numbersM[parsed], batch.recordsM[parsed], reader);
+    }
+  }
+  batch.linesM = 0;
+  batch.parsedM = 0;
 }
 
 bool CacheManager::insertCache(NumberPortabilityTree* tree, const BAS::String& line, unsigned long lineNumber,
                                bool orderedInsert, STR::FileIoTurbo& reader) {
-  line.split(fieldsM);
-  if (fieldsM.size() != numberOfColumnsM) {
-    plugInM->reportStatus("ERR_NUMBER_OF_FIELDS_IN_RECORD", BAS::Status::MINOR,
-                          {BAS::String::decimal(fieldsM.size()), BAS::String::decimal(numberOfColumnsM), line,
-                           location("At Line# ", lineNumber, reader)});
-    return false;
-  }
-  BAS::String& number = fieldsM[0];
-  BAS::String& dateText = fieldsM[1];
-  BAS::String& operatorText = fieldsM[2];
-  number.trim();
-  dateText.trim();
-  operatorText.trim();
-  normalize(number);
-  const BAS::SimpleString networkOperator(operatorText.view());
-  const BAS::DateTime validFrom(dateText);
-  const NumberPortabilityData record(validFrom, networkOperator);
-  if (!(record.validFromM.secs() < BAS::DateTime::invalidSecsCM)) {
-    plugInM->reportStatus("ERR_INVALID_DATETIME", BAS::Status::MINOR,
-                          {location("Invalid N-Port Data at Line# ", lineNumber, reader), dateText, number});
-    return false;
-  }
-  if (!tree->insert(number, record, orderedInsert)) {
-    plugInM->reportStatus("ERR_DUPLICATE_NUMPORTDATA", BAS::Status::MINOR,
-                          {location("Invalid N-Port Data at Line# ", lineNumber, reader), number,
-                           record.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC)});
-  }
+  if (!parseLine(line, lineNumber, reader, 1, numberM, recordM)) return false;
+  if (!tree->insert(numberM, recordM, orderedInsert)) reportDuplicate(lineNumber, numberM, recordM, reader);
   return true;
 }
 
@@ -119,10 +197,11 @@ bool CacheManager::load() {
     lineM = BAS::NULL_STRING;
     const bool delivered = dataFileReaderM.readLine(lineM);
     if (!delivered || atEnd(dataFileReaderM)) break;
-    insertCache(active(), lineM, lineNumber, true, dataFileReaderM);
-    insertCache(standby(), lineM, lineNumber, true, dataFileReaderM);
+    // Parsed once, inserted into both trees; a rejected line is still reported once per tree.
+    batchLine(lineM, lineNumber, dataFileReaderM, active(), standby());
     ++lineNumber;
   }
+  flushBatch(dataFileReaderM, active(), standby());
   if (atEnd(dataFileReaderM)) {
     plugInM->reportStatus("INF_FILE_EOF", BAS::Status::NORMAL, dataFileReaderM.fileName());
     dataFileReaderM.closeFile();
@@ -145,13 +224,14 @@ bool CacheManager::readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reade
     lineM = BAS::NULL_STRING;
     const bool delivered = reader.readLine(lineM);
     if (delivered && !atEnd(reader)) {
-      lastResult = insertCache(tree, lineM, lineNumber, true, reader);
+      lastResult = batchLine(lineM, lineNumber, reader, tree, nullptr);
       kept.append(lineM.view());
     }
     // A line that the reader failed to deliver before the end is skipped but still counted.
     failedInRow = delivered ? 0 : failedInRow + 1;
     ++lineNumber;
   }
+  flushBatch(reader, tree, nullptr);
   return lastResult;
 }
 
@@ -159,8 +239,9 @@ void CacheManager::insertKeptLines(NumberPortabilityTree* tree, const KeptLines&
   for (std::size_t i = 0; i < lines.size(); ++i) {
     const std::string_view text = lines[i];
     lineM.assign(text.data(), text.size());
-    insertCache(tree, lineM, i + 1, true, reader);
+    batchLine(lineM, i + 1, reader, tree, nullptr);
   }
+  flushBatch(reader, tree, nullptr);
 }
 
 bool CacheManager::cacheReload(const bool& reuseOnFailure) {
@@ -171,6 +252,7 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
   NumberPortabilityTree* fresh = standby();
   fresh->clearAndDestroy();
   KeptLines kept;
+  kept.reserveFor(fileNameM);
   const bool loadResult = readInto(fresh, dataFileReaderM, kept);
 
   if (!loadResult && !reuseOnFailure) {
@@ -210,6 +292,7 @@ bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
   if (standbyStaleM) restoreStandby();
 
   KeptLines kept;
+  kept.reserveFor(deltaFileName);
   readInto(standby(), deltaFileReaderM, kept);
 
   exchangeTrees();

@@ -17,7 +17,8 @@
 #include "store/NumberPortabilityData.h"
 #include "store/NumberPortabilityTree.h"
 
-#include <vector>
+#include <cstddef>
+#include <string_view>
 
 namespace DAT::NumberPortability {
 
@@ -81,6 +82,40 @@ private:
   // Makes the standby tree hold the active tree's records again after a reload that failed
   // without reuse had emptied it.
   void restoreStandby();
+  // Splits, normalises and reads one data line into `number` and `record`, as insertCache
+  // does; a rejected line is reported `reports` times (once per tree it was meant for; 0 while
+  // it waits in the batch) and gives false.
+  bool parseLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader, int reports,
+                 BAS::String& number, NumberPortabilityData& record);
+  // Reports that `tree` refused the record of `number` as a duplicate.
+  void reportDuplicate(unsigned long lineNumber, const BAS::String& number, const NumberPortabilityData& record,
+                       const STR::FileIoTurbo& reader);
+  // Parses a line into the batch, which is inserted into `first` and (when not null) `second`
+  // once it is full; the result is what insertCache gives for the line.
+  bool batchLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader,
+                 NumberPortabilityTree* first, NumberPortabilityTree* second);
+  // Inserts the batch into the trees and reports its rejected lines and duplicates, line by
+  // line in file order, each line first for `first` and then for `second`, as single inserts would.
+  void flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* first, NumberPortabilityTree* second);
+
+  // Fields looked at in a line; more are only counted.
+  static constexpr std::size_t columnsRoomCM = 8;
+  static constexpr std::size_t batchCM = 64;
+
+  // Lines parsed and waiting to be inserted together; the loaders insert a data file in
+  // batches, so that the trie walks of a batch overlap their cache misses.
+  struct LineBatch {
+    std::size_t linesM = 0;   // lines in the batch
+    std::size_t parsedM = 0;  // of them parsed into numbersM and recordsM
+    unsigned long lineNumbersM[batchCM] = {};
+    std::size_t parsedIndexM[batchCM] = {};  // index into numbersM and recordsM, or batchCM for a rejected line
+    BAS::String rejectedM[batchCM];          // the text of each rejected line, reported when the batch is inserted
+    BAS::String numbersM[batchCM];
+    std::string_view numberViewsM[batchCM];
+    NumberPortabilityData recordsM[batchCM];
+    bool firstAcceptedM[batchCM] = {};
+    bool secondAcceptedM[batchCM] = {};
+  };
 
   BAS::String fileNameM;
   STR::FileIoTurbo dataFileReaderM;
@@ -106,8 +141,10 @@ private:
 
   // Used by the one operation in progress only (operations never overlap).
   bool standbyStaleM = false;  // the standby tree was emptied by a reload that failed without reuse
-  std::vector<BAS::String> fieldsM;  // split fields of the line being parsed, reused across lines
-  BAS::String lineM;                 // the line being read, reused across lines
+  BAS::String lineM;              // the line being read, reused across lines
+  BAS::String numberM;            // the normalised number of a line parsed on its own
+  NumberPortabilityData recordM;  // the record of a line parsed on its own
+  LineBatch batchM;               // lines waiting to be inserted together
 };
 
 }  // namespace DAT::NumberPortability

@@ -4,7 +4,11 @@
 // Used by one operation at a time; not synchronised.
 #pragma once
 
+#include "BAS/String.h"
+
 #include <cstddef>
+#include <filesystem>
+#include <system_error>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -14,6 +18,13 @@ namespace DAT::NumberPortability {
 
 class KeptLines {
 public:
+  // Makes room for the lines of the named file at once, so that the buffer is not copied over
+  // and over while it grows to the file's size. A file whose size cannot be had reserves nothing.
+  void reserveFor(const BAS::String& fileName) {
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(fileName.str(), error);
+    if (!error && size <= textM.max_size()) textM.reserve(static_cast<std::size_t>(size));
+  }
   void append(std::string_view line) {
     textM.append(line);
     endsM.push_back(textM.size());

@@ -1,14 +1,18 @@
 #include "store/NumberPortabilityList.h"
 
+#include "store/HistoryArena.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <new>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace DAT::NumberPortability {
 
@@ -26,32 +30,61 @@ constexpr std::string_view columnGapCM = "  ";
 
 }  // namespace
 
-NumberPortabilityData& NumberPortabilityList::growAround(std::uint32_t gap) {
+void NumberPortabilityList::growWith(std::uint32_t gap, const NumberPortabilityData& record, HistoryArena* arena) {
   // A count that no longer fits is an array that cannot be had: report it like any other
   // allocation failure.
   if (countM == std::numeric_limits<std::uint32_t>::max()) throw std::bad_array_new_length();
   const std::uint32_t newCount = countM + 1;
-  auto grown = std::make_unique<NumberPortabilityData[]>(newCount);
-  for (std::uint32_t i = 0; i < gap; ++i) grown[i] = recordsM[i];
-  for (std::uint32_t i = gap; i < countM; ++i) grown[i + 1] = recordsM[i];
-  delete[] recordsM;
-  recordsM = grown.release();
+  // Everything that can fail comes first, so that a failure leaves the list as it was.
+  NumberPortabilityData copy(record);
+  NumberPortabilityData* const grown =
+      arena != nullptr ? arena->allocate(newCount)
+                       : static_cast<NumberPortabilityData*>(::operator new(newCount * sizeof(NumberPortabilityData)));
+  // Records are moved bytewise: a date-time and a text whose heap block, if any, moves along.
+  if (countM != 0) {
+    std::memcpy(static_cast<void*>(grown), recordsM, gap * sizeof(NumberPortabilityData));
+    std::memcpy(static_cast<void*>(grown + gap + 1), recordsM + gap, (countM - gap) * sizeof(NumberPortabilityData));
+  }
+  NumberPortabilityData* const slot = ::new (static_cast<void*>(grown + gap)) NumberPortabilityData();
+  slot->validFromM = copy.validFromM;
+  slot->networkOperatorM = std::move(copy.networkOperatorM);
+  if (arena != nullptr) {
+    arena->release(recordsM, countM);
+  } else {
+    ::operator delete(recordsM);
+  }
+  inArenaM = arena != nullptr;
+  recordsM = grown;
   countM = newCount;
-  return recordsM[gap];
 }
 
-bool NumberPortabilityList::insertAt(const NumberPortabilityData& record) {
+void NumberPortabilityList::releaseHeapArray() noexcept {
+  std::destroy_n(recordsM, countM);
+  ::operator delete(recordsM);
+  recordsM = nullptr;
+  countM = 0;
+}
+
+void NumberPortabilityList::releaseRecords() noexcept {
+  std::destroy_n(recordsM, countM);
+  recordsM = nullptr;
+  countM = 0;
+}
+
+bool NumberPortabilityList::insertAt(const NumberPortabilityData& record, HistoryArena* arena) {
   std::uint32_t position = 0;
   for (const NumberPortabilityData& stored : records()) {
     if (stored == record) return false;
     if (stored < record) break;
     ++position;
   }
-  growAround(position) = record;
+  growWith(position, record, arena);
   return true;
 }
 
-void NumberPortabilityList::insert(const NumberPortabilityData& record) { growAround(countM) = record; }
+void NumberPortabilityList::insert(const NumberPortabilityData& record, HistoryArena* arena) {
+  growWith(countM, record, arena);
+}
 
 void NumberPortabilityList::printTree(std::ostream& out, const BAS::String& number) const {
   const std::string_view key = trimBlanks(number.view());
@@ -79,7 +112,6 @@ void NumberPortabilityList::printTree(std::ostream& out, const BAS::String& numb
     append(networkOperator);
     *end = '\n';
     out.write(line, static_cast<std::streamsize>(length));
-    out.flush();
   }
 }
 

@@ -1,10 +1,13 @@
-// PBC::PtrTree maps keys of decimal (or hexadecimal) digits to owned payloads, one trie level
-// per digit, and answers exact, shortest-prefix and all-prefixes questions. The portability
-// tree holds one over number histories. No locks: searches and dumps may run concurrently,
-// insert and destroy must run alone.
+// PBC::PtrTree maps keys of decimal (or hexadecimal) digits to payloads, one trie level per
+// digit, and answers exact, shortest-prefix and all-prefixes questions. The portability tree
+// holds one over number histories. Nodes and slot arrays come from two arenas that the tree
+// owns, so building places them close together and emptying the tree is two arena resets
+// (plus one pass over the nodes when payloads must be released one by one). No locks:
+// searches and dumps may run concurrently, insert and destroy must run alone.
 #pragma once
 
 #include "store/PtrTreeNode.h"
+#include "store/SlabArena.h"
 
 #include "BAS/String.h"
 
@@ -12,13 +15,26 @@
 #include <array>
 #include <cstddef>
 #include <iosfwd>
+#include <memory>
+#include <new>
 #include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace PBC {
 
-// T must be deletable through a T* and offer printTree(std::ostream&, const BAS::String& key).
-template <class T>
+// Release policy for payloads whose memory the trie's owner manages itself: the trie never
+// releases them, and emptying it does not visit them.
+struct PayloadsOwnedElsewhere {
+  template <class T>
+  void operator()(T*) const noexcept {}
+};
+
+// Release(payload) gives up a stored payload: when it is replaced, on destroy and on
+// destruction. T must offer printTree(std::ostream&, const BAS::String& key) for printTree.
+template <class T, class Release = std::default_delete<T>>
 class PtrTree {
 public:
   using Node = PtrTreeNode<T>;
@@ -38,10 +54,8 @@ public:
 
   // Radix 10 reads decimal digits; any other radix reads hexadecimal digits of either case and
   // is held as 16, so that every digit read has a slot.
-  explicit PtrTree(int radix) : radixM(radix == 10 ? 10 : 16), rootM(new Node(radixM)) {}
-  virtual ~PtrTree() {
-    if (rootM != nullptr) destroy();
-  }
+  explicit PtrTree(int radix) : radixM(radix == 10 ? 10 : 16), slotsM(slotSlabBytes(radixM)) { createRoot(); }
+  virtual ~PtrTree() { releasePayloads(); }
   PtrTree(const PtrTree&) = delete;
   PtrTree& operator=(const PtrTree&) = delete;
 
@@ -52,13 +66,68 @@ public:
   // A payload already stored there is released. Out of memory propagates; nodes linked in
   // before stay, without payload, and `payload` is still the caller's.
   void insert(const BAS::String& key, T* payload) {
+    Node& node = reach(key.view());
+    if (node.dataM != payload && node.dataM != nullptr) Release()(node.dataM);
+    node.dataM = payload;
+  }
+
+  // The payload field of the node of `key`, creating missing nodes, for an owner that fills
+  // payloads in place (one walk for "find or create"). Null, and nothing created, for a key
+  // without digits. Out of memory propagates; nodes linked in before stay.
+  T** payloadSlot(std::string_view key) {
+    bool digitRead = false;
+    Node& node = reach(key, &digitRead);
+    return digitRead ? &node.dataM : nullptr;
+  }
+
+  // payloadSlot for several keys at once: slots[i] for keys[i]. The walks advance together,
+  // one level at a time, and each touches the next node or slot array of its path only after
+  // asking the processor to fetch it, so the cache misses of all the walks overlap instead of
+  // following one another. Keys may share paths or be equal. Out of memory propagates; what
+  // was linked in before stays.
+  void payloadSlots(const std::string_view* keys, std::size_t count, T** slots[]) {
     if (rootM == nullptr) createRoot();
-    Node* node = rootM;
-    for (const char c : key.view()) {
-      const int digit = digitValue(c);
-      if (digit >= 0) node = &node->childOrCreate(digit);
+    struct Walk {
+      Node* node;
+      const char* next;
+      const char* end;
+      int digit;  // the digit being followed, -1 once the key is read to its end
+      bool digitRead;
+    };
+    Walk walks[maxBatchCM];
+    for (std::size_t first = 0; first < count; first += maxBatchCM) {
+      const std::size_t batch = std::min(count - first, maxBatchCM);
+      for (std::size_t i = 0; i < batch; ++i) {
+        walks[i] = Walk{rootM, keys[first + i].data(), keys[first + i].data() + keys[first + i].size(), -1, false};
+      }
+      std::size_t open = batch;
+      while (open != 0) {
+        open = 0;
+        // Each walk takes its next digit and asks for the slot it will read.
+        for (std::size_t i = 0; i < batch; ++i) {
+          Walk& walk = walks[i];
+          walk.digit = -1;
+          while (walk.next != walk.end && (walk.digit = digitValue(*walk.next++)) < 0) {
+          }
+          if (walk.digit < 0) continue;
+          ++open;
+          walk.digitRead = true;
+          Node* const node = walk.node;
+          if (node->childrenM == nullptr) node->childrenM = newSlots();
+          __builtin_prefetch(node->childrenM + walk.digit);
+        }
+        // Each walk follows its slot, creating the child where missing, and asks for the child.
+        for (std::size_t i = 0; i < batch; ++i) {
+          Walk& walk = walks[i];
+          if (walk.digit < 0) continue;
+          Node*& slot = walk.node->childrenM[walk.digit];
+          if (slot == nullptr) slot = newNode();
+          walk.node = slot;
+          __builtin_prefetch(slot);
+        }
+      }
+      for (std::size_t i = 0; i < batch; ++i) slots[first + i] = walks[i].digitRead ? &walks[i].node->dataM : nullptr;
     }
-    node->store(payload);
   }
 
   // exact true: the payload stored for exactly `key`. exact false: the payload of the shortest
@@ -71,12 +140,12 @@ public:
     for (const char c : key.view()) {
       const int digit = digitValue(c);
       if (digit < 0) continue;
-      if (!exact && node->hasDataM) return node->dataM;
+      if (!exact && node->dataM != nullptr) return node->dataM;
       node = node->child(digit);
       if (node == nullptr) return nullptr;
       digitRead = true;
     }
-    return digitRead && node->hasDataM ? node->dataM : nullptr;
+    return digitRead ? node->dataM : nullptr;
   }
 
   // Pushes the payloads of all stored prefixes of `key`, the key itself included, shortest
@@ -91,12 +160,12 @@ public:
     for (const char c : key.view()) {
       const int digit = digitValue(c);
       if (digit < 0) continue;
-      if (node->hasDataM) stack.push_back(node->dataM);
+      if (node->dataM != nullptr) stack.push_back(node->dataM);
       node = node->child(digit);
       if (node == nullptr) return;
       digitRead = true;
     }
-    if (digitRead && node->hasDataM) stack.push_back(node->dataM);
+    if (digitRead && node->dataM != nullptr) stack.push_back(node->dataM);
   }
 
   // Whether `key` has a character that this tree reads as a digit.
@@ -105,15 +174,18 @@ public:
   }
 
   // Releases every node and payload. The tree has no root afterwards: searches find nothing
-  // until createRoot or insert gives it a new one.
+  // until createRoot or insert gives it a new one. The memory of the nodes stays with the tree
+  // for the next fill.
   void destroy() noexcept {
-    delete rootM;
+    releasePayloads();
+    nodesM.reset();
+    slotsM.reset();
     rootM = nullptr;
   }
 
   // Gives a destroyed tree a new, empty root; a tree that has one keeps it.
   void createRoot() {
-    if (rootM == nullptr) rootM = new Node(radixM);
+    if (rootM == nullptr) rootM = newNode();
   }
 
   // Calls each payload's printTree with its key, in lexicographic key order, a key before the
@@ -136,6 +208,7 @@ public:
     const Node* node = rootM;
     int slot = 0;
     for (;;) {
+      if (slot == 0) prefetchChildren(node);
       while (slot < radixM && node->child(slot) == nullptr) ++slot;
       if (slot < radixM) {
         if (pathText.size() == pathText.capacity()) {
@@ -148,7 +221,7 @@ public:
         pathText.push_back(CHAR_INDEX[static_cast<std::size_t>(slot)]);
         node = node->child(slot);
         slot = 0;
-        if (node->hasDataM) visit(static_cast<const BAS::String&>(path), static_cast<const T&>(*node->dataM));
+        if (node->dataM != nullptr) visit(static_cast<const BAS::String&>(path), static_cast<const T&>(*node->dataM));
         continue;
       }
       if (parents.empty()) return;
@@ -159,23 +232,83 @@ public:
     }
   }
 
-  // Number of nodes, the root included; 0 after destroy.
-  std::size_t nodeCount() const {
-    if (rootM == nullptr) return 0;
-    std::size_t count = 0;
-    std::vector<const Node*> pending{rootM};
-    while (!pending.empty()) {
-      const Node* const node = pending.back();
-      pending.pop_back();
-      ++count;
-      for (int slot = 0; slot < radixM; ++slot) {
-        if (const Node* const child = node->child(slot)) pending.push_back(child);
-      }
-    }
-    return count;
-  }
+  // Number of nodes, the root included; 0 after destroy. Every node handed out is linked in.
+  std::size_t nodeCount() const noexcept { return nodesM.usedBytes() / sizeof(Node); }
+  // Bytes of the slabs that hold nodes and slot arrays.
+  std::size_t reservedBytes() const noexcept { return nodesM.reservedBytes() + slotsM.reservedBytes(); }
 
 private:
+  static constexpr std::size_t slotSlabBytes(int radix) noexcept {
+    // A whole number of slot arrays per slab, so that no slab ends in an unusable tail.
+    const std::size_t arrayBytes = static_cast<std::size_t>(radix) * sizeof(Node*);
+    return SlabArena::defaultSlabBytesCM / arrayBytes * arrayBytes;
+  }
+
+  static constexpr std::size_t maxBatchCM = 32;
+
+  // The dump visits a node's children one after the other, and nodes lie in the order they were
+  // created, not in key order; so before the first child is visited, all children, then their
+  // slot arrays and payloads, then the grandchildren are requested, each round for all children
+  // at once, and the cache misses of the siblings overlap.
+  void prefetchChildren(const Node* node) const noexcept {
+    Node* const* const slots = node->childrenM;
+    if (slots == nullptr) return;
+    for (int slot = 0; slot < radixM; ++slot) {
+      if (slots[slot] != nullptr) __builtin_prefetch(slots[slot]);
+    }
+    for (int slot = 0; slot < radixM; ++slot) {
+      if (const Node* const child = slots[slot]) {
+        if (child->childrenM != nullptr) __builtin_prefetch(child->childrenM);
+        if (child->dataM != nullptr) __builtin_prefetch(child->dataM);
+      }
+    }
+    // One level further, so that the grandchildren are on their way while the children are visited.
+    for (int slot = 0; slot < radixM; ++slot) {
+      const Node* const child = slots[slot];
+      if (child == nullptr || child->childrenM == nullptr) continue;
+      for (int below = 0; below < radixM; ++below) {
+        if (child->childrenM[below] != nullptr) __builtin_prefetch(child->childrenM[below]);
+      }
+    }
+  }
+
+  Node* newNode() { return ::new (nodesM.allocate(sizeof(Node))) Node(); }
+
+  Node** newSlots() {
+    const std::size_t count = static_cast<std::size_t>(radixM);
+    Node** const slots = static_cast<Node**>(slotsM.allocate(count * sizeof(Node*)));
+    std::uninitialized_fill_n(slots, count, nullptr);
+    return slots;
+  }
+
+  // The node of `key`, created with its path where missing; `digitRead` tells whether the key
+  // had a digit at all (without one it is the root).
+  Node& reach(std::string_view key, bool* digitRead = nullptr) {
+    if (rootM == nullptr) createRoot();
+    Node* node = rootM;
+    for (const char c : key) {
+      const int digit = digitValue(c);
+      if (digit < 0) continue;
+      if (digitRead != nullptr) *digitRead = true;
+      if (node->childrenM == nullptr) node->childrenM = newSlots();
+      Node*& slot = node->childrenM[digit];
+      if (slot == nullptr) slot = newNode();
+      node = slot;
+    }
+    return *node;
+  }
+
+  // Every node ever handed out since the last reset sits in the node arena, so the payloads
+  // are found by one pass over it, without walking the trie.
+  void releasePayloads() noexcept {
+    if constexpr (!std::is_same_v<Release, PayloadsOwnedElsewhere>) {
+      nodesM.forEachUsed([](char* begin, char* end) {
+        for (Node* node = reinterpret_cast<Node*>(begin); node != reinterpret_cast<Node*>(end); ++node) {
+          if (node->dataM != nullptr) Release()(std::exchange(node->dataM, nullptr));
+        }
+      });
+    }
+  }
   static constexpr std::size_t pathStepCM = 10;
   static constexpr std::size_t deepPathCM = 100;
 
@@ -186,7 +319,9 @@ private:
   }
 
   int radixM;
-  Node* rootM;  // owned; null only between destroy and the next createRoot or insert
+  SlabArena nodesM;          // every node of the tree, nothing else
+  SlabArena slotsM;          // every slot array of the tree
+  Node* rootM = nullptr;     // in nodesM; null only between destroy and the next createRoot or insert
 };
 
 }  // namespace PBC
