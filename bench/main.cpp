@@ -80,6 +80,7 @@ struct Options {
   bool sparseM = false;
   bool keepDataM = false;
   std::string npgenM = NPBENCH_NPGEN;
+  std::string nphostM = NPBENCH_NPHOST;
   std::uint64_t eventsM = 0;  // 0: as many as records, at most a million
   unsigned minTimeMsM = 200;
   unsigned reloadRoundsM = 3;
@@ -107,7 +108,6 @@ std::size_t trimmedResidentBytes() {
 
 // The chunk that glibc's allocator takes for a request: the request plus its size word,
 // rounded up to 16 bytes, at least 32.
-std::size_t heapChunk(std::size_t request) { return std::max<std::size_t>(32, (request + 8 + 15) / 16 * 16); }
 
 std::string rateText(double perSecond) {
   if (perSecond >= 1e6) return fmt::format("{:.2f} M/s", perSecond / 1e6);
@@ -503,18 +503,11 @@ int runBench(const Options& options) {
   const double initPerNode = initGrowth / static_cast<double>(std::max<std::size_t>(1, 2 * treeNodes));
   const double initRate = static_cast<double>(dataLines) / initSeconds;
 
-  // Memory the store's shape asks for: the bytes of its objects, and the chunks glibc's
-  // allocator hands out for them (one tree).
+  // Memory the store's shape asks for (one tree): the bytes of its objects, which its arenas
+  // hand out back to back, without a per-block size word or rounding.
   double storeObjectBytes = static_cast<double>(shape.nodesM * sizeof(StoreNode) + shape.innerNodesM * slotArray +
                                                 shape.numbersM * sizeof(NumberPortabilityList) +
                                                 shape.recordsM * sizeof(NumberPortabilityData));
-  double storeChunkBytes = static_cast<double>(shape.nodesM * heapChunk(sizeof(StoreNode)) +
-                                               shape.innerNodesM * heapChunk(slotArray) +
-                                               shape.numbersM * heapChunk(sizeof(NumberPortabilityList)));
-  for (std::size_t length = 1; length < shape.historiesByLengthM.size(); ++length) {
-    storeChunkBytes += static_cast<double>(shape.historiesByLengthM[length] *
-                                           heapChunk(length * sizeof(NumberPortabilityData)));
-  }
   const double records = static_cast<double>(std::max<std::size_t>(1, shape.recordsM));
 
   {
@@ -533,8 +526,6 @@ int runBench(const Options& options) {
                   "projection"});
     table.addRow({"  store model, two trees: object bytes", "", "", mibText(2 * storeObjectBytes),
                   bytesText(2 * storeObjectBytes / records), "", "from sizeof and the trie's shape"});
-    table.addRow({"  store model, two trees: glibc chunks", "", "", mibText(2 * storeChunkBytes),
-                  bytesText(2 * storeChunkBytes / records), "", "size word, 16-byte rounding"});
     table.print(out);
     out << "  (reference trie: destroyed in " << secondsText(refDestroySeconds) << ", RSS back to "
         << mibText(static_cast<double>(refRssReleased)) << " from " << mibText(static_cast<double>(refRssAfter))
@@ -550,8 +541,7 @@ int runBench(const Options& options) {
                         {"rss_growth", initGrowth},
                         {"bytes_per_record_both_trees", initPerRecord},
                         {"bytes_per_node", initPerNode},
-                        {"model_object_bytes_per_record_both_trees", 2 * storeObjectBytes / records},
-                        {"model_heap_bytes_per_record_both_trees", 2 * storeChunkBytes / records}};
+                        {"model_object_bytes_per_record_both_trees", 2 * storeObjectBytes / records}};
   report["reference"] = Json{{"seconds", refSeconds},
                              {"lines_per_s", refRate},
                              {"records", shape.recordsM},
@@ -594,6 +584,7 @@ int runBench(const Options& options) {
                                header);
   Json lookupJson = Json::array();
   double lockedBest1 = 0, bareBest1 = 0, lockedBest2 = 0;
+  std::vector<double> bareMixed;  // BEST_MATCH, mixed keys, by thread count
   const NumberPortabilityTree& bareTree = *activeTree;
   for (unsigned method = 0; method < 3; ++method) {
     for (const LookupKeys* keys : workloads) {
@@ -629,6 +620,7 @@ int runBench(const Options& options) {
       if (method == 0 && keys == &mixed) {
         lockedBest1 = locked[1];
         bareBest1 = bare[1];
+        bareMixed = bare;
         if (options.threadsMaxM >= 2) lockedBest2 = locked[2];
       }
     }
@@ -782,11 +774,24 @@ int runBench(const Options& options) {
                               {"plugin_end_s", endSeconds}};
 
   // ---- 8. the host end to end ------------------------------------------------------------------
-  const Bench::HostRunBench::Result hostRun = Bench::HostRunBench(mainFile, eventFile, workDir).run();
-  out << "\n8 nphost run end-to-end events per second: "
-      << (hostRun.eventsPerSecondM ? rateText(*hostRun.eventsPerSecondM) : hostRun.statusM) << "\n";
-  report["host_run"] = Json{{"events_per_s", hostRun.eventsPerSecondM ? Json(*hostRun.eventsPerSecondM) : Json()},
-                            {"status", hostRun.statusM}};
+  Bench::TextTable hostTable("8 nphost run end to end (event file, output discarded; rate from nphost's summary)",
+                             {"threads", "events per second", "bare search, same threads", "ratio"});
+  Json hostJson = Json::array();
+  std::vector<std::optional<double>> hostRatios(options.threadsMaxM + 1);
+  const Bench::HostRunBench hostBench(options.nphostM, mainFile, eventFile, workDir);
+  for (unsigned t = 1; t <= options.threadsMaxM; ++t) {
+    const Bench::HostRunBench::Result hostRun = hostBench.run(t);
+    const double bare = t < bareMixed.size() ? bareMixed[t] : 0.0;
+    if (hostRun.eventsPerSecondM && bare > 0) hostRatios[t] = *hostRun.eventsPerSecondM / bare;
+    hostTable.addRow({std::to_string(t), hostRun.eventsPerSecondM ? rateText(*hostRun.eventsPerSecondM) : hostRun.statusM,
+                      rateText(bare), hostRatios[t] ? ratioText(*hostRatios[t]) : "-"});
+    hostJson.push_back(Json{{"threads", t},
+                            {"events_per_s", hostRun.eventsPerSecondM ? Json(*hostRun.eventsPerSecondM) : Json()},
+                            {"bare_per_s", bare},
+                            {"summary", hostRun.statusM}});
+  }
+  hostTable.print(out);
+  report["host_run"] = hostJson;
 
   // ---- targets ------------------------------------------------------------------------------------
   const double idle999 = static_cast<double>(idle.percentile(0.999));
@@ -803,6 +808,10 @@ int runBench(const Options& options) {
       {"delta load time / init time", deltaSeconds / initSeconds, false, 0.5, ""},
       {"clearAndDestroy / build of one tree", clearSeconds / buildSeconds, false, 0.1, ""},
   };
+  for (unsigned t = 1; t <= options.threadsMaxM; ++t) {
+    targets.push_back({fmt::format("nphost run / bare search, {} thread{}", t, t == 1 ? "" : "s"), hostRatios[t], true,
+                       0.7, ""});
+  }
   Bench::TextTable targetTable("Targets", {"ratio", "measured", "target", "result"});
   Json targetJson = Json::array();
   std::size_t missed = 0;
@@ -866,6 +875,7 @@ int main(int argc, char** argv) {
   app.add_flag("--sparse", options.sparseM, "Uniform numbers instead of number blocks");
   app.add_flag("--keep-data", options.keepDataM, "Leave the generated files in place");
   app.add_option("--npgen", options.npgenM, "The data generator to run");
+  app.add_option("--nphost", options.nphostM, "The host program to run end to end");
   app.add_option("--events", options.eventsM, "Lookup events to generate (default: records, at most 1000000)");
   app.add_option("--min-time-ms", options.minTimeMsM, "Least time of one lookup-rate measurement")
       ->check(CLI::Range(1U, 60000U));
