@@ -172,6 +172,7 @@ TEST(HostileDataFile, DiskFullDuringTheRewriteKeepsTheOldMainFileAndLeavesNoTemp
   STR::FileIo::failWritesAfterForTesting(-1);
   // The merged data serves lookups; the file on disk is the old one, whole, and alone.
   EXPECT_TRUE(result);
+  EXPECT_EQ(env.argsOf("ERR_FILE_NOT_WRITTEN"), (std::vector<std::vector<std::string>>{{file, "No space left on device"}}));
   EXPECT_EQ(env.lookup("004930999"), "NEW");
   EXPECT_EQ(NpTest::readText(file), content);
   EXPECT_EQ(folderContents(env.dir.path()), before);

@@ -1,9 +1,13 @@
 #include "STR/FileIo.h"
 
+#include "BAS/Framework.h"
+#include "BAS/Status.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <streambuf>
 #include <string>
@@ -37,6 +41,8 @@ public:
     setp(bufferM.data(), bufferM.data() + bufferM.size());
   }
   bool failed() const { return failedM; }
+  // The errno of the first failed write; 0 when none failed.
+  int error() const { return errorM; }
   // Writes out what is buffered; false when that or an earlier write failed.
   bool flushBuffer() {
     const std::size_t pending = static_cast<std::size_t>(pptr() - pbase());
@@ -79,7 +85,7 @@ private:
       if (failAfterM >= 0) {
         if (writtenM >= failAfterM) {
           failedM = true;
-          errno = EIO;
+          errorM = ENOSPC;
           return false;
         }
         chunk = std::min(chunk, static_cast<std::size_t>(failAfterM - writtenM));
@@ -88,6 +94,7 @@ private:
       if (written < 0) {
         if (errno == EINTR) continue;
         failedM = true;
+        errorM = errno;
         return false;
       }
       text += written;
@@ -102,6 +109,7 @@ private:
   long long failAfterM = -1;
   long long writtenM = 0;
   bool failedM = false;
+  int errorM = 0;
 };
 
 int closeRetrying(int descriptor) {
@@ -109,6 +117,17 @@ int closeRetrying(int descriptor) {
   // close a descriptor another thread has just been given.
   const int result = ::close(descriptor);
   return (result != 0 && errno == EINTR) ? 0 : result;
+}
+
+// The callers' own messages say what an output was for; this one says that the file on disk
+// is not what was written, and why, so that a full disk is not found out at the next reload.
+void reportNotWritten(const BAS::String& name, int error) {
+  BAS::Framework* framework = BAS::Framework::current();
+  if (framework == nullptr) return;
+  BAS::Status status;
+  status.set(BAS::String(), "ERR_FILE_NOT_WRITTEN", BAS::Status::MAJOR,
+             std::vector<BAS::String>{name, BAS::String(std::strerror(error != 0 ? error : EIO))});
+  framework->log().writeStatus(status);
 }
 
 }  // namespace
@@ -153,6 +172,7 @@ FileIo::FileIo(const BAS::String& name, std::ios_base::openmode mode) : nameM(na
     if (impl.descriptorM >= 0 && (mode & std::ios_base::ate)) ::lseek(impl.descriptorM, 0, SEEK_END);
   }
   if (impl.descriptorM < 0) {
+    reportNotWritten(name, errno);
     impl.streamM.setstate(std::ios_base::badbit);
     return;
   }
@@ -171,16 +191,30 @@ bool FileIo::closeFile() {
   // old file, if any, is as it was.
   if (impl.descriptorM < 0) return true;
   bool good = impl.bufferM.flushBuffer() && !impl.bufferM.failed() && !impl.streamM.bad();
-  if (impl.replacingM && good) good = ::fsync(impl.descriptorM) == 0;
-  good = closeRetrying(impl.descriptorM) == 0 && good;
+  int error = impl.bufferM.error();
+  if (impl.replacingM && good && ::fsync(impl.descriptorM) != 0) {
+    good = false;
+    error = errno;
+  }
+  if (closeRetrying(impl.descriptorM) != 0 && good) {
+    good = false;
+    error = errno;
+  }
   impl.descriptorM = -1;
   impl.bufferM.detach();
   impl.streamM.setstate(std::ios_base::badbit);
-  if (!impl.replacingM) return good;
+  if (!impl.replacingM) {
+    if (!good) reportNotWritten(nameM, error);
+    return good;
+  }
 
-  if (good) good = std::rename(impl.temporaryNameM.c_str(), nameM.c_str()) == 0;
+  if (good && std::rename(impl.temporaryNameM.c_str(), nameM.c_str()) != 0) {
+    good = false;
+    error = errno;
+  }
   if (!good) {
     ::unlink(impl.temporaryNameM.c_str());
+    reportNotWritten(nameM, error);
     return false;
   }
   // Makes the rename itself durable. The target is replaced already, so a failure here is not

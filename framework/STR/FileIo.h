@@ -2,6 +2,8 @@
 // the file crash-safely: it writes a temporary file beside the target and, on closeFile(),
 // flushes it to disk and renames it over the target. A failed write, flush or rename leaves
 // the old file as it was and removes the temporary one. Other modes (app) write in place.
+// A file that cannot be opened or written is reported to the framework log as
+// "ERR_FILE_NOT_WRITTEN" (file name, reason).
 // One object is used by one thread at a time.
 #pragma once
 

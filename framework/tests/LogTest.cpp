@@ -216,7 +216,8 @@ TEST(MessageCatalogue, FillsPlaceholdersAndKeepsEveryArgument) {
       {"ERR_INVALID_REG_ENTRIES", 1},   {"ERR_INVALID_REG_VALUE", 2},          {"INF_RELOAD_DATA", 1},
       {"INF_NUM_NPORT_RELOADED", 1},    {"INF_ADD_DATA", 1},                   {"INF_NUM_NPORT_ADDED", 1},
       {"ERR_NUM_PORT_RELOAD", 1},       {"ERR_NUM_PORT_DELTALOAD", 1},         {"INF_NUM_PORT_PRINT_DATA", 2},
-      {"ERR_NUM_PORT_PRINT_DATA", 1},
+      {"ERR_NUM_PORT_PRINT_DATA", 1},   {"ERR_FILE_NOT_WRITTEN", 2},           {"ERR_EVENT_RECORD_FIELDS", 3},
+      {"ERR_EVENT_RECORD_DATETIME", 3},
   };
   for (const auto& [id, count] : argumentCounts) {
     ASSERT_NE(BAS::MessageCatalogue::templateOf(String(id)), nullptr) << id;
