@@ -19,7 +19,7 @@ struct CatalogueEntry {
 constexpr CatalogueEntry entriesCM[] = {
     // The framework's own messages.
     {"ERR_PROBE_INFO_FILE", "The probe information file {1} cannot be used: {2}."},
-    {"ERR_FILE_NOT_WRITTEN", "The file {1} was not written ({2}); a file it would have replaced is unchanged."},
+    {"ERR_FILE_NOT_WRITTEN", "The file {1} was not written: {2}. A file it would have replaced is unchanged."},
 
     // The number portability data plug-in: data file lines.
     {"ERR_NUMBER_OF_FIELDS_IN_RECORD", "{4}The record has {1} fields instead of {2} and is skipped: \"{3}\"."},
