@@ -1,7 +1,11 @@
-// Test helper for the nphost program tests: one nphost process, started in a folder, with
-// pipes to its standard input and output and its standard error in a file.
+// Test helpers for the nphost program tests: a test folder of its own, a line reader for pipes
+// and sockets, and one nphost process, started in a folder, with pipes to its standard input
+// and output and its standard error in a file.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -23,6 +27,56 @@ namespace NphostTest {
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
+
+// A fixture with a folder of its own, removed after the test. The path is short, since a
+// control socket's path must fit in 108 bytes.
+class ProgramFolderTest : public testing::Test {
+protected:
+  void SetUp() override {
+    // A program that ends early closes its input; writing to it must fail, not kill the test.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::string pattern = "/tmp/nphost-test.XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    folderM = pattern;
+  }
+  void TearDown() override { fs::remove_all(folderM); }
+
+  void writeFile(const std::string& name, const std::string& text) const { std::ofstream(folderM / name) << text; }
+  std::string readFile(const std::string& name) const {
+    std::ifstream file(folderM / name);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  }
+
+  fs::path folderM;
+};
+
+// Lines from a pipe or a socket it does not own. A read gives up after `timeoutMs`, so that a
+// hanging program fails the test instead of blocking it.
+class LineReader {
+public:
+  LineReader(int descriptor, int timeoutMs) : descriptorM(descriptor), timeoutMsM(timeoutMs) {}
+  void setDescriptor(int descriptor) { descriptorM = descriptor; }
+  // The next line; at the end an unfinished last line, or "<end>"; "<no answer>" on time-out.
+  std::string next() {
+    while (bufferM.find('\n') == std::string::npos) {
+      pollfd wait{descriptorM, POLLIN, 0};
+      if (poll(&wait, 1, timeoutMsM) <= 0) return "<no answer>";
+      char chunk[4096];
+      const ssize_t n = ::read(descriptorM, chunk, sizeof chunk);
+      if (n <= 0) return bufferM.empty() ? "<end>" : std::exchange(bufferM, std::string());
+      bufferM.append(chunk, static_cast<std::size_t>(n));
+    }
+    const auto end = bufferM.find('\n');
+    std::string line = bufferM.substr(0, end);
+    bufferM.erase(0, end + 1);
+    return line;
+  }
+
+private:
+  int descriptorM;
+  int timeoutMsM;
+  std::string bufferM;
+};
 
 // One nphost process with pipes to its standard input and output; standard error goes to a
 // file. Reads give up after a minute so that a hanging program fails the test instead of
@@ -51,6 +105,7 @@ public:
     close(out[1]);
     inM = in[1];
     outM = out[0];
+    outputM.setDescriptor(outM);
   }
   ~Nphost() {
     if (pidM > 0) finish();
@@ -64,20 +119,7 @@ public:
     }
   }
   // The next line of standard output; "<end>" at its end.
-  std::string readLine() {
-    while (bufferM.find('\n') == std::string::npos) {
-      pollfd wait{outM, POLLIN, 0};
-      char chunk[4096];
-      if (poll(&wait, 1, 60'000) <= 0) return "<no answer>";
-      const ssize_t n = read(outM, chunk, sizeof chunk);
-      if (n <= 0) return bufferM.empty() ? "<end>" : std::exchange(bufferM, std::string());
-      bufferM.append(chunk, static_cast<std::size_t>(n));
-    }
-    const auto end = bufferM.find('\n');
-    std::string line = bufferM.substr(0, end);
-    bufferM.erase(0, end + 1);
-    return line;
-  }
+  std::string readLine() { return outputM.next(); }
   std::string ask(const std::string& command) {
     write(command + "\n");
     return readLine();
@@ -120,7 +162,7 @@ private:
   pid_t pidM = 0;
   int inM = -1;
   int outM = -1;
-  std::string bufferM;
+  LineReader outputM{-1, 60'000};
   Lines restM;
 };
 

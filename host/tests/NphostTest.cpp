@@ -17,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 using NphostTest::Lines;
 using NphostTest::Nphost;
+using NphostTest::ProgramFolderTest;
 
 struct Outcome {
   int status;
@@ -43,22 +44,11 @@ std::string registry(const std::string& framework = "[Framework]\nEventHandler =
          extra;
 }
 
-class NphostProgram : public testing::Test {
+class NphostProgram : public ProgramFolderTest {
 protected:
   void SetUp() override {
-    // A program that ends early closes its input; writing to it must fail, not kill the test.
-    std::signal(SIGPIPE, SIG_IGN);
-    std::string pattern = (fs::temp_directory_path() / "nphost-test.XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folderM = pattern;
+    ProgramFolderTest::SetUp();
     writeFile("np.txt", dataCM);
-  }
-  void TearDown() override { fs::remove_all(folderM); }
-
-  void writeFile(const std::string& name, const std::string& text) const { std::ofstream(folderM / name) << text; }
-  std::string readFile(const std::string& name) const {
-    std::ifstream file(folderM / name);
-    return std::string(std::istreambuf_iterator<char>(file), {});
   }
   // Runs a whole script with a registry text; without a registry text, `arguments` are all.
   Outcome run(const std::string& script, const std::string& registryText, Lines arguments = {}) const {
@@ -72,7 +62,6 @@ protected:
     return Outcome{status, nphost.rest(), nphost.errors()};
   }
 
-  fs::path folderM;
 };
 
 TEST_F(NphostProgram, AnswersEachCommandWithOneLine) {

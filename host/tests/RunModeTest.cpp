@@ -20,6 +20,8 @@ namespace {
 namespace fs = std::filesystem;
 using NphostTest::Lines;
 using NphostTest::Nphost;
+using NphostTest::ProgramFolderTest;
+using NphostTest::LineReader;
 
 const char* const dataCM =
     "+4930123456  20200101000000  OPA\n"
@@ -71,6 +73,7 @@ public:
     where.sun_family = AF_UNIX;
     std::strncpy(where.sun_path, path.c_str(), sizeof(where.sun_path) - 1);
     connectedM = connect(descriptorM, reinterpret_cast<const sockaddr*>(&where), sizeof(where)) == 0;
+    answersM.setDescriptor(descriptorM);
   }
   ~SocketClient() { close(descriptorM); }
   bool connected() const { return connectedM; }
@@ -82,20 +85,7 @@ public:
     }
   }
   // The next answer line; "<end>" when the server closed, "<no answer>" after ten seconds.
-  std::string readLine() {
-    while (bufferM.find('\n') == std::string::npos) {
-      pollfd wait{descriptorM, POLLIN, 0};
-      if (poll(&wait, 1, 10'000) <= 0) return "<no answer>";
-      char chunk[4096];
-      const ssize_t n = recv(descriptorM, chunk, sizeof chunk, 0);
-      if (n <= 0) return "<end>";
-      bufferM.append(chunk, static_cast<std::size_t>(n));
-    }
-    const auto end = bufferM.find('\n');
-    std::string line = bufferM.substr(0, end);
-    bufferM.erase(0, end + 1);
-    return line;
-  }
+  std::string readLine() { return answersM.next(); }
   std::string ask(const std::string& line) {
     send(line + "\n");
     return readLine();
@@ -104,26 +94,15 @@ public:
 private:
   int descriptorM = -1;
   bool connectedM = false;
-  std::string bufferM;
+  LineReader answersM{-1, 10'000};
 };
 
-class RunMode : public testing::Test {
+class RunMode : public ProgramFolderTest {
 protected:
   void SetUp() override {
-    std::signal(SIGPIPE, SIG_IGN);
-    // Short: a socket path must fit in 108 bytes.
-    std::string pattern = "/tmp/nprun.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folderM = pattern;
+    ProgramFolderTest::SetUp();
     writeFile("np.txt", dataCM);
     writeFile("reg.toml", registryCM);
-  }
-  void TearDown() override { fs::remove_all(folderM); }
-
-  void writeFile(const std::string& name, const std::string& text) const { std::ofstream(folderM / name) << text; }
-  std::string readFile(const std::string& name) const {
-    std::ifstream file(folderM / name);
-    return std::string(std::istreambuf_iterator<char>(file), {});
   }
   // `nphost ctl SOCKET words...`: its exit status, and its answer line or error text.
   std::pair<int, std::string> ctl(const Lines& words) const {
@@ -142,7 +121,6 @@ protected:
     return false;
   }
 
-  fs::path folderM;
 };
 
 std::string eventLine(std::size_t i) {
