@@ -54,6 +54,13 @@ public:
     return activeTreeM->search(number, dateTime, result, searchMethod);
   }
 
+  // search for count numbers under one hold of the read lock, as NumberPortabilityTree::searchMany.
+  void searchMany(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
+                  unsigned int searchMethod, NumberPortabilityData* results, bool* found) {
+    BAS::ReadLocker locker(cacheLockM);
+    activeTreeM->searchMany(numbers, dateTimes, count, searchMethod, results, found);
+  }
+
   // Dumps the active tree with banner to standard output (a name equal to BAS::NULL_STRING)
   // or to the named file, replacing it. Always true.
   bool printData(const BAS::String& fileName);

@@ -206,7 +206,7 @@ void EventRecordPipeline::readLoop() {
 }
 
 void EventRecordPipeline::workLoop() {
-  BAS::String number;  // reused for every record of this thread
+  Lookups lookups;  // reused for every batch of this thread
   for (;;) {
     Batch* batch = nullptr;
     {
@@ -216,7 +216,7 @@ void EventRecordPipeline::workLoop() {
       batch = workM.front();
       workM.pop_front();
     }
-    lookUp(*batch, number);
+    lookUp(*batch, lookups);
     {
       std::lock_guard lock(mutexM);
       readyM[batch->sequence % readyM.size()] = batch;
@@ -225,51 +225,76 @@ void EventRecordPipeline::workLoop() {
   }
 }
 
-void EventRecordPipeline::lookUp(Batch& batch, BAS::String& number) const {
-  const char delimiter = settingsM.delimiter;
+void EventRecordPipeline::lookUp(Batch& batch, Lookups& lookups) const {
   batch.output.clear();
   batch.rejected.clear();
   batch.records = 0;
   batch.found = 0;
-  DAT::NumberPortability::NumberPortabilityData record;
   const char* const begin = batch.input.data();
   const char* const end = begin + batch.size;
-  for (const char* line = begin; line < end; ++batch.records) {
-    const char* newline = static_cast<const char*>(std::memchr(line, '\n', static_cast<std::size_t>(end - line)));
-    const char* lineEnd = newline != nullptr ? newline : end;
-    // A line from a CRLF file keeps its carriage return at the end of the output line.
-    const bool carriageReturn = lineEnd > line && lineEnd[-1] == '\r';
-    const char* contentEnd = carriageReturn ? lineEnd - 1 : lineEnd;
-    const std::size_t length = static_cast<std::size_t>(contentEnd - line);
-
-    const char* first = static_cast<const char*>(std::memchr(line, delimiter, length));
-    std::string_view found;
-    if (first == nullptr) {
-      batch.rejected.push_back({static_cast<std::uint32_t>(batch.records), Rejection::TOO_FEW_FIELDS,
-                                static_cast<std::uint32_t>(line - begin), static_cast<std::uint32_t>(length)});
-    } else {
-      const char* dateBegin = first + 1;
-      const char* dateEnd = static_cast<const char*>(std::memchr(dateBegin, delimiter, static_cast<std::size_t>(contentEnd - dateBegin)));
-      if (dateEnd == nullptr) dateEnd = contentEnd;
-      const BAS::DateTime dateTime(std::string_view(dateBegin, static_cast<std::size_t>(dateEnd - dateBegin)));
-      if (!dateTime.isValid()) {
-        batch.rejected.push_back({static_cast<std::uint32_t>(batch.records), Rejection::INVALID_DATE_TIME,
-                                  static_cast<std::uint32_t>(line - begin), static_cast<std::uint32_t>(length)});
-      } else {
-        number.assign(line, static_cast<std::size_t>(first - line));
-        if (plugInM.search(number, dateTime, record)) {
-          found = record.networkOperatorM.view();
+  // The lines are taken a group at a time: cut and parsed, looked up together (the plug-in
+  // overlaps the memory waits of a group's searches), then written out.
+  for (const char* line = begin; line < end;) {
+    lookups.lines.clear();
+    lookups.numbers.clear();
+    lookups.dateTimes.clear();
+    while (line < end && lookups.lines.size() < groupCM) line = cut(line, end, batch, lookups);
+    const std::size_t searched = lookups.numbers.size();
+    plugInM.searchMany(lookups.numbers.data(), lookups.dateTimes.data(), searched, lookups.results.data(),
+                       lookups.found.get());
+    std::size_t search = 0;
+    for (const Lookups::Line& cutLine : lookups.lines) {
+      std::string_view found;
+      if (cutLine.searched) {
+        if (lookups.found[search]) {
+          found = lookups.results[search].networkOperatorM.view();
           ++batch.found;
         }
+        ++search;
       }
+      batch.output.append(cutLine.content);
+      batch.output.push_back(settingsM.delimiter);
+      batch.output.append(found);
+      // A line from a CRLF file keeps its carriage return at the end of the output line.
+      if (cutLine.carriageReturn) batch.output.push_back('\r');
+      batch.output.push_back('\n');
     }
-    batch.output.append(line, length);
-    batch.output.push_back(delimiter);
-    batch.output.append(found);
-    if (carriageReturn) batch.output.push_back('\r');
-    batch.output.push_back('\n');
-    line = newline != nullptr ? newline + 1 : end;
+    batch.records += lookups.lines.size();
   }
+}
+
+const char* EventRecordPipeline::cut(const char* line, const char* end, Batch& batch, Lookups& lookups) const {
+  const char delimiter = settingsM.delimiter;
+  const char* newline = static_cast<const char*>(std::memchr(line, '\n', static_cast<std::size_t>(end - line)));
+  const char* lineEnd = newline != nullptr ? newline : end;
+  const bool carriageReturn = lineEnd > line && lineEnd[-1] == '\r';
+  const char* contentEnd = carriageReturn ? lineEnd - 1 : lineEnd;
+  const std::size_t length = static_cast<std::size_t>(contentEnd - line);
+  const auto reject = [&](Rejection reason) {
+    batch.rejected.push_back({static_cast<std::uint32_t>(batch.records + lookups.lines.size()), reason,
+                              static_cast<std::uint32_t>(line - batch.input.data()),
+                              static_cast<std::uint32_t>(length)});
+  };
+
+  bool searched = false;
+  const char* first = static_cast<const char*>(std::memchr(line, delimiter, length));
+  if (first == nullptr) {
+    reject(Rejection::TOO_FEW_FIELDS);
+  } else {
+    const char* dateBegin = first + 1;
+    const char* dateEnd = static_cast<const char*>(std::memchr(dateBegin, delimiter, static_cast<std::size_t>(contentEnd - dateBegin)));
+    if (dateEnd == nullptr) dateEnd = contentEnd;
+    const BAS::DateTime dateTime(std::string_view(dateBegin, static_cast<std::size_t>(dateEnd - dateBegin)));
+    if (!dateTime.isValid()) {
+      reject(Rejection::INVALID_DATE_TIME);
+    } else {
+      lookups.numbers.emplace_back(line, static_cast<std::size_t>(first - line));
+      lookups.dateTimes.push_back(dateTime);
+      searched = true;
+    }
+  }
+  lookups.lines.push_back({std::string_view(line, length), carriageReturn, searched});
+  return newline != nullptr ? newline + 1 : end;
 }
 
 void EventRecordPipeline::writeLoop() {

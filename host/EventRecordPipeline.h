@@ -7,7 +7,9 @@
 // and waits for it; start, wait and the destructor belong to that one thread.
 #pragma once
 
+#include "BAS/DateTime.h"
 #include "BAS/String.h"
+#include "store/NumberPortabilityData.h"
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -112,7 +115,28 @@ private:
   // the bytes after them; null when the pipeline stopped meanwhile.
   Batch* handOver(Batch* batch, std::size_t complete, std::size_t used, bool last);
   Batch* takeFree();
-  void lookUp(Batch& batch, BAS::String& number) const;
+  // Lines looked up together; a few batches of the plug-in's searchMany.
+  static constexpr std::size_t groupCM = 64;
+
+  // One lookup thread's room for a group of lines: kept from group to group, so that the hot
+  // path does not allocate.
+  struct Lookups {
+    struct Line {
+      std::string_view content;  // without line end
+      bool carriageReturn;
+      bool searched;  // well-formed: its number and date-time are in the arrays below
+    };
+    std::vector<Line> lines;
+    std::vector<std::string_view> numbers;
+    std::vector<BAS::DateTime> dateTimes;
+    using Record = DAT::NumberPortability::NumberPortabilityData;
+    std::vector<Record> results = std::vector<Record>(groupCM);
+    std::unique_ptr<bool[]> found = std::make_unique<bool[]>(groupCM);
+  };
+  void lookUp(Batch& batch, Lookups& lookups) const;
+  // Cuts the line at `line` into `lookups` (or records its rejection in `batch`); returns the
+  // start of the next line.
+  const char* cut(const char* line, const char* end, Batch& batch, Lookups& lookups) const;
   void report(const Batch& batch, std::uint64_t firstLine) const;
   void finishWith(std::string failure);
   bool writeAll(const std::string& text);

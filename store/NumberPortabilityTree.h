@@ -20,7 +20,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <iosfwd>
+#include <span>
 #include <string_view>
 
 namespace DAT::NumberPortability {
@@ -73,6 +75,40 @@ public:
     return list != nullptr && list->search(dateTime, result);
   }
 
+  // search for count numbers at once: found[i] and results[i] as search(numbers[i], dateTimes[i],
+  // results[i], method) gives them, results[i] untouched where found[i] is false. The trie walks
+  // and then the history reads of a batch overlap their cache misses, so that a host with many
+  // records in hand looks them up several times faster than one by one. Inline, as search.
+  void searchMany(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
+                  std::uint32_t method, NumberPortabilityData* results, bool* found) const {
+    using Lists = PrefixStack<const NumberPortabilityList*, searchPrefixRoomCM>;
+    for (std::size_t first = 0; first < count; first += batchCM) {
+      const std::size_t batch = std::min(count - first, batchCM);
+      Lists lists[batchCM];
+      // EXACT_MATCH keeps the number's own history only, ANY_PREFIX_MATCH the shortest prefix's.
+      ptrTreeM.searchMany(numbers + first, batch,
+                          [&](std::size_t i, const NumberPortabilityList* list, bool whole) {
+                            Lists& stack = lists[i];
+                            if (method == BEST_MATCH || (method == EXACT_MATCH ? whole : stack.empty())) {
+                              stack.push_back(list);
+                            }
+                          });
+      const NumberPortabilityList* top = nullptr;
+      for (Lists& stack : std::span(lists, batch)) {
+        if (stack.top(top)) __builtin_prefetch(top);
+      }
+      for (Lists& stack : std::span(lists, batch)) {
+        if (stack.top(top)) top->prefetch();
+      }
+      for (std::size_t i = 0; i < batch; ++i) {
+        bool& hit = found[first + i];
+        hit = false;
+        const NumberPortabilityList* list = nullptr;
+        while (!hit && lists[i].pop(list)) hit = list->search(dateTimes[first + i], results[first + i]);
+      }
+    }
+  }
+
   // Releases every number, history and record; the tree is empty and usable at once, and keeps
   // its memory for the next fill.
   void clearAndDestroy();
@@ -92,6 +128,8 @@ public:
 private:
   static constexpr int radixCM = 10;
   static constexpr std::size_t prefixRoomCM = 32;
+  // A batch holds a stack per number, so each has less room inside; deeper ones use the heap.
+  static constexpr std::size_t searchPrefixRoomCM = 8;
 
   static constexpr std::size_t batchCM = 32;
   static constexpr std::size_t printGroupCM = 256;

@@ -35,6 +35,13 @@ public:
     return true;
   }
 
+  // True and the top item copied into `item`, which stays on the stack; false when empty.
+  bool top(T& item) const noexcept {
+    if (sizeM == 0) return false;
+    item = view().back();
+    return true;
+  }
+
   std::size_t size() const noexcept { return sizeM; }
   bool empty() const noexcept { return sizeM == 0; }
   // Bottom first.

@@ -168,6 +168,65 @@ public:
     if (digitRead && node->dataM != nullptr) stack.push_back(node->dataM);
   }
 
+  // The stack search for several keys at once: visit(i, payload, whole) for each payload that
+  // search(keys[i], stack) would push, shortest prefix first for each key, with whole true
+  // only for the payload of the node of the key itself. The visits of different keys
+  // interleave. The walks advance together, one level at a time, each asking for its next slot
+  // array and node before any reads them, so that a batch pays about one memory latency per
+  // level instead of one per level and key.
+  template <class Visitor>
+  void searchMany(const std::string_view* keys, std::size_t count, Visitor&& visit) const {
+    if (rootM == nullptr) return;
+    struct Walk {
+      const Node* node;  // null once the walk ended
+      const char* next;
+      const char* end;
+      int digit;
+      bool digitRead;
+    };
+    Walk walks[maxBatchCM];
+    for (std::size_t first = 0; first < count; first += maxBatchCM) {
+      const std::size_t batch = std::min(count - first, maxBatchCM);
+      for (std::size_t i = 0; i < batch; ++i) {
+        walks[i] = Walk{rootM, keys[first + i].data(), keys[first + i].data() + keys[first + i].size(), -1, false};
+      }
+      std::size_t open = batch;
+      while (open != 0) {
+        for (std::size_t i = 0; i < batch; ++i) {
+          Walk& walk = walks[i];
+          if (walk.node == nullptr) continue;
+          walk.digit = -1;
+          while (walk.next != walk.end && (walk.digit = digitValue(*walk.next++)) < 0) {
+          }
+          if (walk.digit < 0) {
+            if (walk.digitRead && walk.node->dataM != nullptr) visit(first + i, walk.node->dataM, true);
+            walk.node = nullptr;
+            --open;
+            continue;
+          }
+          if (walk.node->dataM != nullptr) visit(first + i, walk.node->dataM, false);
+          if (walk.node->childrenM == nullptr) {
+            walk.node = nullptr;
+            --open;
+            continue;
+          }
+          __builtin_prefetch(walk.node->childrenM + walk.digit);
+        }
+        for (std::size_t i = 0; i < batch; ++i) {
+          Walk& walk = walks[i];
+          if (walk.node == nullptr) continue;
+          walk.node = walk.node->childrenM[walk.digit];
+          if (walk.node == nullptr) {
+            --open;
+            continue;
+          }
+          walk.digitRead = true;
+          __builtin_prefetch(walk.node);
+        }
+      }
+    }
+  }
+
   // Whether `key` has a character that this tree reads as a digit.
   bool containsDigit(const BAS::String& key) const noexcept {
     return std::ranges::any_of(key.view(), [this](char c) { return digitValue(c) >= 0; });

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -158,6 +159,54 @@ TEST(NumberPortabilityTree, BestMatchFallsBackThroughMorePrefixesThanItsInlineRo
   EXPECT_EQ(find(tree, number.c_str(), "20010601000000", NumberPortabilityTree::BEST_MATCH), "P1");
   EXPECT_EQ(find(tree, number.c_str(), "20300601000000", NumberPortabilityTree::BEST_MATCH), "P30");
   EXPECT_EQ(find(tree, number.c_str(), "20991231000000", NumberPortabilityTree::BEST_MATCH), "P40");
+}
+
+TEST(NumberPortabilityTree, SearchManyAnswersEachNumberAsSearchDoes) {
+  // Numbers drawn from a few short blocks, so that queries share paths, stop in the middle of
+  // keys, end above and below stored numbers, and fall back through stored prefixes; one chain
+  // is deeper than a batch's inline room for prefixes.
+  NumberPortabilityTree tree;
+  std::uint64_t seed = 12345;
+  const auto next = [&seed](std::uint64_t bound) {
+    seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+    return (seed >> 33) % bound;
+  };
+  const auto randomNumber = [&](const char* country) {
+    std::string number = country + std::to_string(next(3));
+    for (std::uint64_t digits = next(5) + 1; digits != 0; --digits) number += static_cast<char>('0' + next(10));
+    return number;
+  };
+  const auto randomDate = [&] { return std::to_string(1995 + next(30)) + "0101000000"; };
+  for (int i = 0; i < 400; ++i) tree.insert(BAS::String(randomNumber("49")), record(randomDate(), "R" + std::to_string(i)), true);
+  std::string deep = "7";
+  for (int length = 1; length <= 20; ++length, deep += static_cast<char>('0' + length % 10)) {
+    tree.insert(BAS::String(deep), record(std::to_string(2000 + length) + "0101000000", "D" + std::to_string(length)), true);
+  }
+
+  std::vector<std::string> numbers = {"", "+-", deep, deep + "99", "7", "8", "4-9-0"};
+  while (numbers.size() < 1000) numbers.push_back(randomNumber(next(4) == 0 ? "48" : "49"));
+  std::vector<BAS::DateTime> dates;
+  for (std::size_t i = 0; i < numbers.size(); ++i) dates.push_back(at(randomDate()));
+  const std::vector<std::string_view> views(numbers.begin(), numbers.end());
+
+  for (const std::uint32_t method : {0U, 1U, 2U, 7U}) {
+    SCOPED_TRACE("method " + std::to_string(method));
+    std::vector<NumberPortabilityData> results(numbers.size(), record("19000101000000", "UNTOUCHED"));
+    auto found = std::make_unique<bool[]>(numbers.size());
+    tree.searchMany(views.data(), dates.data(), numbers.size(), method, results.data(), found.get());
+    std::size_t hits = 0;
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+      SCOPED_TRACE(numbers[i]);
+      NumberPortabilityData single = record("19000101000000", "UNTOUCHED");
+      ASSERT_EQ(found[i], tree.search(BAS::String(numbers[i]), dates[i], single, method));
+      EXPECT_EQ(results[i].networkOperatorM.view(), single.networkOperatorM.view());
+      EXPECT_TRUE(results[i].validFromM == single.validFromM);
+      hits += found[i] ? 1 : 0;
+    }
+    // Both answers occur, so the comparison above covers hits and misses alike.
+    EXPECT_GT(hits, 50U);
+    EXPECT_LT(hits, numbers.size() - 50);
+  }
 }
 
 TEST(NumberPortabilityTree, HandlesAKeyOfAMillionDigits) {
