@@ -86,33 +86,25 @@ void NumberPortabilityList::insert(const NumberPortabilityData& record, HistoryA
   growWith(countM, record, arena);
 }
 
-void NumberPortabilityList::printTree(std::ostream& out, const BAS::String& number) const {
-  const std::string_view key = trimBlanks(number.view());
-  // Lines of ordinary numbers fit on the stack; the dump rewrites data files of millions of
-  // lines, so a line costs no allocation unless the number or operator is unusually long.
-  char shortLine[96];
-  std::string longLine;
+void NumberPortabilityList::appendLines(std::string& out, std::string_view number) const {
+  const std::string_view key = trimBlanks(number);
   for (const NumberPortabilityData& record : records()) {
     const std::string_view networkOperator = trimBlanks(record.networkOperatorM.view());
     char date[dateWidthCM];
     const std::size_t dateLength = record.validFromM.writeCompact(date);
-    const std::size_t length =
-        key.size() + columnGapCM.size() + dateLength + columnGapCM.size() + networkOperator.size() + 1;
-    char* line = shortLine;
-    if (length > sizeof shortLine) {
-      longLine.resize(length);
-      line = longLine.data();
-    }
-    char* end = line;
-    const auto append = [&end](std::string_view part) { end = std::copy(part.begin(), part.end(), end); };
-    append(key);
-    append(columnGapCM);
-    append(std::string_view(date, dateLength));
-    append(columnGapCM);
-    append(networkOperator);
-    *end = '\n';
-    out.write(line, static_cast<std::streamsize>(length));
+    out.append(key);
+    out.append(columnGapCM);
+    out.append(date, dateLength);
+    out.append(columnGapCM);
+    out.append(networkOperator);
+    out.push_back('\n');
   }
+}
+
+void NumberPortabilityList::printTree(std::ostream& out, const BAS::String& number) const {
+  std::string lines;
+  appendLines(lines, number.view());
+  out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
 }
 
 }  // namespace DAT::NumberPortability

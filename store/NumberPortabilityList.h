@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <iosfwd>
 #include <span>
+#include <string>
+#include <string_view>
 
 namespace DAT::NumberPortability {
 
@@ -52,10 +54,12 @@ public:
     return false;
   }
 
-  // Writes one data-file line per record, in stored order: the number and the operator with
-  // blanks trimmed, the date as 14 digits in UTC, columns separated by two blanks. Lines are
-  // not flushed one by one: the rewrite of a data file of millions of lines would otherwise
-  // make one write call per record. An empty history writes nothing.
+  // Appends one data-file line per record, in stored order: the number and the operator with
+  // blanks trimmed, the date as 14 digits in UTC, columns separated by two blanks. An empty
+  // history appends nothing. The tree's dump collects the lines of many numbers this way
+  // before it writes them.
+  void appendLines(std::string& out, std::string_view number) const;
+  // appendLines, written to `out`.
   void printTree(std::ostream& out, const BAS::String& number) const;
 
   // Asks the processor for the records, for a dump that will read many histories in a row.

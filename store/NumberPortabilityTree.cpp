@@ -91,35 +91,88 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
     writeLine(out, bannerTitleCM);
     writeLine(out, bannerRuleCM);
   }
-  // The histories are printed in groups: the walk collects a group's keys and histories, then
-  // the histories and their records are requested for the whole group before any is printed, so
-  // that their cache misses overlap instead of stalling the dump once per number.
-  struct Pending {
-    const NumberPortabilityList* list;
-    std::size_t keyEnd;  // end of the key in keys
+  // A walk in key order waits on every node, since nodes lie in the order they were created.
+  // So the trie is cut into pieces, and several walkers take turns, one node each, each asking
+  // for its next node before the turn passes; their waits overlap. Each piece's lines collect
+  // in a text of their own, written out in piece order.
+  using Trie = decltype(ptrTreeM);
+  const std::vector<Trie::Piece> pieces = ptrTreeM.pieces(printPiecesCM, printCutDepthCM);
+  std::vector<std::string> texts(printWindowCM);  // piece i in texts[i % printWindowCM]
+  std::vector<bool> finished(printWindowCM, false);
+  std::size_t nextPiece = 0;    // the next piece a walker takes
+  std::size_t nextWritten = 0;  // the next piece to write
+  std::size_t heldBytes = 0;    // in the texts of pieces taken but not yet written
+
+  // A history found by a walker is formatted two turns later: one turn for the history object
+  // to arrive, one for its records.
+  struct Found {
+    const NumberPortabilityList* list = nullptr;
+    std::string key;
   };
-  std::vector<Pending> group;
-  group.reserve(printGroupCM);
-  std::string keys;
-  BAS::String key;
-  const auto printGroup = [&] {
-    for (const Pending& pending : group) __builtin_prefetch(pending.list);
-    for (const Pending& pending : group) pending.list->prefetch();
-    std::size_t keyBegin = 0;
-    for (const Pending& pending : group) {
-      key.assign(keys.data() + keyBegin, pending.keyEnd - keyBegin);
-      pending.list->printTree(out, key);
-      keyBegin = pending.keyEnd;
+  struct Lane {
+    Trie::Walker walker;
+    std::size_t piece = 0;
+    bool busy = false;
+    Found found[2];      // [0] waits for its records, [1] for its history object
+    bool holding[2] = {false, false};
+  };
+  std::vector<Lane> lanes(printLanesCM);
+
+  const auto format = [&](Lane& lane, Found& found) {
+    std::string& text = texts[lane.piece % printWindowCM];
+    const std::size_t before = text.size();
+    found.list->appendLines(text, found.key);
+    heldBytes += text.size() - before;
+  };
+  // One turn of a lane: format the oldest history, move the next one up, and take a step.
+  const auto turn = [&](Lane& lane) {
+    if (lane.holding[0]) format(lane, lane.found[0]);
+    lane.holding[0] = lane.holding[1];
+    if (lane.holding[1]) {
+      std::swap(lane.found[0], lane.found[1]);
+      lane.found[0].list->prefetch();
+      lane.holding[1] = false;
     }
-    group.clear();
-    keys.clear();
+    const NumberPortabilityList* list = nullptr;
+    if (lane.walker.step(list, radixCM)) {
+      // Not a look at the history yet: it has only just been asked for.
+      if (list != nullptr) {
+        __builtin_prefetch(list);
+        lane.found[1].list = list;
+        lane.found[1].key.assign(lane.walker.currentKey());
+        lane.holding[1] = true;
+      }
+      return;
+    }
+    if (lane.holding[0]) format(lane, lane.found[0]);
+    lane.holding[0] = false;
+    finished[lane.piece % printWindowCM] = true;
+    lane.busy = false;
   };
-  ptrTreeM.forEach([&](const BAS::String& number, const NumberPortabilityList& list) {
-    keys.append(number.view());
-    group.push_back(Pending{&list, keys.size()});
-    if (group.size() == printGroupCM) printGroup();
-  });
-  printGroup();
+
+  for (;;) {
+    bool anyBusy = false;
+    for (Lane& lane : lanes) {
+      if (!lane.busy && nextPiece < pieces.size() && nextPiece < nextWritten + printWindowCM &&
+          heldBytes < printHeldBytesCM) {
+        lane.piece = nextPiece++;
+        lane.busy = true;
+        lane.walker.start(pieces[lane.piece]);
+      }
+      if (!lane.busy) continue;
+      anyBusy = true;
+      turn(lane);
+    }
+    while (nextWritten < nextPiece && finished[nextWritten % printWindowCM]) {
+      std::string& text = texts[nextWritten % printWindowCM];
+      out.write(text.data(), static_cast<std::streamsize>(text.size()));
+      heldBytes -= text.size();
+      text.clear();
+      finished[nextWritten % printWindowCM] = false;
+      ++nextWritten;
+    }
+    if (!anyBusy && nextPiece == pieces.size()) break;
+  }
   // One flush for the whole dump: standard output shows it complete, a file is finished by its close.
   out.flush();
 }

@@ -132,7 +132,14 @@ private:
   static constexpr std::size_t searchPrefixRoomCM = 8;
 
   static constexpr std::size_t batchCM = 32;
-  static constexpr std::size_t printGroupCM = 256;
+  // The dump: pieces of the trie to cut (down to a depth that telephone numbers reach, so that
+  // a single long chain is not cut level by level), walkers taking turns, pieces and bytes of
+  // text held at most before the oldest piece is written.
+  static constexpr std::size_t printPiecesCM = 16384;
+  static constexpr std::size_t printCutDepthCM = 16;
+  static constexpr std::size_t printLanesCM = 16;
+  static constexpr std::size_t printWindowCM = 4096;
+  static constexpr std::size_t printHeldBytesCM = std::size_t{32} << 20;
 
   // Adds `record` to the history in `*slot`, creating the history when there is none yet.
   bool addToHistory(NumberPortabilityList** slot, const NumberPortabilityData& record, bool ordered);

@@ -291,6 +291,103 @@ public:
     }
   }
 
+  // A part of the trie for a walk in key order: the subtree under `node` (the node's own payload
+  // included), or with `ownOnly` the node's payload alone. `key` is the node's key.
+  struct Piece {
+    const Node* node;
+    std::string key;
+    bool ownOnly;
+  };
+
+  // Cuts the trie into pieces that, walked one after the other, visit the payloads in the
+  // order of forEach: at least `least` of them where the trie has that many nodes within
+  // `deepest` levels, cutting one level deeper at a time. The root's payload is left out, as
+  // forEach leaves it out.
+  std::vector<Piece> pieces(std::size_t least, std::size_t deepest) const {
+    std::vector<Piece> cut;
+    if (rootM == nullptr) return cut;
+    appendChildPieces(*rootM, std::string(), cut);
+    for (std::size_t depth = 1; depth < deepest && cut.size() < least; ++depth) {
+      std::vector<Piece> next;
+      next.reserve(cut.size() * 4);
+      bool deeper = false;
+      for (Piece& piece : cut) {
+        if (piece.ownOnly || piece.node->childrenM == nullptr) {
+          next.push_back(std::move(piece));
+          continue;
+        }
+        deeper = true;
+        if (piece.node->dataM != nullptr) next.push_back(Piece{piece.node, piece.key, true});
+        appendChildPieces(*piece.node, piece.key, next);
+      }
+      cut = std::move(next);
+      if (!deeper) break;
+    }
+    return cut;
+  }
+
+  // Walks one piece in key order a node per step, asking the processor for what the next step
+  // will read before returning; a dump that runs several walkers in turn overlaps their cache
+  // misses. Holds the key of the node last visited. Reusable: start() begins a new piece.
+  class Walker {
+  public:
+    void start(const Piece& piece) {
+      frames.clear();
+      key.assign(piece.key);
+      pending = piece.node;
+      ownOnly = piece.ownOnly;
+      __builtin_prefetch(pending);
+    }
+
+    // One step: false when the piece is done. Otherwise `payload` is the payload of the node
+    // that this step visited, null when it has none or the step only moved between nodes.
+    bool step(const T*& payload, int radix) {
+      payload = nullptr;
+      if (pending != nullptr) {
+        const Node* const node = std::exchange(pending, nullptr);
+        payload = node->dataM;
+        // A leaf gets a frame too, so that every frame but the first stands for one key character.
+        Node* const* const slots = ownOnly ? nullptr : node->childrenM;
+        if (slots != nullptr) {
+          // Ten slots span two cache lines more often than not.
+          __builtin_prefetch(slots);
+          __builtin_prefetch(slots + radix - 1);
+        }
+        frames.push_back(Frame{slots, 0});
+        return true;
+      }
+      while (!frames.empty()) {
+        Frame& frame = frames.back();
+        if (frame.slots != nullptr) {
+          while (frame.slot < radix && frame.slots[frame.slot] == nullptr) ++frame.slot;
+          if (frame.slot < radix) {
+            pending = frame.slots[frame.slot];
+            key.push_back(CHAR_INDEX[static_cast<std::size_t>(frame.slot)]);
+            ++frame.slot;
+            __builtin_prefetch(pending);
+            return true;
+          }
+        }
+        frames.pop_back();
+        if (!frames.empty()) key.pop_back();
+      }
+      return false;
+    }
+
+    // The key of the node that the last step visited.
+    const std::string& currentKey() const noexcept { return key; }
+
+  private:
+    struct Frame {
+      Node* const* slots;  // null for a node without children
+      int slot;            // the next slot to look at
+    };
+    std::vector<Frame> frames;
+    std::string key;
+    const Node* pending = nullptr;  // visited by the next step
+    bool ownOnly = false;
+  };
+
   // Number of nodes, the root included; 0 after destroy. Every node handed out is linked in.
   std::size_t nodeCount() const noexcept { return nodesM.usedBytes() / sizeof(Node); }
   // Bytes of the slabs that hold nodes and slot arrays.
@@ -327,6 +424,15 @@ private:
       if (child == nullptr || child->childrenM == nullptr) continue;
       for (int below = 0; below < radixM; ++below) {
         if (child->childrenM[below] != nullptr) __builtin_prefetch(child->childrenM[below]);
+      }
+    }
+  }
+
+  void appendChildPieces(const Node& node, const std::string& key, std::vector<Piece>& out) const {
+    if (node.childrenM == nullptr) return;
+    for (int slot = 0; slot < radixM; ++slot) {
+      if (const Node* const child = node.childrenM[slot]) {
+        out.push_back(Piece{child, key + CHAR_INDEX[static_cast<std::size_t>(slot)], false});
       }
     }
   }

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <map>
+#include <random>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -207,6 +210,36 @@ TEST(NumberPortabilityTree, SearchManyAnswersEachNumberAsSearchDoes) {
     EXPECT_GT(hits, 50U);
     EXPECT_LT(hits, numbers.size() - 50);
   }
+}
+
+TEST(NumberPortabilityTree, DumpOfManyNumbersListsThemInKeyOrder) {
+  // Enough numbers that the dump cuts the trie into many pieces and holds more of them than it
+  // keeps texts for; lengths from 1 to 14 digits, so that numbers are prefixes of others.
+  std::mt19937_64 random(7);
+  std::map<std::string, std::vector<std::string>> expected;  // number to its lines, newest first
+  NumberPortabilityTree tree;
+  for (int i = 0; i < 60000; ++i) {
+    std::string number = std::to_string(random() % 5);
+    for (std::uint64_t digits = random() % 14; digits != 0; --digits) number += static_cast<char>('0' + random() % 10);
+    const std::string date = std::to_string(1990 + random() % 30) + "0101000000";
+    if (!tree.insert(BAS::String(number), record(date, "OP" + std::to_string(i % 97)), true)) continue;
+    expected[number].push_back(date + "  OP" + std::to_string(i % 97));
+  }
+  std::string lines;
+  for (auto& [number, history] : expected) {
+    std::sort(history.rbegin(), history.rend());
+    for (const std::string& line : history) lines += number + "  " + line + "\n";
+  }
+  // Line by line: on a failure, a diff of two texts this long would take gigabytes.
+  std::istringstream printed(dump(tree, false));
+  std::istringstream wanted(lines);
+  std::string got;
+  std::string want;
+  for (std::size_t line = 1; std::getline(wanted, want); ++line) {
+    ASSERT_TRUE(std::getline(printed, got)) << "the dump ends before line " << line << ", " << want;
+    ASSERT_EQ(got, want) << "line " << line;
+  }
+  EXPECT_FALSE(std::getline(printed, got)) << "the dump goes on with " << got;
 }
 
 TEST(NumberPortabilityTree, HandlesAKeyOfAMillionDigits) {
