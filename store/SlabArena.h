@@ -2,8 +2,13 @@
 // trie takes its nodes and slot arrays from one, the portability tree its histories. Blocks
 // are never returned one by one: reset() takes them all back at once and keeps the slabs, so a
 // tree that is emptied and filled again neither frees millions of blocks nor faults fresh
-// pages in. Not synchronised: its owner's writer uses it alone.
+// pages in. Slabs come from BAS::LargeBlock; an arena that has grown past a few slabs asks for
+// huge pages behind the next ones, so that a big trie's lookups and dumps miss the address
+// translation cache far less, while a small tree keeps to small pages. Not synchronised: its
+// owner's writer uses it alone.
 #pragma once
+
+#include "BAS/LargeBlock.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,7 +22,9 @@ class SlabArena {
 public:
   // Blocks are aligned to alignCM and at most slabBytes long; slabBytes is rounded up to alignCM.
   static constexpr std::size_t alignCM = 8;
-  static constexpr std::size_t defaultSlabBytesCM = std::size_t{1} << 20;
+  static constexpr std::size_t defaultSlabBytesCM = BAS::LargeBlock::alignCM;
+  // Slabs taken before the arena asks for huge pages.
+  static constexpr std::size_t smallPageSlabsCM = 4;
 
   explicit SlabArena(std::size_t slabBytes = defaultSlabBytesCM) noexcept
       : slabBytesM(roundUp(slabBytes == 0 ? alignCM : slabBytes)) {}
@@ -81,14 +88,15 @@ private:
     }
     // Room for the slab's entry first, so that a failed slab allocation leaves nothing behind.
     slabsM.reserve(slabsM.size() + 1);
-    char* const base = static_cast<char*>(::operator new(slabBytesM));
+    const bool hugePages = slabsM.size() >= smallPageSlabsCM;
+    char* const base = static_cast<char*>(BAS::LargeBlock::allocate(slabBytesM, hugePages));
     slabsM.push_back(Slab{base, 0});
     currentM = slabsM.size() - 1;
     usedM = 0;
   }
 
   void freeSlabs() noexcept {
-    for (Slab& slab : slabsM) ::operator delete(slab.base);
+    for (Slab& slab : slabsM) BAS::LargeBlock::release(slab.base, slabBytesM);
     slabsM.clear();
   }
 

@@ -1,0 +1,28 @@
+// BAS::LargeBlock hands out big blocks of memory straight from the operating system, aligned
+// to the size of a huge page, and can ask for huge pages behind them. The portability store's
+// arenas take their slabs from here: a trie of ten million numbers spreads its lookups over
+// more than a gigabyte, and with ordinary 4 KiB pages nearly every step of a search or a dump
+// also misses the address translation cache. Stateless; any thread.
+#pragma once
+
+#include "BAS/Export.h"
+
+#include <cstddef>
+
+namespace BAS {
+
+class BAS_EXPORT LargeBlock {
+public:
+  // The alignment of every block, the size of a huge page on the machines we run on.
+  static constexpr std::size_t alignCM = std::size_t{2} << 20;
+
+  // A block of `bytes` (rounded up to alignCM) aligned to alignCM, zero-filled as fresh pages
+  // are. With hugePages the system is asked to back it with huge pages where it can; without
+  // it, pages are faulted in one by one as touched, so a block that is barely used costs little.
+  // Throws std::bad_alloc when the system has no memory to map.
+  static void* allocate(std::size_t bytes, bool hugePages);
+  // Gives back a block from allocate with the same `bytes`. Null is ignored.
+  static void release(void* block, std::size_t bytes) noexcept;
+};
+
+}  // namespace BAS
