@@ -8,7 +8,7 @@
 // every counter is zero. A reader announces itself (increment) before it looks at writingM, and
 // the writer raises writingM before it looks at the counters; both with sequentially consistent
 // operations, so at least one of them sees the other, and a reader that sees a writer steps back
-// and waits. Writers are serialised by a mutex. A writer that finds a reader holding on for long
+// and waits, spinning for up to readerPatienceCM before it sleeps. Writers are serialised by a mutex. A writer that finds a reader holding on for long
 // (a data dump holds the read side for seconds) lowers writingM again and waits for the readers
 // to leave without blocking new ones, so that lookups never queue behind a waiting writer for more
 // than writerPatienceCM. Not recursive on either side.
@@ -37,7 +37,7 @@ public:
       readers.fetch_add(1, std::memory_order_seq_cst);
       if (!writingM.load(std::memory_order_seq_cst)) return;
       readers.fetch_sub(1, std::memory_order_seq_cst);
-      writingM.wait(true, std::memory_order_seq_cst);
+      waitWhileWriting();
     }
   }
 
@@ -67,6 +67,7 @@ private:
   static constexpr std::size_t slotCountCM = 16;
   static constexpr std::chrono::microseconds writerPatienceCM{200};
   static constexpr std::chrono::microseconds pollPauseCM{100};
+  static constexpr std::chrono::microseconds readerPatienceCM{200};
 
   struct alignas(64) Slot {
     std::atomic<long> readersM{0};  // readers of the threads mapped to this slot; atomic, no lock
@@ -77,6 +78,26 @@ private:
     static std::atomic<std::size_t> nextSlot{0};
     thread_local const std::size_t slot = nextSlot.fetch_add(1, std::memory_order_relaxed) % slotCountCM;
     return slot;
+  }
+
+  // A writer holds the lock for a pointer exchange, so a reader that finds one looks again for
+  // a while before it sleeps: waking a sleeping thread can take a virtual machine a millisecond
+  // or more, far longer than the writer needed.
+  void waitWhileWriting() const noexcept {
+    const auto deadline = std::chrono::steady_clock::now() + readerPatienceCM;
+    while (writingM.load(std::memory_order_seq_cst)) {
+      if (std::chrono::steady_clock::now() >= deadline) {
+        writingM.wait(true, std::memory_order_seq_cst);
+        return;
+      }
+      for (int spin = 0; spin < 16 && writingM.load(std::memory_order_relaxed); ++spin) pause();
+    }
+  }
+
+  static void pause() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
   }
 
   bool noReaders() const noexcept {
