@@ -136,6 +136,50 @@ std::string firstLineWith(const char* path, const std::string& key) {
   return "unknown";
 }
 
+// Time that the hypervisor ran something else while our virtual CPUs wanted to run, over all
+// CPUs since boot ("steal" in /proc/stat); 0 where the system does not count it.
+double stealSeconds() {
+  std::ifstream in("/proc/stat");
+  std::string cpu;
+  unsigned long long fields[8] = {};
+  in >> cpu;
+  for (unsigned long long& field : fields) in >> field;
+  return static_cast<double>(fields[7]) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+constexpr std::size_t batchCM = 64;
+
+// Lookups per second of PlugIn::searchMany over `keys`, batchCM numbers a call, one thread; the
+// best of `repeats` runs of at least `minTime`.
+double batchedRateOf(DAT::NumberPortability::PlugIn& plugIn, const LookupKeys& keys, std::chrono::milliseconds minTime,
+                     unsigned repeats) {
+  std::vector<std::string_view> numbers;
+  std::vector<BAS::DateTime> dateTimes;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    numbers.push_back(keys.number(i).view());
+    dateTimes.push_back(keys.dateTime(i));
+  }
+  std::vector<NumberPortabilityData> results(batchCM);
+  bool found[batchCM];
+  double best = 0;
+  std::size_t hits = 0;
+  for (unsigned run = 0; run < repeats; ++run) {
+    std::size_t done = 0;
+    const auto start = Clock::now();
+    do {
+      for (std::size_t first = 0; first < numbers.size(); first += batchCM) {
+        const std::size_t count = std::min(batchCM, numbers.size() - first);
+        plugIn.searchMany(numbers.data() + first, dateTimes.data() + first, count, results.data(), found);
+        hits += static_cast<std::size_t>(std::count(found, found + count, true));
+        done += count;
+      }
+    } while (Clock::now() - start < minTime);
+    best = std::max(best, static_cast<double>(done) / seconds(Clock::now() - start));
+  }
+  if (hits == 0 && !numbers.empty()) std::cerr << "npbench: the batched search found nothing\n";
+  return best;
+}
+
 std::string loadAverage() {
   std::ifstream in("/proc/loadavg");
   std::string a, b, c;
@@ -628,6 +672,10 @@ int runBench(const Options& options) {
   lookupTable.print(out);
   out << "  (reference trie, BEST_MATCH, mixed, 1 thread, no lock: " << rateText(refLookupRate) << ")\n";
   report["lookups"] = lookupJson;
+  const double batchedRate = batchedRateOf(plugIn, mixed, minTime, options.repeatsM);
+  out << "  (PlugIn::searchMany, BEST_MATCH, mixed, 1 thread, " << batchCM << " numbers a call as nphost looks them up: "
+      << rateText(batchedRate) << ")\n";
+  report["lookups_batched_per_s"] = batchedRate;
 
   // ---- 6a. reload, idle -------------------------------------------------------------------
   out << "measuring reload and latency ..." << std::endl;
@@ -654,16 +702,29 @@ int runBench(const Options& options) {
   std::vector<double> reloadTimes;
   bool reloadsOk = true;
   const auto idleWindow = std::max(std::chrono::milliseconds(100), minTime * 5);
+  // Steal time shows how often the machine itself stopped our threads: a lookup that the
+  // hypervisor descheduled waits however the lock behaves.
+  double stealIdle = 0;
+  double stealReloading = 0;
   std::thread reloader([&] {
+    double mark = stealSeconds();
+    const auto account = [&mark](double& total) {
+      const double now = stealSeconds();
+      total += now - mark;
+      mark = now;
+    };
     std::this_thread::sleep_for(idleWindow);
     for (unsigned round = 0; round < options.reloadRoundsM; ++round) {
+      account(stealIdle);
       phase.store(ReloadPhase::RELOADING);
       const auto start = Clock::now();
       reloadsOk = cacheManager->cacheReload(true) && reloadsOk;
       reloadTimes.push_back(seconds(Clock::now() - start));
       phase.store(ReloadPhase::IDLE);
+      account(stealReloading);
       std::this_thread::sleep_for(idleWindow);
     }
+    account(stealIdle);
     phase.store(ReloadPhase::DONE);
   });
   sampleLatency(mixed, plugInLookup, phase, idle, duringReload);
@@ -685,11 +746,15 @@ int runBench(const Options& options) {
     for (const double t : reloadTimes) times += (times.empty() ? "" : ", ") + secondsText(t);
     out << "  (" << reloadTimes.size() << " reloads, taking turns with idle windows of "
         << secondsText(seconds(idleWindow)) << ": " << times << ")\n";
+    out << "  (steal time of both CPUs: " << secondsText(stealIdle) << " in the idle windows, "
+        << secondsText(stealReloading) << " while reloading)\n";
   }
   report["latency"] = Json{{"clock_pair_p50_ns", clockCost.percentile(0.5)},
                            {"idle", latencyJson(idle)},
                            {"during_reload", latencyJson(duringReload)},
-                           {"reload_seconds", reloadTimes}};
+                           {"reload_seconds", reloadTimes},
+                           {"steal_seconds_idle", stealIdle},
+                           {"steal_seconds_reloading", stealReloading}};
 
   // The same lookups on the tree that the reloads built in memory an earlier tree released,
   // next to the figure on the tree that init built in fresh memory.
