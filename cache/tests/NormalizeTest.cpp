@@ -30,84 +30,27 @@ std::string normalized(DAT::NumberPortability::PlugIn& plugIn, const std::string
 
 const std::vector<Codes>& codeTable() {
   static const std::vector<Codes> table = {
-      {"usual German codes, defaults for the international codes",
-       "49",
-       "0",
-       std::nullopt,
-       std::nullopt,
-       {
-           {"+4930123456", "004930123456"},
-           {"004930123456", "004930123456"},
-           {"030123456", "004930123456"},
-           {"30123456", "004930123456"},
-           {"+441234567", "00441234567"},
-           {"0044-1234-567", "0044-1234-567"},
-           {"", "0049"},
-           {"+", "00"},
-           {"0", "0049"},
-           {"00", "00"},
-           // Nothing but the front is looked at: blanks and letters stay where they are.
-           {"30 12-34 x", "004930 12-34 x"},
-       }},
-      {"empty international access code sign begins every number",
-       "49",
-       "0",
-       std::nullopt,
-       std::string(),
-       {
-           {"004930123456", "00004930123456"},
-           {"030123456", "00030123456"},
-           {"+4930", "00+4930"},
-           {"", "0049"},
-       }},
-      {"empty international access code keeps what the sign rule leaves",
-       "49",
-       "0",
-       std::string(),
-       std::nullopt,
-       {
-           {"+4930123456", "4930123456"},
-           {"030123456", "030123456"},
-           {"30123456", "30123456"},
-           {"", "49"},
-       }},
-      {"empty national access code puts the codes in front like a bare number",
-       "49",
-       "",
-       std::nullopt,
-       std::nullopt,
-       {
-           {"30123456", "004930123456"},
-           {"030123456", "0049030123456"},
-           {"004930123456", "004930123456"},
-           {"+4930123456", "004930123456"},
-       }},
-      {"codes of several characters are replaced whole",
-       "36",
-       "06",
-       std::nullopt,
-       std::nullopt,
-       {
-           {"0612345678", "003612345678"},
-           {"06", "0036"},
-           {"0", "00360"},  // shorter than the national access code: a bare number
-           {"0712345678", "00360712345678"},
-           {"+3612345678", "003612345678"},
-           {"003612345678", "003612345678"},
-       }},
-      {"longer international codes",
-       "1",
-       "1",
-       std::string("011"),
-       std::string("++"),
-       {
-           {"++12125550100", "01112125550100"},
-           {"+12125550100", "0111+12125550100"},
-           {"01144123", "01144123"},
-           {"12125550100", "01112125550100"},
-           {"2125550100", "01112125550100"},
-           {"01", "011101"},  // shorter than "011" and not "1...": a bare number
-       }},
+      {"usual German codes, defaults for the international codes", "49", "0", std::nullopt, std::nullopt,
+       {{"+4930123456", "004930123456"}, {"004930123456", "004930123456"}, {"030123456", "004930123456"},
+        {"30123456", "004930123456"}, {"+441234567", "00441234567"}, {"0044-1234-567", "0044-1234-567"},
+        {"", "0049"}, {"+", "00"}, {"0", "0049"}, {"00", "00"},
+        // Nothing but the front is looked at: blanks and letters stay where they are.
+        {"30 12-34 x", "004930 12-34 x"}}},
+      {"empty international access code sign begins every number", "49", "0", std::nullopt, std::string(),
+       {{"004930123456", "00004930123456"}, {"030123456", "00030123456"}, {"+4930", "00+4930"}, {"", "0049"}}},
+      {"empty international access code keeps what the sign rule leaves", "49", "0", std::string(), std::nullopt,
+       {{"+4930123456", "4930123456"}, {"030123456", "030123456"}, {"30123456", "30123456"}, {"", "49"}}},
+      {"empty national access code puts the codes in front like a bare number", "49", "", std::nullopt, std::nullopt,
+       {{"30123456", "004930123456"}, {"030123456", "0049030123456"}, {"004930123456", "004930123456"},
+        {"+4930123456", "004930123456"}}},
+      {"codes of several characters are replaced whole", "36", "06", std::nullopt, std::nullopt,
+       {{"0612345678", "003612345678"}, {"06", "0036"},
+        {"0", "00360"},  // shorter than the national access code: a bare number
+        {"0712345678", "00360712345678"}, {"+3612345678", "003612345678"}, {"003612345678", "003612345678"}}},
+      {"longer international codes", "1", "1", std::string("011"), std::string("++"),
+       {{"++12125550100", "01112125550100"}, {"+12125550100", "0111+12125550100"}, {"01144123", "01144123"},
+        {"12125550100", "01112125550100"}, {"2125550100", "01112125550100"},
+        {"01", "011101"}}},  // shorter than "011" and not "1...": a bare number
   };
   return table;
 }
@@ -126,23 +69,6 @@ TEST(Normalize, RewritesTheFrontOfTheNumberWithTheConfiguredCodes) {
       EXPECT_EQ(normalized(plugIn, number), expected) << "number as read: '" << number << "'";
     }
   }
-}
-
-// The same rules apply to the first column of every line that is loaded, so one number
-// written in four forms is one history.
-TEST(Normalize, AppliesToEveryLoadedLine) {
-  TestEnvironment env;
-  env.configureData(
-      "+4930123456 20200101000000 OPA\n"
-      "030123456 20210101000000 OPB\n"
-      "30123456 20220101000000 OPC\n"
-      "004930123456 20230101000000 OPD\n");
-  env.start();
-  EXPECT_EQ(env.lookup("004930123456", "20200601000000"), "OPA");
-  EXPECT_EQ(env.lookup("004930123456", "20210601000000"), "OPB");
-  EXPECT_EQ(env.lookup("004930123456", "20220601000000"), "OPC");
-  EXPECT_EQ(env.lookup("004930123456", "20230601000000"), "OPD");
-  EXPECT_EQ(env.argsOf("INF_NUM_NPORT_LOADED"), (std::vector<std::vector<std::string>>{{"4"}}));
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
-// Test helpers for the nphost program tests: a test folder of its own, a line reader for pipes
-// and sockets, and one nphost process, started in a folder, with pipes to its standard input
-// and output and its standard error in a file.
+// Test helpers for the nphost program tests: a test folder of its own holding a small data file
+// and a registry file for it, a line reader for pipes and sockets, and one nphost process,
+// started in a folder, with pipes to its standard input and output and its standard error in a
+// file.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <csignal>
 #include <fcntl.h>
@@ -13,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -28,8 +31,35 @@ namespace NphostTest {
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-// A fixture with a folder of its own, removed after the test. The path is short, since a
-// control socket's path must fit in 108 bytes.
+// The data file np.txt: a number with two records, a number block with a longer number of its
+// own, and a line that the plug-in rejects (line 5).
+inline const char* const dataCM =
+    "+4930123456  20200101000000  OPA\n"
+    "030123456  20230301000000  OPB\n"
+    "0049151  20000101000000  BLK\n"
+    "01511234567  20220101000000  OPC\n"
+    "bad-line  20200101000000\n";
+
+inline std::string readText(const fs::path& file) {
+  std::ifstream in(file);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A registry file for np.txt; `framework` comes first, `extra` is added to the plug-in's table.
+inline std::string registry(const std::string& framework = "[Framework]\nEventHandler = \"EventHandler\"\n",
+                            const std::string& extra = "") {
+  return framework +
+         "\n[NumberPortability]\n"
+         "Library = \"DAT_NumberPortability\"\n"
+         "FileName = \"np.txt\"\n"
+         "CountryCode = \"49\"\n"
+         "NationalAccessCode = \"0\"\n"
+         "SearchMethod = 0\n" +
+         extra;
+}
+
+// A fixture with a folder of its own, holding np.txt and reg.toml (registry()), removed after
+// the test. The path is short, since a control socket's path must fit in 108 bytes.
 class ProgramFolderTest : public testing::Test {
 protected:
   void SetUp() override {
@@ -38,17 +68,41 @@ protected:
     std::string pattern = "/tmp/nphost-test.XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     folderM = pattern;
+    writeFile("np.txt", dataCM);
+    writeFile("reg.toml", registry());
   }
   void TearDown() override { fs::remove_all(folderM); }
 
   void writeFile(const std::string& name, const std::string& text) const { std::ofstream(folderM / name) << text; }
-  std::string readFile(const std::string& name) const {
-    std::ifstream file(folderM / name);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  }
+  std::string readFile(const std::string& name) const { return readText(folderM / name); }
 
   fs::path folderM;
 };
+
+// Writes all of `text`, unless the reader has gone; its exit status then tells the test why.
+inline void writeAll(int descriptor, const std::string& text) {
+  for (std::size_t done = 0; done < text.size();) {
+    const ssize_t n = ::write(descriptor, text.data() + done, text.size() - done);
+    if (n <= 0) return;
+    done += static_cast<std::size_t>(n);
+  }
+}
+
+// The entries of a JSON Lines log file whose identifier is one of `ids`, in order, without
+// their time and catalogue text.
+inline nlohmann::json jsonLog(const fs::path& file, const std::vector<std::string>& ids) {
+  nlohmann::json entries = nlohmann::json::array();
+  std::ifstream log(file);
+  for (std::string line; std::getline(log, line);) {
+    nlohmann::json entry = nlohmann::json::parse(line, nullptr, false);
+    EXPECT_TRUE(entry.is_object()) << line;
+    if (!entry.is_object() || std::find(ids.begin(), ids.end(), entry.value("id", "")) == ids.end()) continue;
+    entry.erase("time");
+    entry.erase("text");
+    entries.push_back(entry);
+  }
+  return entries;
+}
 
 // Lines from a pipe or a socket it does not own. A read gives up after `timeoutMs`, so that a
 // hanging program fails the test instead of blocking it.
@@ -111,53 +165,36 @@ public:
     if (pidM > 0) finish();
   }
 
-  void write(const std::string& text) {
-    for (std::size_t done = 0; done < text.size();) {
-      const ssize_t n = ::write(inM, text.data() + done, text.size() - done);
-      if (n <= 0) return;  // the program has ended; its exit status tells the test why
-      done += static_cast<std::size_t>(n);
-    }
-  }
+  void write(const std::string& text) { writeAll(inM, text); }
   // The next line of standard output; "<end>" at its end.
   std::string readLine() { return outputM.next(); }
-  std::string ask(const std::string& command) {
-    write(command + "\n");
-    return readLine();
-  }
   // Ends standard input, collects the rest of standard output and returns the exit status.
   int finish() {
-    closeInput();
-    return collect();
-  }
-  void closeInput() {
     if (inM >= 0) close(std::exchange(inM, -1));
+    return collect();
   }
   // Collects standard output up to its end and returns the exit status; standard input stays
   // as it is, so a program that must end by itself (on a signal) is seen to.
   int collect() {
     for (std::string line = readLine(); line != "<end>" && line != "<no answer>"; line = readLine())
       restM.push_back(line);
-    close(outM);
-    int status = 0;
-    waitpid(std::exchange(pidM, 0), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return reap();
   }
   // Stops reading standard output (the program's writes then fail) and returns the exit status.
-  int abandonOutput() {
-    closeInput();
+  int abandonOutput() { return reap(); }
+  void signal(int number) const { kill(pidM, number); }
+  const Lines& rest() const { return restM; }
+  std::string errors() const { return readText(errorFileM); }
+
+private:
+  int reap() {
+    if (inM >= 0) close(std::exchange(inM, -1));
     close(std::exchange(outM, -1));
     int status = 0;
     waitpid(std::exchange(pidM, 0), &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  void signal(int number) const { kill(pidM, number); }
-  const Lines& rest() const { return restM; }
-  std::string errors() const {
-    std::ifstream file(errorFileM);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  }
 
-private:
   fs::path errorFileM;
   pid_t pidM = 0;
   int inM = -1;

@@ -22,10 +22,10 @@ std::string refusal(std::string_view text) {
 
 }  // namespace
 
-TEST(RegistryFile, ScalarsBecomeTheirTextAndTablesNestedEntries) {
+TEST(RegistryFile, ScalarsBecomeTheirTextTablesNestedEntriesAndTablesWithLibraryInstances) {
   const std::string text = "[Framework]\n"
                            "EventHandler = \"EventHandler\"\n"
-                           "\n"
+                           "Library = \"ignored\"\n"
                            "[pipeline.np]\n"
                            "Library = \"DAT_NumberPortability\"\n"
                            "SearchMethod = 1\n"
@@ -35,7 +35,9 @@ TEST(RegistryFile, ScalarsBecomeTheirTextAndTablesNestedEntries) {
                            "Since = 2023-03-01 00:00:00Z\n"
                            "\"größe\" = -7\n"
                            "Path = 'C:\\data'\n"
-                           "Codes.Country = \"49\"\n";
+                           "Codes.Country = \"49\"\n"
+                           "[NumberPortability]\n"
+                           "Library = \"/opt/lib/libDAT_NumberPortability.so\"\n";
   RegistryFile file;
   BAS::RegistryEntry root("root");
   ASSERT_TRUE(file.load(text, "reg.toml", root)) << file.error();
@@ -60,21 +62,13 @@ TEST(RegistryFile, ScalarsBecomeTheirTextAndTablesNestedEntries) {
   EXPECT_EQ(file.lineOf("pipeline.np.Mask"), 8u);
   EXPECT_EQ(file.lineOf("pipeline.np"), 4u);
   EXPECT_EQ(file.lineOf("pipeline.nothing"), 0u);
-}
 
-TEST(RegistryFile, TablesWithLibraryAreInstancesNamedByTheirPath) {
-  const std::string text = "[Framework]\nLibrary = \"ignored\"\n"
-                           "[NumberPortability]\nLibrary = \"DAT_NumberPortability\"\n"
-                           "[pipeline]\nStage = 2\n"
-                           "[pipeline.np]\nLibrary = \"/opt/lib/libDAT_NumberPortability.so\"\n";
-  RegistryFile file;
-  BAS::RegistryEntry root("root");
-  ASSERT_TRUE(file.load(text, "reg.toml", root)) << file.error();
+  // Framework's Library is a setting; pipeline and pipeline.np.Codes have none.
   ASSERT_EQ(file.instances().size(), 2u);
-  EXPECT_EQ(file.instances()[0].name, "NumberPortability");
+  EXPECT_EQ(file.instances()[0].name, "pipeline.np");
   EXPECT_EQ(file.instances()[0].library, "DAT_NumberPortability");
-  EXPECT_EQ(file.instances()[0].line, 3u);
-  EXPECT_EQ(file.instances()[1].name, "pipeline.np");
+  EXPECT_EQ(file.instances()[0].line, 4u);
+  EXPECT_EQ(file.instances()[1].name, "NumberPortability");
   EXPECT_EQ(file.instances()[1].library, "/opt/lib/libDAT_NumberPortability.so");
 }
 

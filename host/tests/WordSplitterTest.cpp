@@ -2,45 +2,37 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 using Host::WordSplitter;
 using Words = std::vector<std::string>;
 
-namespace {
-
-Words split(std::string_view line) {
-  Words words{"left over"};
-  EXPECT_TRUE(WordSplitter::split(line, words)) << line;
-  return words;
-}
-
-}  // namespace
-
-TEST(WordSplitter, BlanksSeparateAndRunsOfThemGiveNoEmptyWords) {
-  EXPECT_EQ(split("search 004930123456 20240101000000"), (Words{"search", "004930123456", "20240101000000"}));
-  EXPECT_EQ(split(" \t usable \t\r"), (Words{"usable"}));
-  EXPECT_EQ(split(""), Words{});
-  EXPECT_EQ(split("   "), Words{});
-}
-
-TEST(WordSplitter, QuotesGroupBlanksAndMayBeEmpty) {
-  EXPECT_EQ(split(R"(update "PrintData=out file.txt" Reload)"), (Words{"update", "PrintData=out file.txt", "Reload"}));
-  EXPECT_EQ(split(R"(probe deltaLoad "")"), (Words{"probe", "deltaLoad", ""}));
-  EXPECT_EQ(split(R"("" "")"), (Words{"", ""}));
-  // Quoted and unquoted parts that touch are one word, as in a shell.
-  EXPECT_EQ(split(R"(update PrintData="a b"c)"), (Words{"update", "PrintData=a bc"}));
-}
-
-TEST(WordSplitter, BackslashEscapesOnlyQuoteAndBackslashInsideQuotes) {
-  EXPECT_EQ(split(R"("say \"hi\"")"), (Words{R"(say "hi")"}));
-  EXPECT_EQ(split(R"("a\\b")"), (Words{R"(a\b)"}));
-  EXPECT_EQ(split(R"("a\nb")"), (Words{R"(a\nb)"}));
-  // Outside quotes a backslash is an ordinary character, so file names need no escaping.
-  EXPECT_EQ(split(R"(data\np.txt a\"b")"), (Words{R"(data\np.txt)", R"(a\b)"}));
-}
-
-TEST(WordSplitter, UnterminatedQuoteIsRefused) {
-  Words words;
-  EXPECT_FALSE(WordSplitter::split(R"(update "PrintData=x)", words));
-  EXPECT_FALSE(WordSplitter::split(R"("ends with escaped quote\")", words));
-  EXPECT_FALSE(WordSplitter::split(R"(")", words));
+TEST(WordSplitter, SplitsCommandLinesIntoWordsOrRefusesThem) {
+  const std::pair<std::string_view, std::optional<Words>> cases[] = {
+      // Blanks separate, and runs of them give no empty words.
+      {"search 004930123456 20240101000000", Words{"search", "004930123456", "20240101000000"}},
+      {" \t usable \t\r", Words{"usable"}},
+      {"", Words{}},
+      {"   ", Words{}},
+      // Quotes group blanks and may be empty; quoted and unquoted parts that touch are one word.
+      {R"(update "PrintData=out file.txt" Reload)", Words{"update", "PrintData=out file.txt", "Reload"}},
+      {R"(probe deltaLoad "")", Words{"probe", "deltaLoad", ""}},
+      {R"("" "")", Words{"", ""}},
+      {R"(update PrintData="a b"c)", Words{"update", "PrintData=a bc"}},
+      // Inside quotes a backslash escapes only a quote and a backslash ...
+      {R"("say \"hi\"")", Words{R"(say "hi")"}},
+      {R"("a\\b")", Words{R"(a\b)"}},
+      {R"("a\nb")", Words{R"(a\nb)"}},
+      // ... outside them it is an ordinary character, so file names need no escaping.
+      {R"(data\np.txt a\"b")", Words{R"(data\np.txt)", R"(a\b)"}},
+      // An unterminated quote is refused.
+      {R"(update "PrintData=x)", std::nullopt},
+      {R"("ends with escaped quote\")", std::nullopt},
+      {R"(")", std::nullopt},
+  };
+  for (const auto& [line, expected] : cases) {
+    Words words{"left over"};
+    const bool split = WordSplitter::split(line, words);
+    EXPECT_EQ(split ? std::optional<Words>(words) : std::nullopt, expected) << line;
+  }
 }
