@@ -29,6 +29,8 @@
 #include <nlohmann/json.hpp>
 
 #include <malloc.h>
+#include <pthread.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -304,15 +306,43 @@ enum class ReloadPhase : int { IDLE, RELOADING, DONE };
 
 // Times single lookups over `keys` again and again until the phase is DONE. A sample counts
 // as taken during a reload when a reload was running at its start or at its end.
+// Seconds that the calling thread spent ready to run but waiting for a CPU of its own
+// system, from /proc/thread-self/schedstat; 0 where the system does not keep it.
+// Restricts the calling thread to the CPUs in `cpus`; false where the system refuses.
+bool pinTo(const cpu_set_t& cpus) { return pthread_setaffinity_np(pthread_self(), sizeof cpus, &cpus) == 0; }
+
+cpu_set_t onlyCpu(int cpu) {
+  cpu_set_t cpus;
+  CPU_ZERO(&cpus);
+  CPU_SET(cpu, &cpus);
+  return cpus;
+}
+
+double runDelaySeconds() {
+  std::ifstream in("/proc/thread-self/schedstat");
+  unsigned long long running = 0, waiting = 0;
+  in >> running >> waiting;
+  return static_cast<double>(waiting) * 1e-9;
+}
+
+// `runDelay` gets the time the sampling thread waited for a CPU, idle [0] and reloading [1].
 template <class Lookup>
 void sampleLatency(const LookupKeys& keys, const Lookup& lookup, const std::atomic<ReloadPhase>& phase,
-                   Bench::LatencyHistogram& idle, Bench::LatencyHistogram& reloading) {
+                   Bench::LatencyHistogram& idle, Bench::LatencyHistogram& reloading, double (&runDelay)[2]) {
   const std::size_t n = keys.size();
   if (n == 0) return;
   NumberPortabilityData result;
   std::uint64_t found = 0;
+  ReloadPhase current = ReloadPhase::IDLE;
+  double mark = runDelaySeconds();
   for (std::size_t i = 0;; i = i + 1 == n ? 0 : i + 1) {
     const ReloadPhase before = phase.load(std::memory_order_relaxed);
+    if (before != current) {
+      const double now = runDelaySeconds();
+      runDelay[current == ReloadPhase::RELOADING ? 1 : 0] += now - mark;
+      mark = now;
+      current = before;
+    }
     if (before == ReloadPhase::DONE) break;
     const auto t0 = Clock::now();
     found += lookup(keys.number(i), keys.dateTime(i), result) ? 1 : 0;
@@ -706,7 +736,14 @@ int runBench(const Options& options) {
   // hypervisor descheduled waits however the lock behaves.
   double stealIdle = 0;
   double stealReloading = 0;
+  // The lookup thread and the reload thread get a CPU each: left alone, the scheduler at times
+  // woke the reloader on the lookup thread's CPU, which then waited for it for milliseconds
+  // (the run delay below shows such waits), a matter of the machine's scheduling, not of the lock.
+  cpu_set_t allowed;
+  const bool pinned = sched_getaffinity(0, sizeof allowed, &allowed) == 0 && CPU_COUNT(&allowed) >= 2 &&
+                      CPU_ISSET(0, &allowed) && CPU_ISSET(1, &allowed) && pinTo(onlyCpu(0));
   std::thread reloader([&] {
+    if (pinned) pinTo(onlyCpu(1));
     double mark = stealSeconds();
     const auto account = [&mark](double& total) {
       const double now = stealSeconds();
@@ -727,8 +764,10 @@ int runBench(const Options& options) {
     account(stealIdle);
     phase.store(ReloadPhase::DONE);
   });
-  sampleLatency(mixed, plugInLookup, phase, idle, duringReload);
+  double runDelay[2] = {0, 0};
+  sampleLatency(mixed, plugInLookup, phase, idle, duringReload, runDelay);
   reloader.join();
+  if (pinned) pinTo(allowed);
   if (!reloadsOk) std::cerr << "npbench: a cacheReload during the latency run failed\n";
   {
     Bench::TextTable table(fmt::format("5 Lookup latency, one thread, BEST_MATCH via PlugIn::search, mixed keys "
@@ -746,13 +785,18 @@ int runBench(const Options& options) {
     for (const double t : reloadTimes) times += (times.empty() ? "" : ", ") + secondsText(t);
     out << "  (" << reloadTimes.size() << " reloads, taking turns with idle windows of "
         << secondsText(seconds(idleWindow)) << ": " << times << ")\n";
-    out << "  (steal time of both CPUs: " << secondsText(stealIdle) << " in the idle windows, "
-        << secondsText(stealReloading) << " while reloading)\n";
+    out << "  (" << (pinned ? "lookup and reload thread pinned to CPUs 0 and 1; " : "threads not pinned; ")
+        << "the lookup thread waited for a CPU " << secondsText(runDelay[0]) << " in the idle windows and "
+        << secondsText(runDelay[1]) << " while reloading; steal time of both CPUs: " << secondsText(stealIdle)
+        << " and " << secondsText(stealReloading) << ")\n";
   }
   report["latency"] = Json{{"clock_pair_p50_ns", clockCost.percentile(0.5)},
                            {"idle", latencyJson(idle)},
                            {"during_reload", latencyJson(duringReload)},
                            {"reload_seconds", reloadTimes},
+                           {"threads_pinned", pinned},
+                           {"run_delay_seconds_idle", runDelay[0]},
+                           {"run_delay_seconds_reloading", runDelay[1]},
                            {"steal_seconds_idle", stealIdle},
                            {"steal_seconds_reloading", stealReloading}};
 
