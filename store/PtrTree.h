@@ -87,29 +87,17 @@ public:
   // was linked in before stays.
   void payloadSlots(const std::string_view* keys, std::size_t count, T** slots[]) {
     if (rootM == nullptr) createRoot();
-    struct Walk {
-      Node* node;
-      const char* next;
-      const char* end;
-      int digit;  // the digit being followed, -1 once the key is read to its end
-      bool digitRead;
-    };
-    Walk walks[maxBatchCM];
+    BatchWalk<Node*> walks[maxBatchCM];
     for (std::size_t first = 0; first < count; first += maxBatchCM) {
       const std::size_t batch = std::min(count - first, maxBatchCM);
-      for (std::size_t i = 0; i < batch; ++i) {
-        walks[i] = Walk{rootM, keys[first + i].data(), keys[first + i].data() + keys[first + i].size(), -1, false};
-      }
+      for (std::size_t i = 0; i < batch; ++i) walks[i] = BatchWalk<Node*>(rootM, keys[first + i]);
       std::size_t open = batch;
       while (open != 0) {
         open = 0;
         // Each walk takes its next digit and asks for the slot it will read.
         for (std::size_t i = 0; i < batch; ++i) {
-          Walk& walk = walks[i];
-          walk.digit = -1;
-          while (walk.next != walk.end && (walk.digit = digitValue(*walk.next++)) < 0) {
-          }
-          if (walk.digit < 0) continue;
+          auto& walk = walks[i];
+          if (!takeDigit(walk)) continue;
           ++open;
           walk.digitRead = true;
           Node* const node = walk.node;
@@ -118,7 +106,7 @@ public:
         }
         // Each walk follows its slot, creating the child where missing, and asks for the child.
         for (std::size_t i = 0; i < batch; ++i) {
-          Walk& walk = walks[i];
+          auto& walk = walks[i];
           if (walk.digit < 0) continue;
           Node*& slot = walk.node->childrenM[walk.digit];
           if (slot == nullptr) slot = newNode();
@@ -177,28 +165,17 @@ public:
   template <class Visitor>
   void searchMany(const std::string_view* keys, std::size_t count, Visitor&& visit) const {
     if (rootM == nullptr) return;
-    struct Walk {
-      const Node* node;  // null once the walk ended
-      const char* next;
-      const char* end;
-      int digit;
-      bool digitRead;
-    };
-    Walk walks[maxBatchCM];
+    // A walk's node is null once the walk ended.
+    BatchWalk<const Node*> walks[maxBatchCM];
     for (std::size_t first = 0; first < count; first += maxBatchCM) {
       const std::size_t batch = std::min(count - first, maxBatchCM);
-      for (std::size_t i = 0; i < batch; ++i) {
-        walks[i] = Walk{rootM, keys[first + i].data(), keys[first + i].data() + keys[first + i].size(), -1, false};
-      }
+      for (std::size_t i = 0; i < batch; ++i) walks[i] = BatchWalk<const Node*>(rootM, keys[first + i]);
       std::size_t open = batch;
       while (open != 0) {
         for (std::size_t i = 0; i < batch; ++i) {
-          Walk& walk = walks[i];
+          auto& walk = walks[i];
           if (walk.node == nullptr) continue;
-          walk.digit = -1;
-          while (walk.next != walk.end && (walk.digit = digitValue(*walk.next++)) < 0) {
-          }
-          if (walk.digit < 0) {
+          if (!takeDigit(walk)) {
             if (walk.digitRead && walk.node->dataM != nullptr) visit(first + i, walk.node->dataM, true);
             walk.node = nullptr;
             --open;
@@ -213,7 +190,7 @@ public:
           __builtin_prefetch(walk.node->childrenM + walk.digit);
         }
         for (std::size_t i = 0; i < batch; ++i) {
-          Walk& walk = walks[i];
+          auto& walk = walks[i];
           if (walk.node == nullptr) continue;
           walk.node = walk.node->childrenM[walk.digit];
           if (walk.node == nullptr) {
@@ -401,6 +378,29 @@ private:
   }
 
   static constexpr std::size_t maxBatchCM = 32;
+
+  // One key's walk in a batch of walks that advance together.
+  template <class NodePointer>
+  struct BatchWalk {
+    BatchWalk() = default;
+    BatchWalk(NodePointer root, std::string_view key) noexcept
+        : node(root), next(key.data()), end(key.data() + key.size()) {}
+
+    NodePointer node = nullptr;
+    const char* next = nullptr;  // the rest of the key
+    const char* end = nullptr;
+    int digit = -1;  // the digit being followed, -1 once the key is read to its end
+    bool digitRead = false;
+  };
+
+  // Moves `walk` on to the next digit of its key; false when the key is read to its end.
+  template <class Walk>
+  bool takeDigit(Walk& walk) const noexcept {
+    walk.digit = -1;
+    while (walk.next != walk.end && (walk.digit = digitValue(*walk.next++)) < 0) {
+    }
+    return walk.digit >= 0;
+  }
 
   // The dump visits a node's children one after the other, and nodes lie in the order they were
   // created, not in key order; so before the first child is visited, all children, then their
