@@ -6,24 +6,9 @@
 # NPHOST defaults to build/gcc/bin/nphost (tools/build.sh builds it there). Set NP_DEMO_KEEP=1 to
 # keep the folder and look at the whole output and the log afterwards.
 set -euo pipefail
-here="$(cd "$(dirname "$0")" && pwd)"
-nphost="${1:-$here/../build/gcc/bin/nphost}"
-[ $# -gt 0 ] && shift
-if [ ! -x "$nphost" ]; then
-  echo "run-main.sh: no nphost at '$nphost'; build it or pass its path as the first argument" >&2
-  exit 1
-fi
-nphost="$(realpath "$nphost")"
-
-work="$(mktemp -d "${TMPDIR:-/tmp}/np-main.XXXXXX")"
-if [ "${NP_DEMO_KEEP:-0}" = 1 ]; then
-  echo "run-main.sh: working in $work (kept)" >&2
-else
-  trap 'rm -rf "$work"' EXIT
-fi
-mkdir "$work/examples"
-cp "$here/registry.toml" "$here/np_data.txt" "$here/events.txt" "$work/examples/"
-cd "$work"
+script=run-main.sh
+files=(registry.toml np_data.txt events.txt)
+source "$(dirname "$0")/copy-to-temp.sh"
 
 echo "== nphost run examples/registry.toml --input examples/events.txt --output enriched.txt --log nphost.log"
 status=0
