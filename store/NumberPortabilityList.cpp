@@ -9,7 +9,6 @@
 #include <limits>
 #include <memory>
 #include <new>
-#include <ostream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -99,12 +98,6 @@ void NumberPortabilityList::appendLines(std::string& out, std::string_view numbe
     out.append(networkOperator);
     out.push_back('\n');
   }
-}
-
-void NumberPortabilityList::printTree(std::ostream& out, const BAS::String& number) const {
-  std::string lines;
-  appendLines(lines, number.view());
-  out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
 }
 
 }  // namespace DAT::NumberPortability
