@@ -1,6 +1,6 @@
 // BAS::RWLock is the framework's readers-writer lock: any number of readers, or one writer.
-// Readers are the hot path (one lookup each), so taking the read side must stay cheap.
-// Use BAS::ReadLocker and BAS::WriteLocker to hold it for a scope.
+// Readers are the hot path (one lookup, or one batch of lookups, each), so taking the read side
+// must stay cheap. Use BAS::ReadLocker and BAS::WriteLocker to hold it for a scope.
 //
 // Design: each reader counts itself in one of slotCountCM counters, each on its own cache line,
 // chosen per thread; so readers on different cores never write the same line, where one shared
@@ -8,20 +8,34 @@
 // every counter is zero. A reader announces itself (increment) before it looks at writingM, and
 // the writer raises writingM before it looks at the counters; both with sequentially consistent
 // operations, so at least one of them sees the other, and a reader that sees a writer steps back
-// and waits, spinning for up to readerPatienceCM before it sleeps. Writers are serialised by a mutex. A writer that finds a reader holding on for long
-// (a data dump holds the read side for seconds) lowers writingM again and waits for the readers
-// to leave without blocking new ones, so that lookups never queue behind a waiting writer for more
-// than writerPatienceCM. Not recursive on either side.
+// and waits. Writers are serialised by a mutex. Not recursive on either side.
+//
+// Every wait and every wake-up happens out of line, in the framework library, on the lock's own
+// word through the kernel (futex): a reader compiled into a host program and a writer compiled
+// into a plug-in library meet on the same address whatever binary each was built into. Nothing
+// the lock relies on lives in a function-local static of inline code, of which each binary would
+// keep a copy of its own.
+//
+// Bounds, for any number of reader threads, more than there are processors included:
+// - A writer waits for the writers queued before it and then only for the readers that were
+//   inside when it raised writingM: no reader enters after that. So its wait is the longest
+//   remaining hold of those readers: one search or one batch of searches for the cache's
+//   lookups (microseconds of work), plus, where more threads want to run than there are
+//   processors, the time the scheduler keeps a reader that it preempted inside off a processor
+//   (one scheduling period, milliseconds; npbench's crowded latency run shows it). A dump holds
+//   the read side for the whole dump, but the plug-in never runs a dump and a change of the
+//   data at the same time.
+// - A reader that finds a writer waits for that writer's wait and its hold (for the cache, the
+//   exchange of two pointers), and again for each writer queued right behind it.
 #pragma once
 
 #include "BAS/Export.h"
 #include "BAS/ThreadAnnotations.h"
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
-#include <thread>
 
 namespace BAS {
 
@@ -33,97 +47,38 @@ public:
 
   void readLock() ACQUIRE_SHARED() NO_THREAD_SAFETY_ANALYSIS {
     std::atomic<long>& readers = slotsM[slotOfThisThread()].readersM;
-    for (;;) {
-      readers.fetch_add(1, std::memory_order_seq_cst);
-      if (!writingM.load(std::memory_order_seq_cst)) return;
-      readers.fetch_sub(1, std::memory_order_seq_cst);
-      waitWhileWriting();
-    }
+    readers.fetch_add(1, std::memory_order_seq_cst);
+    if (writingM.load(std::memory_order_seq_cst) == 0) [[likely]] return;
+    readLockBehindWriter(readers);
   }
 
   void readUnlock() RELEASE_SHARED() NO_THREAD_SAFETY_ANALYSIS {
     slotsM[slotOfThisThread()].readersM.fetch_sub(1, std::memory_order_release);
   }
 
-  void writeLock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS {
-    writersM.lock();
-    for (;;) {
-      writingM.store(true, std::memory_order_seq_cst);
-      if (waitForReaders(writerPatienceCM)) return;
-      // A reader holds on: let the others in again and wait for a moment without readers.
-      writingM.store(false, std::memory_order_seq_cst);
-      writingM.notify_all();
-      while (!noReaders()) std::this_thread::sleep_for(pollPauseCM);
-    }
-  }
-
-  void writeUnlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS {
-    writingM.store(false, std::memory_order_seq_cst);
-    writingM.notify_all();
-    writersM.unlock();
-  }
+  void writeLock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS;
+  void writeUnlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS;
 
 private:
   static constexpr std::size_t slotCountCM = 16;
-  static constexpr std::chrono::microseconds writerPatienceCM{200};
-  static constexpr std::chrono::microseconds pollPauseCM{100};
-  static constexpr std::chrono::microseconds readerPatienceCM{200};
 
   struct alignas(64) Slot {
     std::atomic<long> readersM{0};  // readers of the threads mapped to this slot; atomic, no lock
   };
 
-  // Threads take slots in turn, so up to slotCountCM threads never share a counter.
-  static std::size_t slotOfThisThread() noexcept {
-    static std::atomic<std::size_t> nextSlot{0};
-    thread_local const std::size_t slot = nextSlot.fetch_add(1, std::memory_order_relaxed) % slotCountCM;
-    return slot;
-  }
-
-  // A writer holds the lock for a pointer exchange, so a reader that finds one looks again for
-  // a while before it sleeps: waking a sleeping thread can take a virtual machine a millisecond
-  // or more, far longer than the writer needed.
-  void waitWhileWriting() const noexcept {
-    const auto deadline = std::chrono::steady_clock::now() + readerPatienceCM;
-    while (writingM.load(std::memory_order_seq_cst)) {
-      if (std::chrono::steady_clock::now() >= deadline) {
-        writingM.wait(true, std::memory_order_seq_cst);
-        return;
-      }
-      for (int spin = 0; spin < 16 && writingM.load(std::memory_order_relaxed); ++spin) pause();
-    }
-  }
-
-  static void pause() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-  }
-
-  bool noReaders() const noexcept {
-    for (const Slot& slot : slotsM) {
-      if (slot.readersM.load(std::memory_order_seq_cst) != 0) return false;
-    }
-    return true;
-  }
-
-  // True as soon as no reader is counted; false when `patience` ran out first. Looks briefly
-  // (readers of a lookup leave within microseconds), then yields the processor between looks.
-  bool waitForReaders(std::chrono::microseconds patience) const {
-    for (int spin = 0; spin < 64; ++spin) {
-      if (noReaders()) return true;
-    }
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    do {
-      std::this_thread::yield();
-      if (noReaders()) return true;
-    } while (std::chrono::steady_clock::now() < deadline);
-    return false;
-  }
+  // The slot of the calling thread. Out of line, so that a thread uses the same slot whichever
+  // binary takes and leaves the lock: threads take slots in turn, so up to slotCountCM threads
+  // never share a counter.
+  static std::size_t slotOfThisThread() noexcept;
+  // The read side's slow path: steps back out of `readers`, waits until no writer is raised and
+  // counts itself in again, until it finds no writer after counting itself.
+  void readLockBehindWriter(std::atomic<long>& readers) noexcept;
+  bool noReaders() const noexcept;
 
   Slot slotsM[slotCountCM];
-  // Raised while a writer holds or is about to take the lock; atomic, read by every reader.
-  alignas(64) std::atomic<bool> writingM{false};
+  // 1 while a writer holds or is about to take the lock, else 0; atomic, read by every reader,
+  // and the word that sleeping readers wait on. 32 bits, the size the kernel waits on.
+  alignas(64) std::atomic<std::uint32_t> writingM{0};
   std::mutex writersM;  // lets one writer at a time raise writingM
 };
 
