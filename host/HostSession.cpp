@@ -50,6 +50,17 @@ private:
   int descriptorM = -1;
 };
 
+// Why `path` could not be opened for writing, as an errno value, as far as its status (null
+// when it does not exist) and the access rights tell; 0 when nothing speaks against it.
+int unwritable(const std::string& path, const struct stat* status) {
+  if (status != nullptr) {
+    if (S_ISDIR(status->st_mode)) return EISDIR;
+    return access(path.c_str(), W_OK) == 0 ? 0 : errno;
+  }
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  return access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0 ? 0 : errno;
+}
+
 double seconds(std::chrono::steady_clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
 std::string names(const std::vector<RegistryFile::Instance>& instances) {
@@ -196,12 +207,20 @@ int HostSession::runEvents(std::ostream& err) {
   struct stat inputStatus {};
   const std::uintmax_t inputSize =
       fstat(input.get(), &inputStatus) == 0 && S_ISREG(inputStatus.st_mode) ? static_cast<std::uintmax_t>(inputStatus.st_size) : 0;
-  if (optionsM.output != "-") {
-    output.reset(::open(optionsM.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (output.get() < 0)
-      return fail(err, exitBadInputCM,
-                  fmt::format("cannot open the output file '{}' for writing: {}", optionsM.output, std::strerror(errno)));
-  }
+  // Writing the enriched records over the file they are read from would destroy it: refused
+  // before anything is opened for writing, whatever name, link or redirection leads there.
+  struct stat outputStatus {};
+  const bool outputExists = optionsM.output == "-" ? fstat(STDOUT_FILENO, &outputStatus) == 0
+                                                   : ::stat(optionsM.output.c_str(), &outputStatus) == 0;
+  if (outputExists && S_ISREG(inputStatus.st_mode) && outputStatus.st_dev == inputStatus.st_dev &&
+      outputStatus.st_ino == inputStatus.st_ino)
+    return fail(err, exitBadInputCM,
+                fmt::format("the output '{}' is the input file '{}'; name another output", optionsM.output, optionsM.input));
+  // The output is opened only once the plug-in runs; what can be told of it without opening it
+  // is told now, before the data is loaded.
+  if (const int problem = optionsM.output == "-" ? 0 : unwritable(optionsM.output, outputExists ? &outputStatus : nullptr))
+    return fail(err, exitBadInputCM,
+                fmt::format("cannot open the output file '{}' for writing: {}", optionsM.output, std::strerror(problem)));
 
   if (const int status = start(err); status != exitDoneCM) return status;
   if (!isValid()) {
@@ -224,6 +243,16 @@ int HostSession::runEvents(std::ostream& err) {
   if (!plugIn->init()) {
     finish();
     return fail(err, exitInvalidObjectCM, fmt::format("the plug-in '{}' did not start; the log says why.", instanceNameM));
+  }
+  // Opened only now that the plug-in runs: a run that cannot start leaves an existing output as it was.
+  if (optionsM.output != "-") {
+    output.reset(::open(optionsM.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (output.get() < 0) {
+      const int code = errno;
+      finish();
+      return fail(err, exitBadInputCM,
+                  fmt::format("cannot open the output file '{}' for writing: {}", optionsM.output, std::strerror(code)));
+    }
   }
   if (optionsM.controlSocket && !control.start()) {
     finish();

@@ -12,10 +12,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -163,6 +167,8 @@ public:
   }
   ~Nphost() {
     if (pidM > 0) finish();
+    if (inM >= 0) close(inM);
+    if (outM >= 0) close(outM);
   }
 
   void write(const std::string& text) { writeAll(inM, text); }
@@ -183,6 +189,26 @@ public:
   // Stops reading standard output (the program's writes then fail) and returns the exit status.
   int abandonOutput() { return reap(); }
   void signal(int number) const { kill(pidM, number); }
+  // The ends of the pipes, for a test that feeds and drains the program on threads of its own.
+  int inputDescriptor() const { return inM; }
+  int outputDescriptor() const { return outM; }
+  // Waits up to `limit` for the program to end and returns its exit status; a program still
+  // running then is killed, and -1 returned, so that a hang fails the test instead of blocking it.
+  // The pipes stay open until this object ends, for the threads that may still use them.
+  int waitForExit(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    int status = 0;
+    while (waitpid(pidM, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        kill(pidM, SIGKILL);
+        waitpid(std::exchange(pidM, 0), &status, 0);
+        return -1;
+      }
+      usleep(10'000);
+    }
+    pidM = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
   const Lines& rest() const { return restM; }
   std::string errors() const { return readText(errorFileM); }
 
@@ -202,5 +228,49 @@ private:
   LineReader outputM{-1, 60'000};
   Lines restM;
 };
+
+inline sockaddr_un socketAddress(const fs::path& path) {
+  sockaddr_un where{};
+  where.sun_family = AF_UNIX;
+  std::strncpy(where.sun_path, path.c_str(), sizeof(where.sun_path) - 1);
+  return where;
+}
+
+// A raw client of the control socket.
+class SocketClient {
+public:
+  explicit SocketClient(const fs::path& path) {
+    descriptorM = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un where = socketAddress(path);
+    connectedM = connect(descriptorM, reinterpret_cast<const sockaddr*>(&where), sizeof(where)) == 0;
+    answersM.setDescriptor(descriptorM);
+  }
+  ~SocketClient() { close(descriptorM); }
+  SocketClient(const SocketClient&) = delete;
+  SocketClient& operator=(const SocketClient&) = delete;
+  bool connected() const { return connectedM; }
+  void send(const std::string& bytes) const { writeAll(descriptorM, bytes); }
+  // The next answer line; "<end>" when the server closed, "<no answer>" after a minute.
+  std::string readLine() { return answersM.next(); }
+  std::string ask(const std::string& line) {
+    send(line + "\n");
+    return readLine();
+  }
+
+private:
+  int descriptorM = -1;
+  bool connectedM = false;
+  LineReader answersM{-1, 60'000};
+};
+
+// Waits until the control socket at `path` answers, so that a test does not race the
+// program's start.
+inline bool controlReady(const fs::path& path) {
+  for (int i = 0; i < 1500; ++i) {
+    if (SocketClient(path).connected()) return true;
+    usleep(20'000);
+  }
+  return false;
+}
 
 }  // namespace NphostTest

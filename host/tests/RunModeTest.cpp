@@ -22,6 +22,8 @@ namespace fs = std::filesystem;
 using NphostTest::Lines;
 using NphostTest::Nphost;
 using NphostTest::LineReader;
+using NphostTest::SocketClient;
+using NphostTest::socketAddress;
 
 // One record each: a number, a date-time and the operator that the data file gives.
 struct Case {
@@ -59,38 +61,6 @@ std::string summaryOfCases(std::size_t count) {
          " not found, 0 rejected";
 }
 
-sockaddr_un socketAddress(const fs::path& path) {
-  sockaddr_un where{};
-  where.sun_family = AF_UNIX;
-  std::strncpy(where.sun_path, path.c_str(), sizeof(where.sun_path) - 1);
-  return where;
-}
-
-// A raw client of the control socket.
-class SocketClient {
-public:
-  explicit SocketClient(const fs::path& path) {
-    descriptorM = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un where = socketAddress(path);
-    connectedM = connect(descriptorM, reinterpret_cast<const sockaddr*>(&where), sizeof(where)) == 0;
-    answersM.setDescriptor(descriptorM);
-  }
-  ~SocketClient() { close(descriptorM); }
-  bool connected() const { return connectedM; }
-  void send(const std::string& bytes) const { NphostTest::writeAll(descriptorM, bytes); }
-  // The next answer line; "<end>" when the server closed, "<no answer>" after ten seconds.
-  std::string readLine() { return answersM.next(); }
-  std::string ask(const std::string& line) {
-    send(line + "\n");
-    return readLine();
-  }
-
-private:
-  int descriptorM = -1;
-  bool connectedM = false;
-  LineReader answersM{-1, 10'000};
-};
-
 class RunMode : public NphostTest::ProgramFolderTest {
 protected:
   // `nphost ctl SOCKET words...`: its exit status, and its answer line or error text.
@@ -101,14 +71,7 @@ protected:
     const int status = client.finish();
     return {status, client.rest().empty() ? client.errors() : client.rest().front()};
   }
-  // Waits until the control socket answers, so that a test does not race the program's start.
-  bool controlReady() const {
-    for (int i = 0; i < 500; ++i) {
-      if (SocketClient(folderM / "np.sock").connected()) return true;
-      usleep(20'000);
-    }
-    return false;
-  }
+  bool controlReady() const { return NphostTest::controlReady(folderM / "np.sock"); }
 };
 
 TEST_F(RunMode, KeepsInputOrderWhateverTheThreadCountAndEndsWhenTheReaderGoesAway) {
@@ -276,6 +239,49 @@ TEST_F(RunMode, TerminationSignalEndsCleanlyWithEveryReadRecordWritten) {
   EXPECT_EQ(nphost.collect(), 0) << nphost.errors();
   EXPECT_EQ(summaryOf(nphost.errors()), summaryOfCases(nphost.rest().size() + 1)) << nphost.errors();
   for (std::size_t i = 0; i < nphost.rest().size(); ++i) ASSERT_EQ(nphost.rest()[i], enriched(i + 1)) << i;
+}
+
+// The output is opened only once the plug-in runs, and never over the input: a run that ends
+// early, or an output that leads to the input by any name, leaves both files as they were.
+TEST_F(RunMode, AnOutputIsNeverDestroyedBeforeThereIsSomethingToWrite) {
+  const std::string events = eventLine(0) + "\n" + eventLine(1) + "\n";
+  const std::string kept = "the user's file\n";
+  writeFile("events.txt", events);
+  writeFile("bad.toml", "[NumberPortability\n");
+  writeFile("nodata.toml", NphostTest::registry("").replace(NphostTest::registry("").find("np.txt"), 6, "gone.txt"));
+  fs::create_directory(folderM / "sub");
+  fs::create_symlink(folderM / "events.txt", folderM / "link.txt");
+  const std::string sameFile = "nphost: the output '{}' is the input file 'events.txt'; name another output.";
+  struct Row {
+    Lines arguments;
+    int status;
+    std::string sentence;  // on standard error, {} for the output's name
+  } rows[] = {
+      {{"run", "missing.toml", "--input", "events.txt", "--output", "out.txt"}, 1, "nphost: cannot read the registry file"},
+      {{"run", "bad.toml", "--input", "events.txt", "--output", "out.txt"}, 1, "nphost: registry file 'bad.toml'"},
+      {{"run", "nodata.toml", "--input", "events.txt", "--output", "out.txt"}, 3, "nphost: the plug-in 'NumberPortability' is not valid"},
+      {{"run", "reg.toml", "--input", "events.txt", "--output", "events.txt"}, 1, sameFile},
+      {{"run", "reg.toml", "--input", "events.txt", "--output", "./sub/../events.txt"}, 1, sameFile},
+      {{"run", "reg.toml", "--input", "events.txt", "--output", "link.txt"}, 1, sameFile},
+  };
+  for (const Row& row : rows) {
+    writeFile("out.txt", kept);
+    Nphost nphost(folderM, row.arguments);
+    EXPECT_EQ(nphost.finish(), row.status) << row.arguments[1] << " " << row.arguments.back();
+    std::string sentence = row.sentence;
+    if (const auto at = sentence.find("{}"); at != std::string::npos) sentence.replace(at, 2, row.arguments.back());
+    EXPECT_NE(nphost.errors().find(sentence), std::string::npos) << nphost.errors();
+    EXPECT_EQ(readFile("out.txt"), kept) << row.arguments[1] << " " << row.arguments.back();
+    EXPECT_EQ(readFile("events.txt"), events) << row.arguments.back();
+    EXPECT_TRUE(fs::is_symlink(folderM / "link.txt"));
+  }
+
+  // Standard input and standard output may be the same file too.
+  const std::string shell = std::string("cd '") + folderM.string() + "' && '" + NPHOST_PROGRAM +
+                            "' run reg.toml < events.txt >> events.txt 2> err.txt";
+  EXPECT_EQ(WEXITSTATUS(std::system(shell.c_str())), 1);
+  EXPECT_EQ(readFile("events.txt"), events);
+  EXPECT_NE(readFile("err.txt").find("nphost: the output '-' is the input file '-'"), std::string::npos) << readFile("err.txt");
 }
 
 TEST_F(RunMode, ExamplesRunOnACopyOfTheData) {
