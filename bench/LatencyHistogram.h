@@ -25,6 +25,14 @@ public:
     if (nanoseconds > maxM) maxM = nanoseconds;
   }
 
+  // Adds the samples of `other`, as if each had been recorded here.
+  void add(const LatencyHistogram& other) {
+    for (std::uint64_t ns = 0; ns < fineLimitCM; ++ns) fineM[ns] += other.fineM[ns];
+    slowM.insert(slowM.end(), other.slowM.begin(), other.slowM.end());
+    countM += other.countM;
+    if (other.maxM > maxM) maxM = other.maxM;
+  }
+
   std::uint64_t count() const { return countM; }
   std::uint64_t max() const { return maxM; }
   // The smallest latency that at least `fraction` (0..1) of the samples do not exceed; 0

@@ -4,6 +4,7 @@
 // the plain way, and prints the figures as tables and, on request, as JSON.
 #include "bench/DataLineParser.h"
 #include "bench/DiscardingLogSink.h"
+#include "bench/ContendedLatency.h"
 #include "bench/HostRunBench.h"
 #include "bench/LatencyHistogram.h"
 #include "bench/LookupKeys.h"
@@ -799,6 +800,34 @@ int runBench(const Options& options) {
                            {"run_delay_seconds_reloading", runDelay[1]},
                            {"steal_seconds_idle", stealIdle},
                            {"steal_seconds_reloading", stealReloading}};
+
+  // ---- 5b. latency with twice as many lookup threads as processors, reloads running --------
+  const unsigned crowd = 2 * std::max(1u, std::thread::hardware_concurrency());
+  const Bench::ContendedLatency contended(
+      [&plugIn, &mixed](std::size_t i) {
+        thread_local NumberPortabilityData result;
+        return plugIn.search(mixed.number(i), mixed.dateTime(i), result);
+      },
+      mixed.size(), [&cacheManager] { return cacheManager->cacheReload(true); }, cacheManager->cacheLockM);
+  const Bench::ContendedLatency::Result crowded = contended.run(crowd, options.reloadRoundsM, idleWindow);
+  if (!crowded.reloadsOkM) std::cerr << "npbench: a cacheReload during the crowded latency run failed\n";
+  {
+    Bench::TextTable table(fmt::format("5b {} lookup threads on {} CPUs, PlugIn::search, while {} reloads run; a writer "
+                                       "takes the lock every millisecond",
+                                       crowd, std::thread::hardware_concurrency(), crowded.reloadSecondsM.size()),
+                           {"", "samples", "p50", "p99", "p99.9", "max", "> 1 ms"});
+    const std::array<std::pair<const char*, const Bench::LatencyHistogram*>, 2> rows = {
+        {{"lookup", &crowded.lookupsM}, {"writer's wait for the lock", &crowded.writerWaitsM}}};
+    for (const auto& [name, h] : rows) {
+      table.addRow({name, std::to_string(h->count()), nsText(h->percentile(0.5)), nsText(h->percentile(0.99)),
+                    nsText(h->percentile(0.999)), nsText(h->max()), std::to_string(h->countAbove(1000000))});
+    }
+    table.print(out);
+  }
+  report["latency_crowded"] = Json{{"lookup_threads", crowd},
+                                   {"lookups", latencyJson(crowded.lookupsM)},
+                                   {"writer_waits", latencyJson(crowded.writerWaitsM)},
+                                   {"reload_seconds", crowded.reloadSecondsM}};
 
   // The same lookups on the tree that the reloads built in memory an earlier tree released,
   // next to the figure on the tree that init built in fresh memory.
