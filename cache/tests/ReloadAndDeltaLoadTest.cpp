@@ -3,11 +3,19 @@
 // delta load of an empty file.
 #include "plugin/tests/TestEnvironment.h"
 
+#include "STR/FileIo.h"
+
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -180,6 +188,85 @@ TEST(CacheDeltaLoad, AddsToBothTreesAndRewritesTheMainFileInItsOwnForm) {
     s.exchange();
     EXPECT_EQ(s.content(), row.content);
   }
+}
+
+// What the user named as main data file stays what it was: the rewrite goes to the file that
+// the name leads to, and the file keeps its mode, owner and links. A rewrite that fails to
+// write is reported and leaves that file whole.
+TEST(CacheDeltaLoad, RewritesTheFileThatTheMainFileNameLeadsTo) {
+  namespace fs = std::filesystem;
+  enum Layout { PLAIN, SYMBOLIC_LINK, HARD_LINK };
+  const char* const layoutNames[] = {"plain file", "symbolic link", "hard link"};
+  for (const Layout layout : {PLAIN, SYMBOLIC_LINK, HARD_LINK}) {
+    for (const bool writeFails : {false, true}) {
+      SCOPED_TRACE(std::string(layoutNames[layout]) + (writeFails ? ", write fails" : ""));
+      Started s;
+      // `reached` is the file that np.txt leads to, or its second name.
+      std::string reached = "np.txt";
+      if (layout == SYMBOLIC_LINK) {
+        fs::create_directory("real");
+        fs::rename("np.txt", "real/data.txt");
+        fs::create_symlink("real/data.txt", "np.txt");
+        reached = "real/data.txt";
+      } else if (layout == HARD_LINK) {
+        fs::create_hard_link("np.txt", "second-name.txt");
+        reached = "second-name.txt";
+      }
+      ASSERT_EQ(::chmod(reached.c_str(), 0640), 0);
+      // Only a privileged run can give the file away; the owner is checked where it could.
+      const bool givenAway = ::chown(reached.c_str(), 4321, 4322) == 0;
+      s.env.writeFile("delta.txt", "0891234 20220202020202 OPD\n");
+      if (writeFails) STR::FileIo::failWritesAfterForTesting(10);
+
+      EXPECT_TRUE(s.deltaLoad("delta.txt"));
+      STR::FileIo::failWritesAfterForTesting(-1);
+      std::vector<StatusLine> expected = {deltaOpened};
+      if (writeFails) expected.push_back({"ERR_FILE_NOT_WRITTEN", 4, {"np.txt", std::strerror(ENOSPC)}});
+      EXPECT_EQ(s.env.statuses(), expected);
+      const std::string content = writeFails ? std::string(initialData) : withDelta;
+      EXPECT_EQ(NpTest::readText("np.txt"), content);
+      EXPECT_EQ(NpTest::readText(reached), content);
+      EXPECT_EQ(fs::is_symlink("np.txt"), layout == SYMBOLIC_LINK);
+      EXPECT_EQ(fs::hard_link_count(reached), layout == HARD_LINK ? 2U : 1U);
+      struct stat status {};
+      ASSERT_EQ(::stat(reached.c_str(), &status), 0);
+      EXPECT_EQ(status.st_mode & 07777, 0640U);
+      if (givenAway) {
+        EXPECT_EQ(status.st_uid, 4321U);
+        EXPECT_EQ(status.st_gid, 4322U);
+      }
+      for (const auto& entry : fs::recursive_directory_iterator(".")) {
+        EXPECT_EQ(entry.path().filename().string().find(".tmp."), std::string::npos) << entry.path();
+      }
+    }
+  }
+}
+
+// A FIFO named as destination is written, not replaced, so its reader gets the dump.
+TEST(CachePrintData, WritesIntoAFifoWhoseReaderGetsTheDump) {
+  Started s;
+  ASSERT_EQ(::mkfifo("dump.fifo", 0600), 0);
+  // The reading end is open before the print starts, and a writing end stays open until the
+  // print has ended, so the reader neither waits for a writer that never comes nor takes the
+  // moment before the print opens the FIFO for its end.
+  const int readEnd = ::open("dump.fifo", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(readEnd, 0);
+  const int heldOpen = ::open("dump.fifo", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(heldOpen, 0);
+  ASSERT_EQ(::fcntl(readEnd, F_SETFL, 0), 0);
+  std::string received;
+  std::thread reader([readEnd, &received] {
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(readEnd, buffer, sizeof buffer)) > 0;) received.append(buffer, static_cast<std::size_t>(n));
+  });
+
+  EXPECT_TRUE(s.env.plugIn->cacheManager()->printData(BAS::String("dump.fifo")));
+  ::close(heldOpen);
+  reader.join();
+  ::close(readEnd);
+  EXPECT_EQ(received, NpTest::dumpBanner + initialDump);
+  EXPECT_TRUE(std::filesystem::is_fifo("dump.fifo"));
+  EXPECT_EQ(s.env.statuses(), std::vector<StatusLine>{});
 }
 
 TEST(CachePrintData, NullStringWritesToStandardOutput) {

@@ -1,9 +1,12 @@
-// STR::FileIo is the framework's output file. Opened with std::ios_base::out alone it replaces
-// the file crash-safely: it writes a temporary file beside the target and, on closeFile(),
-// flushes it to disk and renames it over the target. A failed write, flush or rename leaves
-// the old file as it was and removes the temporary one. Other modes (app) write in place.
-// A file that cannot be opened or written is reported to the framework log as
-// "ERR_FILE_NOT_WRITTEN" (file name, reason).
+// STR::FileIo is the framework's output file; the cache manager rewrites the main data file and
+// writes dumps with it. Opened with std::ios_base::out alone it writes through the name it is
+// given: symbolic links are followed and stay links; a regular target is replaced crash-safely
+// (a temporary file in the target's folder, flushed to disk and renamed over it on closeFile()),
+// keeping its mode and, where the process may, its owner; a target with further hard links is
+// rewritten in place once the new content is complete, so that every link sees it; a FIFO or a
+// device (a terminal, /dev/stdout) is written directly. A failed write leaves a regular target
+// as it was. Other modes (app, in) write in place. A file that cannot be opened or written is
+// reported to the framework log as "ERR_FILE_NOT_WRITTEN" (file name, reason).
 // One object is used by one thread at a time.
 #pragma once
 
@@ -27,7 +30,7 @@ public:
   std::ostream& stream();
   bool isOpen() const;
   const BAS::String& fileName() const { return nameM; }
-  // Ends the file: for a replacement, publishes it only when every write succeeded. True when
+  // Ends the file: a replacement or rewrite is published only when every write succeeded. True when
   // the file now holds exactly what was written, or when nothing was open (a file that could
   // not be opened counts as nothing open: the old file, if any, is as it was).
   bool closeFile();
