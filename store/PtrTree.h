@@ -32,8 +32,8 @@ struct PayloadsOwnedElsewhere {
   void operator()(T*) const noexcept {}
 };
 
-// Release(payload) gives up a stored payload: when it is replaced, on destroy and on
-// destruction. T must offer printTree(std::ostream&, const BAS::String& key) for printTree.
+// Release(payload) gives up the stored payloads on destroy and on destruction. T must offer
+// printTree(std::ostream&, const BAS::String& key) for printTree.
 template <class T, class Release = std::default_delete<T>>
 class PtrTree {
 public:
@@ -63,13 +63,11 @@ public:
 
   // Stores `payload` (owned from now on) at the node of `key`, creating missing nodes;
   // characters that are not digits are skipped, and a key without digits addresses the root.
-  // A payload already stored there is released. Out of memory propagates; nodes linked in
-  // before stay, without payload, and `payload` is still the caller's.
-  void insert(const BAS::String& key, T* payload) {
-    Node& node = reach(key.view());
-    if (node.dataM != payload && node.dataM != nullptr) Release()(node.dataM);
-    node.dataM = payload;
-  }
+  // A payload already stored there is replaced but not released: the tree no longer owns it,
+  // and whoever replaces it takes it back (the portability tree never replaces one, it adds to
+  // the history it finds). Out of memory propagates; nodes linked in before stay, without
+  // payload, and `payload` is still the caller's.
+  void insert(const BAS::String& key, T* payload) { reach(key.view()).dataM = payload; }
 
   // The payload field of the node of `key`, creating missing nodes, for an owner that fills
   // payloads in place (one walk for "find or create"). Null, and nothing created, for a key

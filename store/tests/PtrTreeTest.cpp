@@ -127,13 +127,17 @@ TEST(PtrTree, DumpsInKeyOrderAPrefixBeforeItsExtensions) {
   EXPECT_EQ(dump(tree), "0049=0049\n00491=00491\n004910=004910\n00492=00492\n0050=0050\n");
 }
 
-TEST(PtrTree, ReleasesReplacedPayloadsAndEverythingOnDestroy) {
+TEST(PtrTree, ReplacesAPayloadWithoutReleasingItAndReleasesTheRestOnDestroy) {
   const int before = Tag::live;
   {
     Tree tree(10);
-    tree.insert("12", new Tag("first"));
+    Tag* const first = new Tag("first");
+    tree.insert("12", first);
     tree.insert("1-2", new Tag("second"));
-    EXPECT_EQ(Tag::live, before + 1);
+    // The replaced payload is the caller's again, untouched.
+    ASSERT_EQ(Tag::live, before + 2);
+    EXPECT_EQ(first->name, "first");
+    delete first;
     EXPECT_EQ(nameOf(tree.search("12", true)), "second");
     tree.insert("123", new Tag("123"));
     EXPECT_EQ(tree.nodeCount(), 4U);
