@@ -118,7 +118,8 @@ public:
   void copyFrom(const NumberPortabilityTree& other);
 
   // Writes every record as a data-file line (number, 14-digit UTC date, operator), numbers in
-  // key order, each history newest first; with the banner, three banner lines before them.
+  // key order, each history newest first; with the banner, three banner lines before them,
+  // each flushed before anything else is written. The records are flushed once, at the end.
   void printTree(std::ostream& out, bool withBanner) const;
 
   std::uint32_t recordCount() const noexcept { return recordCountM; }

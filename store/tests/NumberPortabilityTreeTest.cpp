@@ -1,4 +1,5 @@
 #include "store/NumberPortabilityTree.h"
+#include "store/tests/FlushRecorder.h"
 
 #include <gtest/gtest.h>
 
@@ -139,6 +140,17 @@ TEST_F(NumberPortabilityTreeTest, CopyHoldsTheSameRecordsInTheSameOrder) {
   EXPECT_EQ(copy.recordCount(), tree.recordCount());
   EXPECT_EQ(find(copy, "0049305555", "20200101000000", NumberPortabilityTree::BEST_MATCH), "OPB");
   EXPECT_EQ(find(copy, "0033999", "20230101000000", NumberPortabilityTree::EXACT_MATCH), std::nullopt);
+}
+
+// Someone watching a console or FIFO sees the banner as soon as the dump starts; the records
+// follow in one flush at the end.
+TEST_F(NumberPortabilityTreeTest, DumpFlushesEachBannerLineBeforeAnyRecord) {
+  FlushRecorder recorder;
+  std::ostream out(&recorder);
+  tree.printTree(out, true);
+  const std::string rule = std::string(59, '-') + "\n";
+  EXPECT_EQ(recorder.flushed, (std::vector<std::string>{rule, rule + "                 Number Portability Data\n", bannerCM,
+                                                        bannerCM + dump(tree, false)}));
 }
 
 TEST(NumberPortabilityTree, NewTreeFindsNothingAndDumpsTheBannerOnly) {
