@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -26,6 +27,19 @@ std::string_view trimBlanks(std::string_view text) {
 
 constexpr std::size_t dateWidthCM = 14;
 constexpr std::string_view columnGapCM = "  ";
+
+// One data-file line for `record` of the number `key` (trimmed already).
+void appendLine(std::string& out, std::string_view key, const NumberPortabilityData& record) {
+  const std::string_view networkOperator = trimBlanks(record.networkOperatorM.view());
+  char date[dateWidthCM];
+  const std::size_t dateLength = record.validFromM.writeCompact(date);
+  out.append(key);
+  out.append(columnGapCM);
+  out.append(date, dateLength);
+  out.append(columnGapCM);
+  out.append(networkOperator);
+  out.push_back('\n');
+}
 
 }  // namespace
 
@@ -87,16 +101,17 @@ void NumberPortabilityList::insert(const NumberPortabilityData& record, HistoryA
 
 void NumberPortabilityList::appendLines(std::string& out, std::string_view number) const {
   const std::string_view key = trimBlanks(number);
+  for (const NumberPortabilityData& record : records()) appendLine(out, key, record);
+}
+
+void NumberPortabilityList::printTree(std::ostream& out, const BAS::String& number) const {
+  const std::string_view key = trimBlanks(number.view());
+  std::string line;
   for (const NumberPortabilityData& record : records()) {
-    const std::string_view networkOperator = trimBlanks(record.networkOperatorM.view());
-    char date[dateWidthCM];
-    const std::size_t dateLength = record.validFromM.writeCompact(date);
-    out.append(key);
-    out.append(columnGapCM);
-    out.append(date, dateLength);
-    out.append(columnGapCM);
-    out.append(networkOperator);
-    out.push_back('\n');
+    line.clear();
+    appendLine(line, key, record);
+    out.write(line.data(), static_cast<std::streamsize>(line.size()));
+    out.flush();
   }
 }
 

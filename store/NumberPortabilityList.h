@@ -2,7 +2,7 @@
 // length. The portability tree creates, fills and searches one per stored number; its lists
 // take their arrays from the tree's HistoryArena, and the tree drops them all at once. A list
 // filled without an arena (the one-argument inserts) owns a heap array and frees it itself.
-// Not synchronised: search and appendLines may run concurrently, inserts alone.
+// Not synchronised: search, appendLines and printTree may run concurrently, inserts alone.
 #pragma once
 
 #include "store/NumberPortabilityData.h"
@@ -11,6 +11,7 @@
 #include "BAS/String.h"
 
 #include <cstdint>
+#include <iosfwd>
 #include <span>
 #include <string>
 #include <string_view>
@@ -58,6 +59,10 @@ public:
   // history appends nothing. The tree's dump collects the lines of many numbers this way
   // before it writes them.
   void appendLines(std::string& out, std::string_view number) const;
+  // The lines of appendLines written to `out`, each flushed on its own, so that a reader of the
+  // stream sees every record as soon as it is written. The digit trie's printTree calls it with
+  // the key of the node that holds the history.
+  void printTree(std::ostream& out, const BAS::String& number) const;
 
   // Asks the processor for the records, for a dump that will read many histories in a row.
   void prefetch() const noexcept { __builtin_prefetch(recordsM); }

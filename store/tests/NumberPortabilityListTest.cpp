@@ -1,8 +1,10 @@
 #include "store/NumberPortabilityData.h"
 #include "store/NumberPortabilityList.h"
+#include "store/tests/FlushRecorder.h"
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -103,20 +105,26 @@ TEST(NumberPortabilityList, AppendKeepsStoredOrderAndSearchTakesTheFirstThatQual
   EXPECT_EQ(result.networkOperatorM.view(), "OLD");
 }
 
-TEST(NumberPortabilityList, PrintsOneTrimmedDataLinePerRecord) {
+TEST(NumberPortabilityList, PrintsOneTrimmedDataLinePerRecordEachFlushedOnItsOwn) {
   NumberPortabilityList list;
-  std::string empty;
-  list.appendLines(empty, "4930123456");
-  EXPECT_EQ(empty, "");
+  FlushRecorder empty;
+  std::ostream emptyOut(&empty);
+  list.printTree(emptyOut, "4930123456");
+  EXPECT_EQ(empty.str(), "");
+  EXPECT_TRUE(empty.flushed.empty());
 
   ASSERT_TRUE(list.insertAt(record("20200115120000", "OPA")));
   ASSERT_TRUE(list.insertAt(record("20230301000000", " OPB ")));
-  std::string out = "kept\n";
-  list.appendLines(out, "  4930123456 ");
-  EXPECT_EQ(out,
-            "kept\n"
-            "4930123456  20230301000000  OPB\n"
-            "4930123456  20200115120000  OPA\n");
+  const std::string newer = "4930123456  20230301000000  OPB\n";
+  const std::string older = "4930123456  20200115120000  OPA\n";
+  FlushRecorder printed;
+  std::ostream out(&printed);
+  list.printTree(out, "  4930123456 ");
+  EXPECT_EQ(printed.flushed, (std::vector<std::string>{newer, newer + older}));
+  // The dump's form of the same lines, added to what its text already holds.
+  std::string appended = "kept\n";
+  list.appendLines(appended, "  4930123456 ");
+  EXPECT_EQ(appended, "kept\n" + newer + older);
 }
 
 }  // namespace

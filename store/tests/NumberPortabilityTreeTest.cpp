@@ -1,4 +1,5 @@
 #include "store/NumberPortabilityTree.h"
+#include "store/PtrTree.h"
 #include "store/tests/FlushRecorder.h"
 
 #include <gtest/gtest.h>
@@ -151,6 +152,29 @@ TEST_F(NumberPortabilityTreeTest, DumpFlushesEachBannerLineBeforeAnyRecord) {
   const std::string rule = std::string(59, '-') + "\n";
   EXPECT_EQ(recorder.flushed, (std::vector<std::string>{rule, rule + "                 Number Portability Data\n", bannerCM,
                                                         bannerCM + dump(tree, false)}));
+}
+
+// The generic trie over histories, with each history printing itself, writes what the tree's
+// own fast dump writes, flushing every line.
+TEST(NumberPortabilityTree, TrieOfHistoriesPrintsWhatTheFastDumpPrints) {
+  const std::vector<std::pair<const char*, NumberPortabilityData>> records = {
+      {"0049301234", record("20220201000000", "OPC")}, {"0049", record("20000101000000", "OPA")},
+      {"0049-30-1234", record("20230101000000", " OPD ")}, {"00491", record("20100101000000", "OPE")},
+      {"004930", record("20150601000000", "OPB")}};
+  NumberPortabilityTree tree;
+  PBC::PtrTree<NumberPortabilityList> histories(10);
+  for (const auto& [number, data] : records) {
+    ASSERT_TRUE(tree.insert(number, data, true));
+    NumberPortabilityList* list = histories.search(number, true);
+    if (list == nullptr) histories.insert(number, list = new NumberPortabilityList);
+    ASSERT_TRUE(list->insertAt(data));
+  }
+
+  FlushRecorder recorder;
+  std::ostream out(&recorder);
+  histories.printTree(out);
+  EXPECT_EQ(recorder.str(), dump(tree, false));
+  EXPECT_EQ(recorder.flushed.size(), 5U);
 }
 
 TEST(NumberPortabilityTree, NewTreeFindsNothingAndDumpsTheBannerOnly) {
