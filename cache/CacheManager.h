@@ -62,7 +62,8 @@ public:
   }
 
   // Dumps the active tree with banner to standard output (a name equal to BAS::NULL_STRING)
-  // or to the named file, replacing it. Always true.
+  // or to what the named file leads to: a file is replaced by the dump, a FIFO or a device is
+  // written. Always true; a file that could not be written is reported by STR::FileIo.
   bool printData(const BAS::String& fileName);
 
   // Parses one data line and inserts its record into `tree`; reports a rejected line. False
