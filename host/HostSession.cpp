@@ -218,9 +218,12 @@ int HostSession::runEvents(std::ostream& err) {
                 fmt::format("the output '{}' is the input file '{}'; name another output", optionsM.output, optionsM.input));
   // The output is opened only once the plug-in runs; what can be told of it without opening it
   // is told now, before the data is loaded.
-  if (const int problem = optionsM.output == "-" ? 0 : unwritable(optionsM.output, outputExists ? &outputStatus : nullptr))
+  const auto outputUnwritable = [&](int code) {
     return fail(err, exitBadInputCM,
-                fmt::format("cannot open the output file '{}' for writing: {}", optionsM.output, std::strerror(problem)));
+                fmt::format("cannot open the output file '{}' for writing: {}", optionsM.output, std::strerror(code)));
+  };
+  if (const int problem = optionsM.output == "-" ? 0 : unwritable(optionsM.output, outputExists ? &outputStatus : nullptr))
+    return outputUnwritable(problem);
 
   if (const int status = start(err); status != exitDoneCM) return status;
   if (!isValid()) {
@@ -250,8 +253,7 @@ int HostSession::runEvents(std::ostream& err) {
     if (output.get() < 0) {
       const int code = errno;
       finish();
-      return fail(err, exitBadInputCM,
-                  fmt::format("cannot open the output file '{}' for writing: {}", optionsM.output, std::strerror(code)));
+      return outputUnwritable(code);
     }
   }
   if (optionsM.controlSocket && !control.start()) {
