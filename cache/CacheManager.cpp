@@ -4,7 +4,6 @@
 #include "BAS/Status.h"
 #include "BAS/WriteLocker.h"
 #include "STR/FileIo.h"
-#include "plugin/NumberPortabilityPlugIn.h"
 
 #include <cstdio>
 #include <iostream>
@@ -27,9 +26,6 @@ BAS::String location(const char* prefix, unsigned long lineNumber, const STR::Fi
   return text;
 }
 
-// The separators of BAS::String::split.
-bool isSeparator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
-
 // A reader without a stream (the file vanished after its check) counts as ended.
 bool atEnd(const STR::FileIoTurbo& reader) { return reader.stream() == nullptr || std::feof(reader.stream()); }
 
@@ -40,16 +36,12 @@ constexpr unsigned maxFailedReadsInRow = 64;
 
 }  // namespace
 
-CacheManager::CacheManager(PlugIn* plugIn, const BAS::String& nationalAccessCode,
+CacheManager::CacheManager(CacheOwner* plugIn, const BAS::String& nationalAccessCode,
                            const BAS::String& internationalAccessCode, const BAS::String& countryCode,
                            const BAS::String& internationalAccessCodeSign, unsigned int numberOfColumns,
                            const BAS::String& fileName)
     : fileNameM(fileName),
-      nationalAccessCodeM(nationalAccessCode),
-      internationalAccessCodeM(internationalAccessCode),
-      countryCodeM(countryCode),
-      internationalAccessCodeSignM(internationalAccessCodeSign),
-      numberOfColumnsM(numberOfColumns),
+      parserM(nationalAccessCode, internationalAccessCode, countryCode, internationalAccessCodeSign, numberOfColumns),
       activeTreeM(new NumberPortabilityTree),
       standbyTreeM(new NumberPortabilityTree),
       plugInM(plugIn) {}
@@ -59,68 +51,13 @@ CacheManager::~CacheManager() {
   delete standby();
 }
 
-void CacheManager::normalize(BAS::String& number) const {
-  // In place, without temporaries: the loaders normalise every line of a data file.
-  std::string& text = number.mutableStr();
-  const std::string_view iac = internationalAccessCodeM.view();
-  const std::string_view countryCode = countryCodeM.view();
-  const std::string_view sign = internationalAccessCodeSignM.view();
-  const std::string_view national = nationalAccessCodeM.view();
-  if (text.empty()) {
-    text.assign(iac);
-    text.append(countryCode);
-  } else if (text.starts_with(sign)) {
-    text.replace(0, sign.size(), iac);
-  } else if (text.starts_with(iac)) {
-    // already in the stored form
-  } else if (text.starts_with(national)) {
-    text.replace(0, national.size(), iac);
-    text.insert(iac.size(), countryCode);
-  } else {
-    text.insert(0, iac);
-    text.insert(iac.size(), countryCode);
-  }
-}
-
 bool CacheManager::parseLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader,
                              int reports, BAS::String& number, NumberPortabilityData& record) {
-  // The fields as String::split finds them (runs of white space separate, none at either end);
-  // counted to the end, because a rejected line reports how many it has. Split fields hold no
-  // blank, so trimming them changes nothing.
-  std::string_view fields[columnsRoomCM];
-  std::size_t count = 0;
-  const char* p = line.data();
-  const char* const end = p + line.length();
-  while (true) {
-    while (p != end && isSeparator(*p)) ++p;
-    if (p == end) break;
-    const char* const start = p;
-    while (p != end && !isSeparator(*p)) ++p;
-    if (count < columnsRoomCM) fields[count] = std::string_view(start, static_cast<std::size_t>(p - start));
-    ++count;
-  }
-  if (count != numberOfColumnsM || count < 3) {
-    for (int i = 0; i < reports; ++i) {
-      plugInM->reportStatus("ERR_NUMBER_OF_FIELDS_IN_RECORD", BAS::Status::MINOR,
-                            {BAS::String::decimal(count), BAS::String::decimal(numberOfColumnsM), line,
-                             location("At Line# ", lineNumber, reader)});
-    }
-    return false;
-  }
-  number.assign(fields[0].data(), fields[0].size());
-  normalize(number);
-  const BAS::DateTime validFrom(fields[1]);
-  if (!(validFrom.secs() < BAS::DateTime::invalidSecsCM)) {
-    for (int i = 0; i < reports; ++i) {
-      plugInM->reportStatus("ERR_INVALID_DATETIME", BAS::Status::MINOR,
-                            {location("Invalid N-Port Data at Line# ", lineNumber, reader), BAS::String(fields[1]),
-                             number});
-    }
-    return false;
-  }
-  record.validFromM = validFrom;
-  record.networkOperatorM = BAS::SimpleString(fields[2]);
-  return true;
+  if (reports == 0) return parserM.parse(line, lineNumber, reader.fileName(), number, record, nullptr);
+  DataLineParser::Rejection rejection;
+  if (parserM.parse(line, lineNumber, reader.fileName(), number, record, &rejection)) return true;
+  for (int i = 0; i < reports; ++i) plugInM->reportStatus(rejection.messageIdM, BAS::Status::MINOR, rejection.argumentsM);
+  return false;
 }
 
 void CacheManager::reportDuplicate(unsigned long lineNumber, const BAS::String& number,
@@ -271,7 +208,7 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
   kept.release();
 
   if (dataFileReaderM.closeFile()) {
-    plugInM->reportStatus("INF_DELETE_OLD_DATA", BAS::Status::NORMAL, plugInM->lockedName());
+    plugInM->reportStatus("INF_DELETE_OLD_DATA", BAS::Status::NORMAL, plugInM->registeredName());
     return true;
   }
   plugInM->reportStatus("ERR_CLOSE_NP_FILE", BAS::Status::CRITICAL, dataFileReaderM.fileName());

@@ -13,6 +13,8 @@
 #include "BAS/String.h"
 #include "BAS/ThreadAnnotations.h"
 #include "STR/FileIoTurbo.h"
+#include "cache/CacheOwner.h"
+#include "cache/DataLineParser.h"
 #include "cache/KeptLines.h"
 #include "store/NumberPortabilityData.h"
 #include "store/NumberPortabilityTree.h"
@@ -22,13 +24,11 @@
 
 namespace DAT::NumberPortability {
 
-class PlugIn;
-
 class CacheManager {
 public:
   // Keeps references to the four codes (the plug-in's own fields, which outlive the manager)
   // and copies the file name and the number of columns.
-  CacheManager(PlugIn* plugIn, const BAS::String& nationalAccessCode, const BAS::String& internationalAccessCode,
+  CacheManager(CacheOwner* plugIn, const BAS::String& nationalAccessCode, const BAS::String& internationalAccessCode,
                const BAS::String& countryCode, const BAS::String& internationalAccessCodeSign,
                unsigned int numberOfColumns, const BAS::String& fileName);
   virtual ~CacheManager();
@@ -73,8 +73,8 @@ public:
                    bool orderedInsert, STR::FileIoTurbo& reader);
 
   // Brings a number to the stored form: international access code, country code, national
-  // number. Reads the plug-in's current codes on every call.
-  void normalize(BAS::String& number) const;
+  // number. Reads the owner's current codes on every call.
+  void normalize(BAS::String& number) const { parserM.normalize(number); }
 
 private:
   // The operation in progress is the only writer of the tree pointers, so it may read them
@@ -90,8 +90,8 @@ private:
   // Makes the standby tree hold the active tree's records again after a reload that failed
   // without reuse had emptied it.
   void restoreStandby();
-  // Splits, normalises and reads one data line into `number` and `record`, as insertCache
-  // does; a rejected line is reported `reports` times (once per tree it was meant for; 0 while
+  // Reads one data line into `number` and `record` with the parser, as insertCache does; a
+  // rejected line is reported `reports` times (once per tree it was meant for; 0 while
   // it waits in the batch) and gives false.
   bool parseLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader, int reports,
                  BAS::String& number, NumberPortabilityData& record);
@@ -106,8 +106,6 @@ private:
   // line in file order, each line first for `first` and then for `second`, as single inserts would.
   void flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* first, NumberPortabilityTree* second);
 
-  // Fields looked at in a line; more are only counted.
-  static constexpr std::size_t columnsRoomCM = 8;
   static constexpr std::size_t batchCM = 64;
 
   // Lines parsed and waiting to be inserted together; the loaders insert a data file in
@@ -128,11 +126,7 @@ private:
   BAS::String fileNameM;
   STR::FileIoTurbo dataFileReaderM;
   STR::FileIoTurbo deltaFileReaderM;
-  const BAS::String& nationalAccessCodeM;
-  const BAS::String& internationalAccessCodeM;
-  const BAS::String& countryCodeM;
-  const BAS::String& internationalAccessCodeSignM;
-  unsigned int numberOfColumnsM;
+  DataLineParser parserM;
 
 public:
   // The tree that lookups and dumps read, and the one in which changes are built. Both are
@@ -145,7 +139,7 @@ public:
   BAS::RWLock cacheLockM;
 
 private:
-  PlugIn* plugInM;  // not owned; never null
+  CacheOwner* plugInM;  // the plug-in; not owned; never null
 
   // Used by the one operation in progress only (operations never overlap).
   bool standbyStaleM = false;  // the standby tree was emptied by a reload that failed without reuse

@@ -1,5 +1,6 @@
 // The plug-in library's entry points, the only symbols it exports: the framework looks them up
-// by name after loading the library and owns the objects they make.
+// by name after loading the library and owns the objects they make; a host asks the third for
+// the lookup interface of an object the first made.
 #include "plugin/NumberPortabilityPlugIn.h"
 
 #define NP_ENTRY_POINT extern "C" __attribute__((visibility("default")))
@@ -9,3 +10,9 @@ NP_ENTRY_POINT PLG::DataPlugIn* DAT_NumberPortabilityModuleStart(const BAS::Stri
 }
 
 NP_ENTRY_POINT PLG::DataPlugIn* ModuleStartNL() { return new DAT::NumberPortability::PlugIn(); }
+
+// The type information of the plug-in class lives in this library only, so the host cannot
+// tell the object's class itself; here the cast is checked.
+NP_ENTRY_POINT DAT::NumberPortability::PortabilityLookup* DAT_NumberPortabilityLookup(PLG::DataPlugIn* plugIn) {
+  return dynamic_cast<DAT::NumberPortability::PlugIn*>(plugIn);
+}

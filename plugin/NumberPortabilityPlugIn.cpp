@@ -62,6 +62,21 @@ void PlugIn::setValidNow(bool valid) {
 
 BAS::String PlugIn::registeredName() const { return lockedName(); }
 
+void PlugIn::lookUp(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
+                    Answer* answers, bool* found) {
+  // The host's answers are its own type, so that it needs no store header; the records are
+  // copied over a chunk at a time, which costs little beside the walks.
+  constexpr std::size_t chunkCM = 64;
+  NumberPortabilityData records[chunkCM];
+  for (std::size_t done = 0; done < count; done += chunkCM) {
+    const std::size_t n = std::min(chunkCM, count - done);
+    searchMany(numbers + done, dateTimes + done, n, records, found + done);
+    for (std::size_t i = 0; i < n; ++i) {
+      if (found[done + i]) answers[done + i] = {records[i].validFromM, records[i].networkOperatorM};
+    }
+  }
+}
+
 template <class Arguments>
 void PlugIn::report(const char* messageId, BAS::Status::Severity severity, const Arguments& arguments) {
   BAS::MutexLocker statusLocker(statusLockerCM);

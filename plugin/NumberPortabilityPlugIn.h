@@ -21,6 +21,8 @@
 #include "PLG/DataPlugIn.h"
 #include "STR/FileIoTurbo.h"
 #include "cache/CacheManager.h"
+#include "cache/CacheOwner.h"
+#include "plugin/PortabilityLookup.h"
 #include "store/NumberPortabilityData.h"
 
 #include <algorithm>
@@ -32,7 +34,7 @@
 
 namespace DAT::NumberPortability {
 
-class PlugIn : public PLG::DataPlugIn {
+class PlugIn : public PLG::DataPlugIn, public CacheOwner, public PortabilityLookup {
 public:
   // Kinds of request that a probe write hands to the worker (values of requestTypeM).
   enum RequestType : std::int32_t { RELOAD_REQUEST = 0, DELTA_LOAD_REQUEST = 1, PRINT_DATA_REQUEST = 2 };
@@ -120,15 +122,21 @@ public:
     }
   }
 
+  // searchMany for a host, through the interface the library hands out.
+  void lookUp(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count, Answer* answers,
+              bool* found) override;
+
   // Whether the configured data file can be opened; the answer is also stored as usable flag.
-  bool checkFile();
+  bool checkFile() override;
   // Whether the named file can be opened; on success it stays open in the check reader until
   // the caller (or the destructor) closes it.
-  bool checkFile(const BAS::String& fileName);
+  bool checkFile(const BAS::String& fileName) override;
 
   // Reports a status message through the framework: sets the status and writes it to the log.
-  void reportStatus(const char* messageId, BAS::Status::Severity severity, const BAS::String& argument);
-  void reportStatus(const char* messageId, BAS::Status::Severity severity, const std::vector<BAS::String>& arguments);
+  void reportStatus(const char* messageId, BAS::Status::Severity severity, const BAS::String& argument) override;
+  void reportStatus(const char* messageId, BAS::Status::Severity severity,
+                    const std::vector<BAS::String>& arguments) override;
+  BAS::String registeredName() const override;
 
   // The wake-up signal between posters and the worker: lock() takes it, unLock() gives it.
   void lock();
@@ -154,7 +162,6 @@ private:
   bool initInstrumentationProbe();
   bool validNow() const;
   void setValidNow(bool valid);
-  BAS::String registeredName() const;
   // The steps of a registry update; each answers false when the update ends there.
   bool updateReload(const BAS::RegistryEntry* update, BAS::ProtectedBool& taken) EXCLUDES(operationLockM);
   bool updateDeltaLoad(const BAS::RegistryEntry* update, BAS::ProtectedBool& taken) EXCLUDES(operationLockM);
