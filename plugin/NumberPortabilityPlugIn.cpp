@@ -42,7 +42,10 @@ PlugIn::PlugIn(const BAS::String& name, const BAS::String& version) : PLG::DataP
 }
 
 PlugIn::~PlugIn() {
-  closeCheckReader();
+  {
+    BAS::MutexLocker operation(operationLockM);
+    closeCheckReader();
+  }
   // A started plug-in is stopped by the framework's shutdown before it is destroyed; should
   // that not have happened, the worker must still end before the cache it uses goes away.
   if (workerThreadM != nullptr && !stopWorkerM.load()) shutdown();

@@ -127,10 +127,10 @@ public:
               bool* found) override;
 
   // Whether the configured data file can be opened; the answer is also stored as usable flag.
-  bool checkFile() override;
+  bool checkFile() override REQUIRES(operationLockM);
   // Whether the named file can be opened; on success it stays open in the check reader until
   // the caller (or the destructor) closes it.
-  bool checkFile(const BAS::String& fileName) override;
+  bool checkFile(const BAS::String& fileName) override REQUIRES(operationLockM);
 
   // Reports a status message through the framework: sets the status and writes it to the log.
   void reportStatus(const char* messageId, BAS::Status::Severity severity, const BAS::String& argument) override;
@@ -167,11 +167,11 @@ private:
   bool updateDeltaLoad(const BAS::RegistryEntry* update, BAS::ProtectedBool& taken) EXCLUDES(operationLockM);
   void updatePrint(const BAS::RegistryEntry* update, BAS::ProtectedBool& taken) EXCLUDES(operationLockM);
   // Closes the check reader if a file is open and reports "INF_FILE_CLOSED".
-  void closeCheckReader();
+  void closeCheckReader() REQUIRES(operationLockM);
   // The worker's three requests.
-  void workReload(const BAS::String& value);
-  void workDeltaLoad(const BAS::String& value);
-  void workPrint(const BAS::String& value);
+  void workReload(const BAS::String& value) REQUIRES(operationLockM);
+  void workDeltaLoad(const BAS::String& value) REQUIRES(operationLockM);
+  void workPrint(const BAS::String& value) REQUIRES(operationLockM);
   // The worker's stop state: ends through the cancellation of its thread.
   void stopState(BAS::Thread* self);
 
@@ -182,28 +182,34 @@ private:
   BAS::String internationalAccessCodeM;
   BAS::String internationalAccessCodeSignM;
   BAS::String eventHandlerNameM;  // written by evalEnvironment during construction only
-  // The check reader. Used by construction, then only inside cache operations, which
-  // operationLockM serialises, and by the destructor; so two checks never overlap.
-  STR::FileIoTurbo fileIoM;
-  // A plain flag: written by file checks and failed reloads, read by isUsable in any thread.
+  // The check reader: the file checks of construction and of the cache operations use it,
+  // so two checks never overlap.
+  STR::FileIoTurbo fileIoM GUARDED_BY(operationLockM);
+  // Atomic, so no lock: written by file checks and failed reloads, read by isUsable in any thread.
   std::atomic<bool> usableM{false};
   unsigned int searchMethodM = defaultSearchMethodCM;  // written during construction only
-  CacheManager* cacheManagerM = nullptr;               // owned; created by the constructor
+  // Owned. Made by the constructor and deleted by the destructor; the pointer never changes in
+  // between, so lookups in any thread read it without a lock (the cache guards its trees).
+  CacheManager* cacheManagerM = nullptr;
   // The request slot. Posters write it and the worker copies it at the start of a cycle, both
   // under requestLockM, so a post during a cycle neither is read half-written nor changes the
   // request in progress.
   std::int32_t requestTypeM GUARDED_BY(requestLockM) = -1;
   BAS::String requestValueM GUARDED_BY(requestLockM);
   BAS::InstrumentationProbeGroup* probeGroupM = nullptr;  // made at construction; the framework owns it
-  BAS::BinarySemaphore wakeUpLockM;
-  BAS::Thread* workerThreadM = nullptr;  // made by init; released by the framework
+  BAS::BinarySemaphore wakeUpLockM;  // synchronises itself
+  // Made by init and stopped by shutdown or the destructor, which the framework calls in turn
+  // on its control thread, so no lock; the framework releases the thread object.
+  BAS::Thread* workerThreadM = nullptr;
+  // Atomic, so no lock: set by shutdown on the control thread, read by the worker after each
+  // wake-up.
   std::atomic<bool> stopWorkerM{false};
 
   BAS::Mutex requestLockM;
   // A posted request that the worker has not yet taken up.
   bool requestPendingM GUARDED_BY(requestLockM) = false;
   // Held around each whole cache operation (reload, delta load, print, initial load), by
-  // registry updates and by the worker alike.
+  // registry updates and by the worker alike, and around every use of the check reader.
   BAS::Mutex operationLockM;
 };
 

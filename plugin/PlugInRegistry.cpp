@@ -72,6 +72,7 @@ bool PlugIn::readRegistry() {
       searchMethodM = defaultSearchMethodCM;
     }
   }
+  BAS::MutexLocker operation(operationLockM);
   return checkFile();
 }
 
