@@ -75,6 +75,8 @@ public:
   // Brings a number to the stored form: international access code, country code, national
   // number. Reads the owner's current codes on every call.
   void normalize(BAS::String& number) const { parserM.normalize(number); }
+  // The parser that reads the data lines, with the owner's codes; the benchmark times it alone.
+  const DataLineParser& parser() const { return parserM; }
 
 private:
   // The operation in progress is the only writer of the tree pointers, so it may read them
