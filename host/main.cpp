@@ -2,9 +2,9 @@
 // commands on standard input, in run mode over a stream of event records; or, as ctl, sends one
 // command to a running one. See Host::CommandLine for the arguments and Host::HostSession for
 // the exit statuses.
-#include "host/CommandLine.h"
-#include "host/ControlClient.h"
-#include "host/HostSession.h"
+#include "host/startup/CommandLine.h"
+#include "host/control/ControlClient.h"
+#include "host/startup/HostSession.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "host/WordSplitter.h"
+#include "host/script/WordSplitter.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 // One caller at a time; the plug-in's own threads and the event record lookups run meanwhile.
 #pragma once
 
-#include "host/CountingLogSink.h"
+#include "host/common/CountingLogSink.h"
 
 #include <optional>
 #include <string>

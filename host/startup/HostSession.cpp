@@ -1,13 +1,13 @@
-#include "host/HostSession.h"
+#include "host/startup/HostSession.h"
 
 #include "BAS/FileLogSink.h"
 #include "BAS/Framework.h"
 #include "BAS/MutexLocker.h"
 #include "BAS/RegisteredObject.h"
-#include "host/CommandInterpreter.h"
-#include "host/ControlServer.h"
-#include "host/EventRecordPipeline.h"
-#include "host/SignalWatcher.h"
+#include "host/script/CommandInterpreter.h"
+#include "host/control/ControlServer.h"
+#include "host/run/EventRecordPipeline.h"
+#include "host/control/SignalWatcher.h"
 #include "plugin/NumberPortabilityPlugIn.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "host/WordSplitter.h"
+#include "host/script/WordSplitter.h"
 
 namespace Host {
 

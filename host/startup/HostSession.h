@@ -7,10 +7,10 @@
 // One thread drives it.
 #pragma once
 
-#include "host/CommandLine.h"
-#include "host/CountingLogSink.h"
-#include "host/PluginLibrary.h"
-#include "host/RegistryFile.h"
+#include "host/startup/CommandLine.h"
+#include "host/common/CountingLogSink.h"
+#include "host/startup/PluginLibrary.h"
+#include "host/startup/RegistryFile.h"
 
 #include <iosfwd>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "host/CommandLine.h"
+#include "host/startup/CommandLine.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,4 +1,4 @@
-#include "host/RegistryFile.h"
+#include "host/startup/RegistryFile.h"
 
 #include <fmt/format.h>
 #include <toml++/toml.h>

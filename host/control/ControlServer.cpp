@@ -1,6 +1,6 @@
-#include "host/ControlServer.h"
+#include "host/control/ControlServer.h"
 
-#include "host/CommandInterpreter.h"
+#include "host/script/CommandInterpreter.h"
 
 #include <fcntl.h>
 #include <poll.h>

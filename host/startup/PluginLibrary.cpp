@@ -1,4 +1,4 @@
-#include "host/PluginLibrary.h"
+#include "host/startup/PluginLibrary.h"
 
 #include <dlfcn.h>
 

@@ -1,10 +1,10 @@
-#include "host/CommandInterpreter.h"
+#include "host/script/CommandInterpreter.h"
 
 #include "BAS/DateTime.h"
 #include "BAS/InstrumentationProbeGroup.h"
 #include "BAS/ProtectedBool.h"
 #include "BAS/RegistryEntry.h"
-#include "host/WordSplitter.h"
+#include "host/script/WordSplitter.h"
 #include "plugin/NumberPortabilityPlugIn.h"
 
 #include <cctype>

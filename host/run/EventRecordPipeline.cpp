@@ -1,4 +1,4 @@
-#include "host/EventRecordPipeline.h"
+#include "host/run/EventRecordPipeline.h"
 
 #include "BAS/DateTime.h"
 #include "BAS/Log.h"

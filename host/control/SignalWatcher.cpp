@@ -1,4 +1,4 @@
-#include "host/SignalWatcher.h"
+#include "host/control/SignalWatcher.h"
 
 #include <fcntl.h>
 #include <unistd.h>

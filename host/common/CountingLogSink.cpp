@@ -1,4 +1,4 @@
-#include "host/CountingLogSink.h"
+#include "host/common/CountingLogSink.h"
 
 namespace Host {
 

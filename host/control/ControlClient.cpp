@@ -1,4 +1,4 @@
-#include "host/ControlClient.h"
+#include "host/control/ControlClient.h"
 
 #include <poll.h>
 #include <sys/socket.h>
