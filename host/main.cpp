@@ -1,9 +1,12 @@
 // nphost: loads a data plug-in from a registry file and drives it, in script mode from the
 // commands on standard input, in run mode over a stream of event records; or, as ctl, sends one
-// command to a running one. See Host::CommandLine for the arguments and Host::HostSession for
+// command to a running one. See Host::CommandLine for the arguments and Host::ExitStatus for
 // the exit statuses.
-#include "host/startup/CommandLine.h"
+#include "host/common/ExitStatus.h"
 #include "host/control/ControlClient.h"
+#include "host/run/RunSession.h"
+#include "host/script/ScriptSession.h"
+#include "host/startup/CommandLine.h"
 #include "host/startup/HostSession.h"
 
 #include <unistd.h>
@@ -42,10 +45,10 @@ int main(int argc, char** argv) {
       return client.answer().starts_with("error") ? 1 : 0;
     }
     Host::HostSession session(options, executableDirectory(argv[0]));
-    if (options.mode == Host::CommandLine::Options::Mode::RUN) return session.runEvents(std::cerr);
-    return session.runScript(std::cin, std::cout, std::cerr);
+    if (options.mode == Host::CommandLine::Options::Mode::RUN) return Host::RunSession(session).run(std::cerr);
+    return Host::ScriptSession(session).run(std::cin, std::cout, std::cerr);
   } catch (const std::exception& e) {
     std::cerr << "nphost: stopped by an unexpected failure: " << e.what() << "." << std::endl;
-    return Host::HostSession::exitBadInputCM;
+    return Host::ExitStatus::badInputCM;
   }
 }

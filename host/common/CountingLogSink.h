@@ -4,12 +4,12 @@
 // thread while the command thread waits.
 #pragma once
 
+#include "BAS/ConditionVariable.h"
 #include "BAS/LogSink.h"
+#include "BAS/Mutex.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -17,17 +17,19 @@ namespace Host {
 
 class CountingLogSink : public BAS::LogSink {
 public:
-  void write(const BAS::LogRecord& record, const std::string& line) override;
+  void write(const BAS::LogRecord& record, const std::string& line) override EXCLUDES(mutexM);
 
-  std::size_t count(const std::string& id) const;
+  std::size_t count(const std::string& id) const EXCLUDES(mutexM);
   // Waits until at least `count` entries with that identifier were written since the sink was
   // attached; false when the time ran out first.
-  bool waitFor(const std::string& id, std::size_t count, std::chrono::milliseconds timeout) const;
+  bool waitFor(const std::string& id, std::size_t count, std::chrono::milliseconds timeout) const EXCLUDES(mutexM);
 
 private:
-  mutable std::mutex mutexM;
-  mutable std::condition_variable writtenM;
-  std::unordered_map<std::string, std::size_t> countsM;  // guarded by mutexM
+  std::size_t countOf(const std::string& id) const REQUIRES(mutexM);
+
+  mutable BAS::Mutex mutexM;
+  mutable BAS::ConditionVariable writtenM;  // notified after each entry, under no lock
+  std::unordered_map<std::string, std::size_t> countsM GUARDED_BY(mutexM);
 };
 
 }  // namespace Host

@@ -1,5 +1,7 @@
 #include "host/control/ControlClient.h"
 
+#include "host/common/OwnedDescriptor.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,25 +11,6 @@
 #include <cstring>
 
 namespace Host {
-
-namespace {
-
-// Closes the descriptor on every way out of send().
-class Descriptor {
-public:
-  explicit Descriptor(int descriptor) : descriptorM(descriptor) {}
-  ~Descriptor() {
-    if (descriptorM >= 0) close(descriptorM);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return descriptorM; }
-
-private:
-  int descriptorM;
-};
-
-}  // namespace
 
 std::string ControlClient::commandLine(const std::vector<std::string>& words) {
   std::string line;
@@ -62,7 +45,7 @@ bool ControlClient::send(const std::string& path, const std::vector<std::string>
     return false;
   }
   std::memcpy(where.sun_path, path.data(), path.size());
-  const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (socket.get() < 0 || connect(socket.get(), reinterpret_cast<const sockaddr*>(&where), sizeof(where)) != 0) {
     errorM = "cannot reach the control socket '" + path + "': " + std::strerror(errno) + ".";
     return false;

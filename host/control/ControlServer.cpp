@@ -2,7 +2,6 @@
 
 #include "host/script/CommandInterpreter.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -33,9 +32,6 @@ ControlServer::ControlServer(CommandInterpreter& interpreter) : interpreterM(int
 
 ControlServer::~ControlServer() {
   stop();
-  if (listenerM >= 0) close(listenerM);
-  if (wakeReadM >= 0) close(wakeReadM);
-  if (wakeWriteM >= 0) close(wakeWriteM);
   struct stat now {};
   if (!pathM.empty() && lstat(pathM.c_str(), &now) == 0 && now.st_dev == deviceM && now.st_ino == inodeM)
     unlink(pathM.c_str());
@@ -55,14 +51,14 @@ bool ControlServer::open(const std::string& path) {
       return false;
     }
     // Only a socket nobody listens on may go: connecting tells a live one from a stale one.
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (probe < 0) {
+    OwnedDescriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (probe.get() < 0) {
       errorM = "cannot create a socket: " + reason() + ".";
       return false;
     }
-    const int connected = connect(probe, reinterpret_cast<const sockaddr*>(&where), sizeof(where));
+    const int connected = connect(probe.get(), reinterpret_cast<const sockaddr*>(&where), sizeof(where));
     const int code = errno;
-    close(probe);
+    probe.reset();
     if (connected == 0) {
       errorM = "another process is listening on the control socket '" + path + "'.";
       return false;
@@ -77,15 +73,15 @@ bool ControlServer::open(const std::string& path) {
     }
   }
 
-  listenerM = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (listenerM < 0) {
+  listenerM.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (listenerM.get() < 0) {
     errorM = "cannot create a socket: " + reason() + ".";
     return false;
   }
   // The socket file takes its mode from the umask as bind creates it, so it is owner-only
   // before anyone could connect; no chmod afterwards with a window between.
   const mode_t previous = umask(0177);
-  const int bound = bind(listenerM, reinterpret_cast<const sockaddr*>(&where), sizeof(where));
+  const int bound = bind(listenerM.get(), reinterpret_cast<const sockaddr*>(&where), sizeof(where));
   const int code = errno;
   umask(previous);
   if (bound != 0) {
@@ -98,7 +94,7 @@ bool ControlServer::open(const std::string& path) {
     deviceM = made.st_dev;
     inodeM = made.st_ino;
   }
-  if (listen(listenerM, static_cast<int>(maxConnectionsCM)) != 0) {
+  if (listen(listenerM.get(), static_cast<int>(maxConnectionsCM)) != 0) {
     errorM = "cannot listen on the control socket '" + path + "': " + reason() + ".";
     return false;
   }
@@ -106,13 +102,10 @@ bool ControlServer::open(const std::string& path) {
 }
 
 bool ControlServer::start() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+  if (!wakeM.open()) {
     errorM = "cannot create a pipe: " + reason() + ".";
     return false;
   }
-  wakeReadM = ends[0];
-  wakeWriteM = ends[1];
   threadM = std::thread([this] { serve(); });
   return true;
 }
@@ -120,22 +113,20 @@ bool ControlServer::start() {
 void ControlServer::stop() {
   if (!threadM.joinable()) return;
   stoppingM = true;
-  const char byte = 'x';
-  [[maybe_unused]] const ssize_t ignored = write(wakeWriteM, &byte, 1);
+  wakeM.notify();
   threadM.join();
-  for (Connection& connection : connectionsM) close(connection.descriptor);
-  connectionsM.clear();
+  connectionsM.clear();  // closes them
 }
 
 void ControlServer::serve() {
   std::vector<pollfd> waits;
   while (!stoppingM.load()) {
     waits.clear();
-    waits.push_back({wakeReadM, POLLIN, 0});
-    waits.push_back({listenerM, POLLIN, 0});
+    waits.push_back({wakeM.readEnd(), POLLIN, 0});
+    waits.push_back({listenerM.get(), POLLIN, 0});
     for (const Connection& connection : connectionsM) {
       const short events = static_cast<short>((connection.readClosed ? 0 : POLLIN) | (connection.output.empty() ? 0 : POLLOUT));
-      waits.push_back({connection.descriptor, events, 0});
+      waits.push_back({connection.descriptor.get(), events, 0});
     }
     if (poll(waits.data(), waits.size(), -1) < 0) continue;  // EINTR: look again
     if (waits[0].revents != 0) break;
@@ -150,11 +141,7 @@ void ControlServer::serve() {
       if (events & (POLLIN | POLLHUP | POLLERR)) open = readFrom(connection);
       if (open && !connection.output.empty()) open = flush(connection);
       if (open && connection.readClosed && connection.output.empty()) open = false;
-      if (open) {
-        kept.push_back(std::move(connection));
-      } else {
-        close(connection.descriptor);
-      }
+      if (open) kept.push_back(std::move(connection));  // the others close as connectionsM is replaced
     }
     connectionsM = std::move(kept);
     if (waits[1].revents != 0) acceptAll();
@@ -163,22 +150,22 @@ void ControlServer::serve() {
 
 void ControlServer::acceptAll() {
   for (;;) {
-    const int descriptor = accept4(listenerM, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor < 0) return;  // EAGAIN: all taken; other failures concern that one client
+    OwnedDescriptor descriptor(accept4(listenerM.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (descriptor.get() < 0) return;  // EAGAIN: all taken; other failures concern that one client
     if (connectionsM.size() >= maxConnectionsCM) {
       static constexpr char refusal[] = "error too many connections\n";
-      [[maybe_unused]] const ssize_t ignored = send(descriptor, refusal, sizeof refusal - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
-      close(descriptor);
+      [[maybe_unused]] const ssize_t ignored =
+          send(descriptor.get(), refusal, sizeof refusal - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
       continue;
     }
-    connectionsM.push_back(Connection{descriptor, {}, {}, false, false});
+    connectionsM.push_back(Connection{std::move(descriptor), {}, {}, false, false});
   }
 }
 
 bool ControlServer::readFrom(Connection& connection) {
   char buffer[16 * 1024];
   for (;;) {
-    const ssize_t n = recv(connection.descriptor, buffer, sizeof buffer, MSG_DONTWAIT);
+    const ssize_t n = recv(connection.descriptor.get(), buffer, sizeof buffer, MSG_DONTWAIT);
     if (n > 0) {
       if (!take(connection, buffer, static_cast<std::size_t>(n))) return false;
       // One read per turn keeps a client that sends without pause from starving the others.
@@ -229,7 +216,7 @@ bool ControlServer::answer(Connection& connection, const std::string& text) {
 
 bool ControlServer::flush(Connection& connection) {
   while (!connection.output.empty()) {
-    const ssize_t n = send(connection.descriptor, connection.output.data(), connection.output.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t n = send(connection.descriptor.get(), connection.output.data(), connection.output.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
       connection.output.erase(0, static_cast<std::size_t>(n));
       continue;

@@ -5,6 +5,9 @@
 // CommandInterpreter in control mode. The run session opens, starts and stops it.
 #pragma once
 
+#include "host/common/OwnedDescriptor.h"
+#include "host/common/SelfPipe.h"
+
 #include <sys/types.h>
 
 #include <atomic>
@@ -48,7 +51,7 @@ public:
 
 private:
   struct Connection {
-    int descriptor = -1;
+    OwnedDescriptor descriptor;
     std::string input;   // bytes of an unfinished line
     std::string output;  // answers not yet sent
     bool skipping = false;    // inside an over-long line, up to its line end
@@ -63,17 +66,20 @@ private:
   bool answer(Connection& connection, const std::string& text);
   bool flush(Connection& connection);
 
+  // No lock: the owner's thread sets these up in open() and start() before the control thread
+  // exists, the control thread only reads them, and the owner touches them again after
+  // joining it. Thread creation and join order the accesses.
   CommandInterpreter& interpreterM;
   std::string pathM;
   dev_t deviceM = 0;  // identity of the socket file made by open(), for the removal
   ino_t inodeM = 0;
-  int listenerM = -1;
-  int wakeReadM = -1;
-  int wakeWriteM = -1;
-  std::string errorM;
-  // Touched by the control thread only while it runs; by the owner before and after.
+  OwnedDescriptor listenerM;
+  SelfPipe wakeM;      // stop() notifies it; the control thread polls it
+  std::string errorM;  // the owner's thread only
+  // No lock: the control thread's alone while it runs; the owner's before and after, the
+  // handover ordered by thread creation and join.
   std::vector<Connection> connectionsM;
-  std::thread threadM;
+  std::thread threadM;                 // the owner's thread only
   std::atomic<bool> stoppingM{false};  // atomic: set by stop(), read by the control thread
 };
 

@@ -1,18 +1,16 @@
 #include "host/control/SignalWatcher.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
-#include <utility>
 
 namespace Host {
 
 namespace {
 
 // Touched by the handler, so only lock-free atomics and a descriptor written before the
-// handler is installed.
+// handler is installed and cleared after it is removed.
 std::atomic<int> signalCountG{0};
 int writeEndG = -1;
 struct sigaction previousIntG {};
@@ -21,17 +19,14 @@ struct sigaction previousTermG {};
 void onSignal(int number) {
   // Only async-signal-safe calls: an atomic increment, write and _exit.
   if (signalCountG.fetch_add(1) > 0) _exit(SignalWatcher::exitOffsetCM + number);
-  const char byte = 's';
-  [[maybe_unused]] const ssize_t ignored = write(writeEndG, &byte, 1);
+  SelfPipe::notify(writeEndG);
 }
 
 }  // namespace
 
 bool SignalWatcher::install() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return false;
-  readEndM = ends[0];
-  writeEndG = ends[1];
+  if (!pipeM.open()) return false;
+  writeEndG = pipeM.writeEnd();
   signalCountG = 0;
 
   struct sigaction action {};
@@ -40,14 +35,14 @@ bool SignalWatcher::install() {
   // Restarted system calls keep the threads that do not poll the pipe from seeing EINTR.
   action.sa_flags = SA_RESTART;
   if (sigaction(SIGINT, &action, &previousIntG) != 0) {
-    close(std::exchange(readEndM, -1));
-    close(std::exchange(writeEndG, -1));
+    writeEndG = -1;
+    pipeM = SelfPipe();
     return false;
   }
   if (sigaction(SIGTERM, &action, &previousTermG) != 0) {
     sigaction(SIGINT, &previousIntG, nullptr);
-    close(std::exchange(readEndM, -1));
-    close(std::exchange(writeEndG, -1));
+    writeEndG = -1;
+    pipeM = SelfPipe();
     return false;
   }
   installedM = true;
@@ -59,8 +54,8 @@ SignalWatcher::~SignalWatcher() {
     sigaction(SIGINT, &previousIntG, nullptr);
     sigaction(SIGTERM, &previousTermG, nullptr);
   }
-  if (readEndM >= 0) close(readEndM);
-  if (writeEndG >= 0) close(std::exchange(writeEndG, -1));
+  // The pipe closes after this, once no handler can write to it.
+  writeEndG = -1;
 }
 
 }  // namespace Host

@@ -5,6 +5,8 @@
 // uninstall on one thread; readable() may be polled from any thread.
 #pragma once
 
+#include "host/common/SelfPipe.h"
+
 namespace Host {
 
 class SignalWatcher {
@@ -20,14 +22,14 @@ public:
   bool install();
 
   // Becomes readable (and stays so) once a first signal arrived; -1 before install().
-  int descriptor() const { return readEndM; }
+  int descriptor() const { return pipeM.readEnd(); }
 
   // The status that a second signal ends the process with: 128 plus the signal number, as a
   // shell reports a process killed by it.
   static constexpr int exitOffsetCM = 128;
 
 private:
-  int readEndM = -1;
+  SelfPipe pipeM;
   bool installedM = false;
 };
 

@@ -2,10 +2,9 @@
 
 #include "BAS/DateTime.h"
 #include "BAS/Log.h"
+#include "BAS/MutexLocker.h"
 #include "BAS/Status.h"
-#include "plugin/NumberPortabilityPlugIn.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -24,8 +23,9 @@ constexpr std::size_t readChunkCM = 64 * 1024;
 
 }  // namespace
 
-EventRecordPipeline::EventRecordPipeline(DAT::NumberPortability::PlugIn& plugIn, BAS::Log& log, Settings settings)
-    : plugInM(plugIn), logM(log), settingsM(std::move(settings)) {
+EventRecordPipeline::EventRecordPipeline(DAT::NumberPortability::PortabilityLookup& lookup, BAS::Log& log,
+                                         Settings settings)
+    : lookupM(lookup), logM(log), settingsM(std::move(settings)) {
   // Two batches per worker keep every worker busy while the reader fills and the writer
   // empties one each.
   const std::size_t poolSize = 2 * static_cast<std::size_t>(std::max(1u, settingsM.threads)) + 2;
@@ -43,18 +43,13 @@ EventRecordPipeline::~EventRecordPipeline() {
   for (auto& worker : workersM)
     if (worker.joinable()) worker.join();
   if (writerM.joinable()) writerM.join();
-  if (wakeReadM >= 0) close(wakeReadM);
-  if (wakeWriteM >= 0) close(wakeWriteM);
 }
 
 bool EventRecordPipeline::start() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+  if (!wakeM.open()) {
     finishWith(std::string("cannot create a pipe: ") + std::strerror(errno));
     return false;
   }
-  wakeReadM = ends[0];
-  wakeWriteM = ends[1];
   writerM = std::thread([this] { writeLoop(); });
   for (unsigned i = 0; i < std::max(1u, settingsM.threads); ++i) workersM.emplace_back([this] { workLoop(); });
   readerM = std::thread([this] { readLoop(); });
@@ -63,18 +58,19 @@ bool EventRecordPipeline::start() {
 
 void EventRecordPipeline::stop() {
   if (stopM.exchange(true)) return;
-  if (wakeWriteM >= 0) {
-    const char byte = 'x';
-    [[maybe_unused]] const ssize_t ignored = write(wakeWriteM, &byte, 1);
-  }
+  wakeM.notify();
   // A reader waiting for a free batch must see the flag too.
-  std::lock_guard lock(mutexM);
-  freeChangedM.notify_all();
+  BAS::MutexLocker locker(mutexM);
+  freeChangedM.notifyAll();
 }
 
 bool EventRecordPipeline::waitUntilDone(std::chrono::milliseconds timeout) {
-  std::unique_lock lock(mutexM);
-  return doneChangedM.wait_for(lock, timeout, [this] { return doneM; });
+  const auto deadline = BAS::ConditionVariable::Clock::now() + timeout;
+  BAS::MutexLocker locker(mutexM);
+  while (!doneM) {
+    if (!doneChangedM.waitUntil(mutexM, deadline)) return doneM;
+  }
+  return true;
 }
 
 EventRecordPipeline::Totals EventRecordPipeline::totals() const {
@@ -82,21 +78,21 @@ EventRecordPipeline::Totals EventRecordPipeline::totals() const {
 }
 
 std::string EventRecordPipeline::failure() const {
-  std::lock_guard lock(mutexM);
+  BAS::MutexLocker locker(mutexM);
   return failureM;
 }
 
 void EventRecordPipeline::finishWith(std::string failure) {
   {
-    std::lock_guard lock(mutexM);
+    BAS::MutexLocker locker(mutexM);
     if (failureM.empty()) failureM = std::move(failure);
   }
   stop();
 }
 
 EventRecordPipeline::Batch* EventRecordPipeline::takeFree() {
-  std::unique_lock lock(mutexM);
-  freeChangedM.wait(lock, [this] { return !freeM.empty() || stopM.load(); });
+  BAS::MutexLocker locker(mutexM);
+  while (freeM.empty() && !stopM.load()) freeChangedM.wait(mutexM);
   if (freeM.empty()) return nullptr;
   Batch* batch = freeM.back();
   freeM.pop_back();
@@ -116,11 +112,11 @@ EventRecordPipeline::Batch* EventRecordPipeline::handOver(Batch* batch, std::siz
   // Without a fresh batch the reader cannot go on: this one is the last.
   batch->last = last || next == nullptr;
   {
-    std::lock_guard lock(mutexM);
+    BAS::MutexLocker locker(mutexM);
     workM.push_back(batch);
     if (batch->last) readingDoneM = true;
   }
-  workChangedM.notify_all();
+  workChangedM.notifyAll();
   return next;
 }
 
@@ -128,12 +124,12 @@ void EventRecordPipeline::readLoop() {
   std::uint64_t sequence = 0;
   Batch* batch = takeFree();
   if (batch == nullptr) {
-    std::lock_guard lock(mutexM);
+    BAS::MutexLocker locker(mutexM);
     readingDoneM = true;
     doneM = true;  // nothing was handed over, so the writer waits for nothing
-    workChangedM.notify_all();
-    readyChangedM.notify_all();
-    doneChangedM.notify_all();
+    workChangedM.notifyAll();
+    readyChangedM.notifyAll();
+    doneChangedM.notifyAll();
     return;
   }
   batch->size = 0;
@@ -152,7 +148,7 @@ void EventRecordPipeline::readLoop() {
     return true;
   };
 
-  pollfd waits[3] = {{settingsM.inputDescriptor, POLLIN, 0}, {wakeReadM, POLLIN, 0}, {settingsM.stopDescriptor, POLLIN, 0}};
+  pollfd waits[3] = {{settingsM.inputDescriptor, POLLIN, 0}, {wakeM.readEnd(), POLLIN, 0}, {settingsM.stopDescriptor, POLLIN, 0}};
   const nfds_t waitCount = settingsM.stopDescriptor >= 0 ? 3 : 2;
   for (;;) {
     if (stopM.load()) {
@@ -210,18 +206,18 @@ void EventRecordPipeline::workLoop() {
   for (;;) {
     Batch* batch = nullptr;
     {
-      std::unique_lock lock(mutexM);
-      workChangedM.wait(lock, [this] { return !workM.empty() || readingDoneM; });
+      BAS::MutexLocker locker(mutexM);
+      while (workM.empty() && !readingDoneM) workChangedM.wait(mutexM);
       if (workM.empty()) return;
       batch = workM.front();
       workM.pop_front();
     }
     lookUp(*batch, lookups);
     {
-      std::lock_guard lock(mutexM);
+      BAS::MutexLocker locker(mutexM);
       readyM[batch->sequence % readyM.size()] = batch;
     }
-    readyChangedM.notify_all();
+    readyChangedM.notifyAll();
   }
 }
 
@@ -232,22 +228,22 @@ void EventRecordPipeline::lookUp(Batch& batch, Lookups& lookups) const {
   batch.found = 0;
   const char* const begin = batch.input.data();
   const char* const end = begin + batch.size;
-  // The lines are taken a group at a time: cut and parsed, looked up together (the plug-in
-  // overlaps the memory waits of a group's searches), then written out.
+  // The lines are taken a group at a time: cut and parsed, looked up together in one call (the
+  // plug-in overlaps the memory waits of a group's searches), then written out.
   for (const char* line = begin; line < end;) {
     lookups.lines.clear();
     lookups.numbers.clear();
     lookups.dateTimes.clear();
     while (line < end && lookups.lines.size() < groupCM) line = cut(line, end, batch, lookups);
     const std::size_t searched = lookups.numbers.size();
-    plugInM.searchMany(lookups.numbers.data(), lookups.dateTimes.data(), searched, lookups.results.data(),
-                       lookups.found.get());
+    lookupM.lookUp(lookups.numbers.data(), lookups.dateTimes.data(), searched, lookups.results.data(),
+                   lookups.found.get());
     std::size_t search = 0;
     for (const Lookups::Line& cutLine : lookups.lines) {
       std::string_view found;
       if (cutLine.searched) {
         if (lookups.found[search]) {
-          found = lookups.results[search].networkOperatorM.view();
+          found = lookups.results[search].networkOperator.view();
           ++batch.found;
         }
         ++search;
@@ -303,11 +299,11 @@ void EventRecordPipeline::writeLoop() {
   for (;;) {
     Batch* batch = nullptr;
     {
-      std::unique_lock lock(mutexM);
-      Batch*& slot = readyM[sequence % readyM.size()];
-      readyChangedM.wait(lock, [&] { return slot != nullptr || doneM; });
-      if (slot == nullptr) return;  // the reader ended before handing anything over
-      batch = std::exchange(slot, nullptr);
+      BAS::MutexLocker locker(mutexM);
+      const std::size_t slot = sequence % readyM.size();
+      while (readyM[slot] == nullptr && !doneM) readyChangedM.wait(mutexM);
+      if (readyM[slot] == nullptr) return;  // the reader ended before handing anything over
+      batch = std::exchange(readyM[slot], nullptr);
     }
     // After a failed write the batches still pass through, so that the reader and the workers
     // are never left waiting for a free one.
@@ -322,13 +318,13 @@ void EventRecordPipeline::writeLoop() {
     }
     const bool last = batch->last;
     {
-      std::lock_guard lock(mutexM);
+      BAS::MutexLocker locker(mutexM);
       freeM.push_back(batch);
       if (last) doneM = true;
     }
-    freeChangedM.notify_all();
+    freeChangedM.notifyAll();
     if (last) {
-      doneChangedM.notify_all();
+      doneChangedM.notifyAll();
       return;
     }
     ++sequence;

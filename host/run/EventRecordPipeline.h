@@ -1,23 +1,24 @@
 // Host::EventRecordPipeline is the main job of `nphost run`: it reads event records (one a
-// line: number, date-time, further fields), looks up the operator of each through
-// PlugIn::search as a processing module would, and writes every line back with the operator
+// line: number, date-time, further fields), looks up the operator of each through the
+// plug-in library's lookup interface (PortabilityLookup), a batch of lines per call, and writes every line back with the operator
 // appended, in input order. A reader thread cuts the input into batches of whole lines, worker
 // threads look up whole batches, a writer thread writes them in sequence and reports rejected
 // lines to the framework log. The run session starts it, polls totals() for its progress line
 // and waits for it; start, wait and the destructor belong to that one thread.
 #pragma once
 
+#include "BAS/ConditionVariable.h"
 #include "BAS/DateTime.h"
+#include "BAS/Mutex.h"
 #include "BAS/String.h"
-#include "store/NumberPortabilityData.h"
+#include "host/common/SelfPipe.h"
+#include "plugin/PortabilityLookup.h"
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -25,9 +26,6 @@
 
 namespace BAS {
 class Log;
-}
-namespace DAT::NumberPortability {
-class PlugIn;
 }
 
 namespace Host {
@@ -68,24 +66,24 @@ public:
   static constexpr std::chrono::milliseconds longestHoldCM{50};
 
   // Neither is owned; both must outlive the pipeline.
-  EventRecordPipeline(DAT::NumberPortability::PlugIn& plugIn, BAS::Log& log, Settings settings);
+  EventRecordPipeline(DAT::NumberPortability::PortabilityLookup& lookup, BAS::Log& log, Settings settings);
   // Asks the threads to stop, as stop() does, and joins them.
   ~EventRecordPipeline();
   EventRecordPipeline(const EventRecordPipeline&) = delete;
   EventRecordPipeline& operator=(const EventRecordPipeline&) = delete;
 
   // Starts the threads. False with failure() set when the wake-up pipe cannot be made.
-  bool start();
+  bool start() EXCLUDES(mutexM);
   // Stops reading; the records read so far are still looked up and written. Any thread.
-  void stop();
+  void stop() EXCLUDES(mutexM);
   // Waits up to `timeout` for the end: input read to its end (or stopped) and everything
   // written, or writing failed. True once ended.
-  bool waitUntilDone(std::chrono::milliseconds timeout);
+  bool waitUntilDone(std::chrono::milliseconds timeout) EXCLUDES(mutexM);
 
   Totals totals() const;
   // One sentence (without "nphost: ") when reading the input or writing the output failed;
   // empty otherwise. Read after waitUntilDone returned true.
-  std::string failure() const;
+  std::string failure() const EXCLUDES(mutexM);
 
 private:
   enum class Rejection : std::uint8_t { TOO_FEW_FIELDS, INVALID_DATE_TIME };
@@ -108,14 +106,14 @@ private:
     bool last = false;
   };
 
-  void readLoop();
-  void workLoop();
-  void writeLoop();
+  void readLoop() EXCLUDES(mutexM);
+  void workLoop() EXCLUDES(mutexM);
+  void writeLoop() EXCLUDES(mutexM);
   // Hands `batch` (its first `complete` bytes) to the workers and returns a fresh batch holding
   // the bytes after them; null when the pipeline stopped meanwhile.
-  Batch* handOver(Batch* batch, std::size_t complete, std::size_t used, bool last);
-  Batch* takeFree();
-  // Lines looked up together; a few batches of the plug-in's searchMany.
+  Batch* handOver(Batch* batch, std::size_t complete, std::size_t used, bool last) EXCLUDES(mutexM);
+  Batch* takeFree() EXCLUDES(mutexM);
+  // Lines looked up together, in one call of the lookup interface.
   static constexpr std::size_t groupCM = 64;
 
   // One lookup thread's room for a group of lines: kept from group to group, so that the hot
@@ -129,8 +127,8 @@ private:
     std::vector<Line> lines;
     std::vector<std::string_view> numbers;
     std::vector<BAS::DateTime> dateTimes;
-    using Record = DAT::NumberPortability::NumberPortabilityData;
-    std::vector<Record> results = std::vector<Record>(groupCM);
+    using Answer = DAT::NumberPortability::PortabilityLookup::Answer;
+    std::vector<Answer> results = std::vector<Answer>(groupCM);
     std::unique_ptr<bool[]> found = std::make_unique<bool[]>(groupCM);
   };
   void lookUp(Batch& batch, Lookups& lookups) const;
@@ -138,32 +136,35 @@ private:
   // start of the next line.
   const char* cut(const char* line, const char* end, Batch& batch, Lookups& lookups) const;
   void report(const Batch& batch, std::uint64_t firstLine) const;
-  void finishWith(std::string failure);
-  bool writeAll(const std::string& text);
+  void finishWith(std::string failure) EXCLUDES(mutexM);
+  bool writeAll(const std::string& text) EXCLUDES(mutexM);
 
-  DAT::NumberPortability::PlugIn& plugInM;
-  BAS::Log& logM;
+  // No lock for these: set in the constructor and start(), before the threads exist, and only
+  // read by them (the lookup interface takes any number of threads at once).
+  DAT::NumberPortability::PortabilityLookup& lookupM;
+  BAS::Log& logM;  // thread-safe itself
   const Settings settingsM;
-  std::vector<std::unique_ptr<Batch>> poolM;  // fixed after the constructor; owns every batch
-  int wakeReadM = -1;                          // the reader polls it; stop() writes wakeWriteM
-  int wakeWriteM = -1;
+  std::vector<std::unique_ptr<Batch>> poolM;  // owns every batch; a batch's contents belong to
+                                              // the one thread whose queue it was taken from
+  SelfPipe wakeM;                             // the reader polls it; stop() notifies it
 
-  mutable std::mutex mutexM;
-  std::condition_variable freeChangedM;
-  std::condition_variable workChangedM;
-  std::condition_variable readyChangedM;
-  std::condition_variable doneChangedM;
-  std::vector<Batch*> freeM;     // guarded by mutexM
-  std::deque<Batch*> workM;      // guarded by mutexM
-  std::vector<Batch*> readyM;    // guarded by mutexM; slot sequence % pool size
-  bool readingDoneM = false;     // guarded by mutexM: no batch will be added to workM
-  bool doneM = false;            // guarded by mutexM
-  std::string failureM;          // guarded by mutexM
+  mutable BAS::Mutex mutexM;
+  BAS::ConditionVariable freeChangedM;
+  BAS::ConditionVariable workChangedM;
+  BAS::ConditionVariable readyChangedM;
+  BAS::ConditionVariable doneChangedM;
+  std::vector<Batch*> freeM GUARDED_BY(mutexM);
+  std::deque<Batch*> workM GUARDED_BY(mutexM);
+  std::vector<Batch*> readyM GUARDED_BY(mutexM);  // slot sequence % pool size
+  bool readingDoneM GUARDED_BY(mutexM) = false;    // no batch will be added to workM
+  bool doneM GUARDED_BY(mutexM) = false;
+  std::string failureM GUARDED_BY(mutexM);
   std::atomic<bool> stopM{false};  // atomic: set by any thread, polled by the reader
 
   // Written by the writer thread only, read by the session's progress line.
   std::atomic<std::uint64_t> recordsM{0}, foundM{0}, notFoundM{0}, rejectedM{0}, bytesM{0};
 
+  // The owner's thread only: started in start(), joined in the destructor.
   std::thread readerM;
   std::vector<std::thread> workersM;
   std::thread writerM;

@@ -4,8 +4,9 @@
 #include "BAS/InstrumentationProbeGroup.h"
 #include "BAS/ProtectedBool.h"
 #include "BAS/RegistryEntry.h"
+#include "PLG/DataPlugIn.h"
 #include "host/script/WordSplitter.h"
-#include "plugin/NumberPortabilityPlugIn.h"
+#include "plugin/PortabilityLookup.h"
 
 #include <cctype>
 #include <charconv>
@@ -35,9 +36,9 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-CommandInterpreter::CommandInterpreter(DAT::NumberPortability::PlugIn& plugIn, const CountingLogSink& counts,
-                                       Mode mode)
-    : plugInM(plugIn), countsM(counts), modeM(mode) {}
+CommandInterpreter::CommandInterpreter(PLG::DataPlugIn& plugIn, DAT::NumberPortability::PortabilityLookup& lookup,
+                                       const CountingLogSink& counts, Mode mode)
+    : plugInM(plugIn), lookupM(lookup), countsM(counts), modeM(mode) {}
 
 std::optional<std::string> CommandInterpreter::execute(std::string_view line) {
   const auto first = line.find_first_not_of(" \t\r");
@@ -63,9 +64,12 @@ std::string CommandInterpreter::search(const Words& words) {
   if (words.size() != 3) return "error usage: search NUMBER DATETIME";
   const BAS::DateTime dateTime{std::string_view(words[2])};
   if (!dateTime.isValid()) return "error invalid date-time";
-  DAT::NumberPortability::NumberPortabilityData record;
-  if (!plugInM.search(BAS::String(words[1]), dateTime, record)) return "not-found";
-  return "found " + std::string(record.networkOperatorM.view()) + " " + record.validFromM.asString("%Y%m%d%H%M%S").str();
+  const std::string_view number = words[1];
+  DAT::NumberPortability::PortabilityLookup::Answer answer;
+  bool found = false;
+  lookupM.lookUp(&number, &dateTime, 1, &answer, &found);
+  if (!found) return "not-found";
+  return "found " + std::string(answer.networkOperator.view()) + " " + answer.validFrom.asString("%Y%m%d%H%M%S").str();
 }
 
 std::string CommandInterpreter::usable(const Words& words) {

@@ -1,5 +1,6 @@
-// Host::CommandInterpreter carries out one command line against a number-portability plug-in
-// and gives back the one answer line: lookups, usability, registry updates, probe writes,
+// Host::CommandInterpreter carries out one command line against a number-portability plug-in,
+// through the framework's plug-in interface and the library's lookup interface, and gives back
+// the one answer line: lookups, usability, registry updates, probe writes,
 // waiting for log entries, sleeping and shut-down. The script reader and the control socket of
 // `nphost run` use it; on the socket the commands that would stall or end the run are refused.
 // One caller at a time; the plug-in's own threads and the event record lookups run meanwhile.
@@ -13,7 +14,10 @@
 #include <vector>
 
 namespace DAT::NumberPortability {
-class PlugIn;
+class PortabilityLookup;
+}
+namespace PLG {
+class DataPlugIn;
 }
 
 namespace Host {
@@ -25,8 +29,9 @@ public:
   // output (which carries the enriched records) and waits beyond longestControlWaitMsCM.
   enum class Mode { SCRIPT, CONTROL };
 
-  // Neither is owned; both must outlive the interpreter.
-  CommandInterpreter(DAT::NumberPortability::PlugIn& plugIn, const CountingLogSink& counts, Mode mode = Mode::SCRIPT);
+  // None is owned; all must outlive the interpreter. `lookup` is the lookup interface of `plugIn`.
+  CommandInterpreter(PLG::DataPlugIn& plugIn, DAT::NumberPortability::PortabilityLookup& lookup,
+                     const CountingLogSink& counts, Mode mode = Mode::SCRIPT);
 
   // The answer to one line, without a line end; nullopt for a blank line or a comment (a line
   // whose first non-blank character is '#'). Failures answer "error ...", never throw.
@@ -54,7 +59,8 @@ private:
   // The refusal of a command that CONTROL mode does not carry out; nullopt when it may run.
   std::optional<std::string> refusal(const Words& words) const;
 
-  DAT::NumberPortability::PlugIn& plugInM;
+  PLG::DataPlugIn& plugInM;
+  DAT::NumberPortability::PortabilityLookup& lookupM;
   const CountingLogSink& countsM;
   Mode modeM;
   bool shutDownM = false;

@@ -1,14 +1,12 @@
-// Host::HostSession is one run of nphost: it reads the registry file into a fresh framework,
-// sets up the log, loads the plug-in library, creates and starts the plug-in and, in script
-// mode, feeds it the commands of an input stream. It ends things in the order the plug-in's
-// code needs: plug-in, framework (which releases the probes and the worker thread), library.
-// In run mode it enriches event records (EventRecordPipeline) beside a control socket
-// (ControlServer) until the input ends or a signal (SignalWatcher) asks it to stop.
-// One thread drives it.
+// Host::HostSession is what one run of nphost starts and ends: it reads the registry file into
+// a fresh framework, sets up the log, loads the plug-in library, creates the plug-in and takes
+// its lookup interface. It ends things in the order the plug-in's code needs: plug-in,
+// framework (which releases the probes and the worker thread), library. The script session
+// (ScriptSession) and the run session (RunSession) drive the plug-in in between. One thread.
 #pragma once
 
-#include "host/startup/CommandLine.h"
 #include "host/common/CountingLogSink.h"
+#include "host/startup/CommandLine.h"
 #include "host/startup/PluginLibrary.h"
 #include "host/startup/RegistryFile.h"
 
@@ -19,21 +17,19 @@
 
 namespace BAS {
 class Framework;
+class Log;
 }
 namespace PLG {
 class DataPlugIn;
+}
+namespace DAT::NumberPortability {
+class PortabilityLookup;
 }
 
 namespace Host {
 
 class HostSession {
 public:
-  // Exit statuses of the program.
-  static constexpr int exitDoneCM = 0;
-  static constexpr int exitBadInputCM = 1;       // command line or registry file
-  static constexpr int exitNoLibraryCM = 2;      // plug-in library or entry point
-  static constexpr int exitInvalidObjectCM = 3;  // the plug-in object is not valid
-
   // `executableDirectory` is where nphost lives: bare library names are looked up in its
   // ../lib unless the options or the registry say otherwise.
   HostSession(const CommandLine::Options& options, const std::string& executableDirectory);
@@ -41,23 +37,33 @@ public:
   HostSession(const HostSession&) = delete;
   HostSession& operator=(const HostSession&) = delete;
 
-  // Script mode: answers go to `out`, one line each, flushed at once; errors go to `err` as one
-  // sentence starting "nphost: ". Returns the exit status.
-  int runScript(std::istream& in, std::ostream& out, std::ostream& err);
+  // Everything up to a created plug-in object and its lookup interface; the exit status
+  // (ExitStatus), with the reason on `err` when it is not doneCM.
+  int start(std::ostream& err);
+  bool isValid() const;
+  // Destroys an object that is not valid after construction; its message and exit status.
+  int refuseInvalid(std::ostream& err);
+  // Calls the plug-in's init; from then on finish() shuts it down unless noteShutDown() said
+  // that a script did.
+  bool init();
+  void noteShutDown() { shutDownM = true; }
+  // Shuts the plug-in down if it was started, then destroys it and the framework. Idempotent.
+  void finish();
 
-  // Run mode: records from the input option to the output option, a progress line on `err`
-  // while it is a terminal and a summary at the end. Returns the exit status; 1 also when the
-  // input cannot be read or the output cannot be written.
-  int runEvents(std::ostream& err);
+  // Valid from a successful start() to finish().
+  const CommandLine::Options& options() const { return optionsM; }
+  const std::string& instanceName() const { return instanceNameM; }
+  PLG::DataPlugIn& plugIn() { return *plugInM; }
+  DAT::NumberPortability::PortabilityLookup& lookup() { return *lookupM; }
+  CountingLogSink& counts() { return *countsM; }
+  BAS::Log& log();
 
 private:
-  // Everything up to a created plug-in object; the exit status when that fails.
-  int start(std::ostream& err);
   bool setUpLog(std::ostream& err);
-  bool isValid() const;
   // The value of a [Framework] key, or of the option that overrides it.
   std::optional<std::string> setting(const std::optional<std::string>& option, const char* key) const;
-  void finish();
+  // The one instance the options and the registry file name; null with the reason on `err`.
+  const RegistryFile::Instance* chooseInstance(std::ostream& err) const;
 
   const CommandLine::Options& optionsM;
   std::string executableDirectoryM;
@@ -69,6 +75,7 @@ private:
   std::unique_ptr<BAS::Framework> frameworkM;
   std::shared_ptr<CountingLogSink> countsM;
   std::unique_ptr<PLG::DataPlugIn> plugInM;
+  DAT::NumberPortability::PortabilityLookup* lookupM = nullptr;  // owned by plugInM
   bool startedM = false;
   bool shutDownM = false;
 };

@@ -1,5 +1,7 @@
 #include "host/startup/PluginLibrary.h"
 
+#include "plugin/PortabilityLookup.h"
+
 #include <dlfcn.h>
 
 #include <filesystem>
@@ -36,22 +38,35 @@ bool PluginLibrary::open(const Location& location) {
     errorM = "cannot load the plug-in library '" + location.path + "': " + (why ? why : "unknown reason");
     return false;
   }
+  void* const start = find(location.entryPoint);
+  if (start == nullptr) return false;
+  // A library without the lookup entry point is not one nphost can drive: it is refused
+  // before it makes an object.
+  void* const lookup = find(DAT::NumberPortability::PortabilityLookup::entryPointNameCM);
+  if (lookup == nullptr) return false;
+  entryPointM = reinterpret_cast<EntryPoint>(start);
+  lookupEntryPointM = reinterpret_cast<LookupEntryPoint>(lookup);
+  return true;
+}
+
+void* PluginLibrary::find(const std::string& name) {
   dlerror();
-  void* symbol = dlsym(handleM, location.entryPoint.c_str());
+  void* symbol = dlsym(handleM, name.c_str());
   if (symbol == nullptr) {
     const char* why = dlerror();
-    errorM = "the plug-in library '" + location.path + "' has no entry point '" + location.entryPoint +
-             "': " + (why ? why : "the symbol is null");
-    return false;
+    errorM = "the plug-in library '" + pathM + "' has no entry point '" + name + "': " + (why ? why : "the symbol is null");
   }
-  entryPointM = reinterpret_cast<EntryPoint>(symbol);
-  return true;
+  return symbol;
 }
 
 std::string PluginLibrary::directory() const { return std::filesystem::path(pathM).parent_path().string(); }
 
 PLG::DataPlugIn* PluginLibrary::create(const BAS::String& name) const {
   return entryPointM == nullptr ? nullptr : entryPointM(name);
+}
+
+DAT::NumberPortability::PortabilityLookup* PluginLibrary::lookup(PLG::DataPlugIn* plugIn) const {
+  return lookupEntryPointM == nullptr || plugIn == nullptr ? nullptr : lookupEntryPointM(plugIn);
 }
 
 }  // namespace Host

@@ -1,5 +1,6 @@
 // Host::PluginLibrary is one loaded plug-in library: where a registry's Library value leads,
-// the dlopen handle, and the entry point that makes the plug-in object. The library stays
+// the dlopen handle, the entry point that makes the plug-in object and the one that hands out
+// the object's lookup interface; nphost reaches the plug-in through nothing else. The library stays
 // loaded until this object ends, which must be after every object made from its code (the
 // plug-in, and the probe values and the worker thread that the framework releases).
 // One thread.
@@ -11,6 +12,9 @@
 
 namespace PLG {
 class DataPlugIn;
+}
+namespace DAT::NumberPortability {
+class PortabilityLookup;
 }
 
 namespace Host {
@@ -33,7 +37,7 @@ public:
   PluginLibrary(const PluginLibrary&) = delete;
   PluginLibrary& operator=(const PluginLibrary&) = delete;
 
-  // Loads the file and finds the entry point. False with error() saying which and why.
+  // Loads the file and finds both entry points. False with error() saying which and why.
   bool open(const Location& location);
   const std::string& error() const { return errorM; }
   // The directory of the loaded file; empty for the working directory.
@@ -42,12 +46,20 @@ public:
   // Calls the entry point with the instance name; the caller owns the object (null when the
   // entry point made none).
   PLG::DataPlugIn* create(const BAS::String& name) const;
+  // The lookup interface of an object that create() made; owned by that object, null when the
+  // library does not know the object.
+  DAT::NumberPortability::PortabilityLookup* lookup(PLG::DataPlugIn* plugIn) const;
 
 private:
   using EntryPoint = PLG::DataPlugIn* (*)(const BAS::String&);
+  using LookupEntryPoint = DAT::NumberPortability::PortabilityLookup* (*)(PLG::DataPlugIn*);
+
+  // Where the entry point `name` lives in the loaded file; null with errorM set when nowhere.
+  void* find(const std::string& name);
 
   void* handleM = nullptr;
   EntryPoint entryPointM = nullptr;
+  LookupEntryPoint lookupEntryPointM = nullptr;
   std::string pathM;
   std::string errorM;
 };

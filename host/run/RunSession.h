@@ -1,0 +1,36 @@
+// Host::RunSession is `nphost run`: it checks the input and output, starts the plug-in through
+// a HostSession, and enriches the event records (EventRecordPipeline) beside a control socket
+// (ControlServer) until the input ends or a signal (SignalWatcher) asks it to stop; then it
+// writes the summary. main runs it. One thread drives it; the pipeline and the control server
+// run threads of their own.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <iosfwd>
+
+namespace Host {
+
+class EventRecordPipeline;
+class HostSession;
+
+class RunSession {
+public:
+  // The session is not owned and must outlive this object.
+  explicit RunSession(HostSession& session) : sessionM(session) {}
+
+  // Records from the input option to the output option, a progress line on `err` while it is
+  // a terminal and a summary at the end. Returns the exit status; 1 also when the input cannot
+  // be read or the output cannot be written.
+  int run(std::ostream& err);
+
+private:
+  // Waits for the pipeline's end, drawing the progress line on `err` meanwhile if it is a
+  // terminal, its rate counted from `begin`; `inputSize` is 0 when the input's size is not known.
+  static void showProgress(EventRecordPipeline& pipeline, std::chrono::steady_clock::time_point begin,
+                           std::uintmax_t inputSize, std::ostream& err);
+
+  HostSession& sessionM;
+};
+
+}  // namespace Host

@@ -1,0 +1,30 @@
+#include "host/script/ScriptSession.h"
+
+#include "host/common/ExitStatus.h"
+#include "host/script/CommandInterpreter.h"
+#include "host/startup/HostSession.h"
+
+#include <iostream>
+#include <string>
+
+namespace Host {
+
+int ScriptSession::run(std::istream& in, std::ostream& out, std::ostream& err) {
+  if (const int status = sessionM.start(err); status != ExitStatus::doneCM) return status;
+
+  const bool valid = sessionM.isValid();
+  out << "construct valid=" << (valid ? "true" : "false") << std::endl;
+  if (!valid) return sessionM.refuseInvalid(err);
+  out << "init result=" << (sessionM.init() ? "true" : "false") << std::endl;
+
+  CommandInterpreter interpreter(sessionM.plugIn(), sessionM.lookup(), sessionM.counts());
+  std::string line;
+  while (std::getline(in, line)) {
+    if (const auto answer = interpreter.execute(line)) out << *answer << std::endl;
+    if (interpreter.isShutDown()) sessionM.noteShutDown();
+  }
+  sessionM.finish();
+  return ExitStatus::doneCM;
+}
+
+}  // namespace Host
