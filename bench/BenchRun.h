@@ -131,7 +131,7 @@ private:
   double reloadSecondsM = 0;
   LatencyHistogram idleM;
   LatencyHistogram duringReloadM;
-  bool reloadsOkM = true;
+  bool reloadsOkM = true;  // set by measureLatency's reload thread, read only after it is joined
   std::chrono::milliseconds idleWindowM{0};
   bool deltaLoadedM = false;
   double deltaSecondsM = 0;
