@@ -4,9 +4,17 @@
 // owns, so building places them close together and emptying the tree is two arena resets
 // (plus one pass over the nodes when payloads must be released one by one). No locks:
 // searches and dumps may run concurrently, insert and destroy must run alone.
+//
+// This header holds the trie itself: nodes, memory and the single-key walks. The batched walks
+// live in PtrTreeBatchWalk.h, the key-order walks and the dump's pieces in PtrTreeKeyOrderWalk.h
+// and PtrTreeWalker.h; the members here that belong to them only hand the work over.
 #pragma once
 
+#include "store/PtrTreeBatchWalk.h"
+#include "store/PtrTreeDigits.h"
+#include "store/PtrTreeKeyOrderWalk.h"
 #include "store/PtrTreeNode.h"
+#include "store/PtrTreeWalker.h"
 #include "store/SlabArena.h"
 
 #include "BAS/String.h"
@@ -17,7 +25,6 @@
 #include <iosfwd>
 #include <memory>
 #include <new>
-#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -39,18 +46,13 @@ class PtrTree {
 public:
   using Node = PtrTreeNode<T>;
 
-  // Digit value of a character code taken as unsigned byte; -1 for codes that are no digit.
-  static constexpr std::array<int, 256> DIGIT_INDEX = [] {
-    std::array<int, 256> index{};
-    index.fill(-1);
-    for (int c = '0'; c <= '9'; ++c) index[static_cast<std::size_t>(c)] = c - '0';
-    for (int c = 'A'; c <= 'F'; ++c) index[static_cast<std::size_t>(c)] = c - 'A' + 10;
-    for (int c = 'a'; c <= 'f'; ++c) index[static_cast<std::size_t>(c)] = c - 'a' + 10;
-    return index;
-  }();
-  // Digit value to the character printed in keys; hexadecimal digits print in upper case.
-  static constexpr std::array<char, 16> CHAR_INDEX = {'0', '1', '2', '3', '4', '5', '6', '7',
-                                                      '8', '9', 'A', 'B', 'C', 'D', 'E', 'F'};
+  // Walks one piece of pieces() in key order, a node per step (PtrTreeWalker.h).
+  using Walker = PtrTreeWalker<T>;
+  using Piece = typename Walker::Piece;
+
+  // The tables of PtrTreeDigits, which the trie's walks share.
+  static constexpr std::array<int, 256> DIGIT_INDEX = PtrTreeDigits::DIGIT_INDEX;
+  static constexpr std::array<char, 16> CHAR_INDEX = PtrTreeDigits::CHAR_INDEX;
 
   // Radix 10 reads decimal digits; any other radix reads hexadecimal digits of either case and
   // is held as 16, so that every digit read has a slot.
@@ -84,36 +86,7 @@ public:
   // following one another. Keys may share paths or be equal. Out of memory propagates; what
   // was linked in before stays.
   void payloadSlots(const std::string_view* keys, std::size_t count, T** slots[]) {
-    if (rootM == nullptr) createRoot();
-    BatchWalk<Node*> walks[maxBatchCM];
-    for (std::size_t first = 0; first < count; first += maxBatchCM) {
-      const std::size_t batch = std::min(count - first, maxBatchCM);
-      for (std::size_t i = 0; i < batch; ++i) walks[i] = BatchWalk<Node*>(rootM, keys[first + i]);
-      std::size_t open = batch;
-      while (open != 0) {
-        open = 0;
-        // Each walk takes its next digit and asks for the slot it will read.
-        for (std::size_t i = 0; i < batch; ++i) {
-          auto& walk = walks[i];
-          if (!takeDigit(walk)) continue;
-          ++open;
-          walk.digitRead = true;
-          Node* const node = walk.node;
-          if (node->childrenM == nullptr) node->childrenM = newSlots();
-          __builtin_prefetch(node->childrenM + walk.digit);
-        }
-        // Each walk follows its slot, creating the child where missing, and asks for the child.
-        for (std::size_t i = 0; i < batch; ++i) {
-          auto& walk = walks[i];
-          if (walk.digit < 0) continue;
-          Node*& slot = walk.node->childrenM[walk.digit];
-          if (slot == nullptr) slot = newNode();
-          walk.node = slot;
-          __builtin_prefetch(slot);
-        }
-      }
-      for (std::size_t i = 0; i < batch; ++i) slots[first + i] = walks[i].digitRead ? &walks[i].node->dataM : nullptr;
-    }
+    PtrTreeBatchWalk<T, Release>::payloadSlots(*this, keys, count, slots);
   }
 
   // exact true: the payload stored for exactly `key`. exact false: the payload of the shortest
@@ -162,44 +135,7 @@ public:
   // level instead of one per level and key.
   template <class Visitor>
   void searchMany(const std::string_view* keys, std::size_t count, Visitor&& visit) const {
-    if (rootM == nullptr) return;
-    // A walk's node is null once the walk ended.
-    BatchWalk<const Node*> walks[maxBatchCM];
-    for (std::size_t first = 0; first < count; first += maxBatchCM) {
-      const std::size_t batch = std::min(count - first, maxBatchCM);
-      for (std::size_t i = 0; i < batch; ++i) walks[i] = BatchWalk<const Node*>(rootM, keys[first + i]);
-      std::size_t open = batch;
-      while (open != 0) {
-        for (std::size_t i = 0; i < batch; ++i) {
-          auto& walk = walks[i];
-          if (walk.node == nullptr) continue;
-          if (!takeDigit(walk)) {
-            if (walk.digitRead && walk.node->dataM != nullptr) visit(first + i, walk.node->dataM, true);
-            walk.node = nullptr;
-            --open;
-            continue;
-          }
-          if (walk.node->dataM != nullptr) visit(first + i, walk.node->dataM, false);
-          if (walk.node->childrenM == nullptr) {
-            walk.node = nullptr;
-            --open;
-            continue;
-          }
-          __builtin_prefetch(walk.node->childrenM + walk.digit);
-        }
-        for (std::size_t i = 0; i < batch; ++i) {
-          auto& walk = walks[i];
-          if (walk.node == nullptr) continue;
-          walk.node = walk.node->childrenM[walk.digit];
-          if (walk.node == nullptr) {
-            --open;
-            continue;
-          }
-          walk.digitRead = true;
-          __builtin_prefetch(walk.node);
-        }
-      }
-    }
+    PtrTreeBatchWalk<T, Release>::searchMany(*this, keys, count, std::forward<Visitor>(visit));
   }
 
   // Whether `key` has a character that this tree reads as a digit.
@@ -233,135 +169,16 @@ public:
   // during the call only.
   template <class Visitor>
   void forEach(Visitor&& visit) const {
-    if (rootM == nullptr) return;
-    // The key of the node being visited, and the nodes above it; the slot to continue with in
-    // a parent follows from the last character of the key.
-    BAS::String path;
-    std::string& pathText = path.mutableStr();
-    std::vector<const Node*> parents;
-    const Node* node = rootM;
-    int slot = 0;
-    for (;;) {
-      if (slot == 0) prefetchChildren(node);
-      while (slot < radixM && node->child(slot) == nullptr) ++slot;
-      if (slot < radixM) {
-        if (pathText.size() == pathText.capacity()) {
-          // Telephone numbers need a step or two of ten characters. Keys far deeper than any
-          // number grow by their own length, so a pathological key is not copied over and over.
-          const std::size_t step = pathText.size() < deepPathCM ? pathStepCM : pathText.size();
-          pathText.reserve(pathText.size() + step);
-        }
-        parents.push_back(node);
-        pathText.push_back(CHAR_INDEX[static_cast<std::size_t>(slot)]);
-        node = node->child(slot);
-        slot = 0;
-        if (node->dataM != nullptr) visit(static_cast<const BAS::String&>(path), static_cast<const T&>(*node->dataM));
-        continue;
-      }
-      if (parents.empty()) return;
-      slot = DIGIT_INDEX[static_cast<unsigned char>(pathText.back())] + 1;
-      pathText.pop_back();
-      node = parents.back();
-      parents.pop_back();
-    }
+    PtrTreeKeyOrderWalk<T, Release>::forEach(*this, std::forward<Visitor>(visit));
   }
-
-  // A part of the trie for a walk in key order: the subtree under `node` (the node's own payload
-  // included), or with `ownOnly` the node's payload alone. `key` is the node's key.
-  struct Piece {
-    const Node* node;
-    std::string key;
-    bool ownOnly;
-  };
 
   // Cuts the trie into pieces that, walked one after the other, visit the payloads in the
   // order of forEach: at least `least` of them where the trie has that many nodes within
   // `deepest` levels, cutting one level deeper at a time. The root's payload is left out, as
   // forEach leaves it out.
   std::vector<Piece> pieces(std::size_t least, std::size_t deepest) const {
-    std::vector<Piece> cut;
-    if (rootM == nullptr) return cut;
-    appendChildPieces(*rootM, std::string(), cut);
-    for (std::size_t depth = 1; depth < deepest && cut.size() < least; ++depth) {
-      std::vector<Piece> next;
-      next.reserve(cut.size() * 4);
-      bool deeper = false;
-      for (Piece& piece : cut) {
-        if (piece.ownOnly || piece.node->childrenM == nullptr) {
-          next.push_back(std::move(piece));
-          continue;
-        }
-        deeper = true;
-        if (piece.node->dataM != nullptr) next.push_back(Piece{piece.node, piece.key, true});
-        appendChildPieces(*piece.node, piece.key, next);
-      }
-      cut = std::move(next);
-      if (!deeper) break;
-    }
-    return cut;
+    return PtrTreeKeyOrderWalk<T, Release>::pieces(*this, least, deepest);
   }
-
-  // Walks one piece in key order a node per step, asking the processor for what the next step
-  // will read before returning; a dump that runs several walkers in turn overlaps their cache
-  // misses. Holds the key of the node last visited. Reusable: start() begins a new piece.
-  class Walker {
-  public:
-    void start(const Piece& piece) {
-      frames.clear();
-      key.assign(piece.key);
-      pending = piece.node;
-      ownOnly = piece.ownOnly;
-      __builtin_prefetch(pending);
-    }
-
-    // One step: false when the piece is done. Otherwise `payload` is the payload of the node
-    // that this step visited, null when it has none or the step only moved between nodes.
-    bool step(const T*& payload, int radix) {
-      payload = nullptr;
-      if (pending != nullptr) {
-        const Node* const node = std::exchange(pending, nullptr);
-        payload = node->dataM;
-        // A leaf gets a frame too, so that every frame but the first stands for one key character.
-        Node* const* const slots = ownOnly ? nullptr : node->childrenM;
-        if (slots != nullptr) {
-          // Ten slots span two cache lines more often than not.
-          __builtin_prefetch(slots);
-          __builtin_prefetch(slots + radix - 1);
-        }
-        frames.push_back(Frame{slots, 0});
-        return true;
-      }
-      while (!frames.empty()) {
-        Frame& frame = frames.back();
-        if (frame.slots != nullptr) {
-          while (frame.slot < radix && frame.slots[frame.slot] == nullptr) ++frame.slot;
-          if (frame.slot < radix) {
-            pending = frame.slots[frame.slot];
-            key.push_back(CHAR_INDEX[static_cast<std::size_t>(frame.slot)]);
-            ++frame.slot;
-            __builtin_prefetch(pending);
-            return true;
-          }
-        }
-        frames.pop_back();
-        if (!frames.empty()) key.pop_back();
-      }
-      return false;
-    }
-
-    // The key of the node that the last step visited.
-    const std::string& currentKey() const noexcept { return key; }
-
-  private:
-    struct Frame {
-      Node* const* slots;  // null for a node without children
-      int slot;            // the next slot to look at
-    };
-    std::vector<Frame> frames;
-    std::string key;
-    const Node* pending = nullptr;  // visited by the next step
-    bool ownOnly = false;
-  };
 
   // Number of nodes, the root included; 0 after destroy. Every node handed out is linked in.
   std::size_t nodeCount() const noexcept { return nodesM.usedBytes() / sizeof(Node); }
@@ -369,70 +186,13 @@ public:
   std::size_t reservedBytes() const noexcept { return nodesM.reservedBytes() + slotsM.reservedBytes(); }
 
 private:
+  friend class PtrTreeBatchWalk<T, Release>;
+  friend class PtrTreeKeyOrderWalk<T, Release>;
+
   static constexpr std::size_t slotSlabBytes(int radix) noexcept {
     // A whole number of slot arrays per slab, so that no slab ends in an unusable tail.
     const std::size_t arrayBytes = static_cast<std::size_t>(radix) * sizeof(Node*);
     return SlabArena::defaultSlabBytesCM / arrayBytes * arrayBytes;
-  }
-
-  static constexpr std::size_t maxBatchCM = 32;
-
-  // One key's walk in a batch of walks that advance together.
-  template <class NodePointer>
-  struct BatchWalk {
-    BatchWalk() = default;
-    BatchWalk(NodePointer root, std::string_view key) noexcept
-        : node(root), next(key.data()), end(key.data() + key.size()) {}
-
-    NodePointer node = nullptr;
-    const char* next = nullptr;  // the rest of the key
-    const char* end = nullptr;
-    int digit = -1;  // the digit being followed, -1 once the key is read to its end
-    bool digitRead = false;
-  };
-
-  // Moves `walk` on to the next digit of its key; false when the key is read to its end.
-  template <class Walk>
-  bool takeDigit(Walk& walk) const noexcept {
-    walk.digit = -1;
-    while (walk.next != walk.end && (walk.digit = digitValue(*walk.next++)) < 0) {
-    }
-    return walk.digit >= 0;
-  }
-
-  // The dump visits a node's children one after the other, and nodes lie in the order they were
-  // created, not in key order; so before the first child is visited, all children, then their
-  // slot arrays and payloads, then the grandchildren are requested, each round for all children
-  // at once, and the cache misses of the siblings overlap.
-  void prefetchChildren(const Node* node) const noexcept {
-    Node* const* const slots = node->childrenM;
-    if (slots == nullptr) return;
-    for (int slot = 0; slot < radixM; ++slot) {
-      if (slots[slot] != nullptr) __builtin_prefetch(slots[slot]);
-    }
-    for (int slot = 0; slot < radixM; ++slot) {
-      if (const Node* const child = slots[slot]) {
-        if (child->childrenM != nullptr) __builtin_prefetch(child->childrenM);
-        if (child->dataM != nullptr) __builtin_prefetch(child->dataM);
-      }
-    }
-    // One level further, so that the grandchildren are on their way while the children are visited.
-    for (int slot = 0; slot < radixM; ++slot) {
-      const Node* const child = slots[slot];
-      if (child == nullptr || child->childrenM == nullptr) continue;
-      for (int below = 0; below < radixM; ++below) {
-        if (child->childrenM[below] != nullptr) __builtin_prefetch(child->childrenM[below]);
-      }
-    }
-  }
-
-  void appendChildPieces(const Node& node, const std::string& key, std::vector<Piece>& out) const {
-    if (node.childrenM == nullptr) return;
-    for (int slot = 0; slot < radixM; ++slot) {
-      if (const Node* const child = node.childrenM[slot]) {
-        out.push_back(Piece{child, key + CHAR_INDEX[static_cast<std::size_t>(slot)], false});
-      }
-    }
   }
 
   Node* newNode() { return ::new (nodesM.allocate(sizeof(Node))) Node(); }
@@ -472,14 +232,9 @@ private:
       });
     }
   }
-  static constexpr std::size_t pathStepCM = 10;
-  static constexpr std::size_t deepPathCM = 100;
 
   // The slot for character `c`, or -1 when this tree does not read it as a digit.
-  int digitValue(char c) const noexcept {
-    const int value = DIGIT_INDEX[static_cast<unsigned char>(c)];
-    return value < radixM ? value : -1;
-  }
+  int digitValue(char c) const noexcept { return PtrTreeDigits::value(c, radixM); }
 
   int radixM;
   SlabArena nodesM;          // every node of the tree, nothing else

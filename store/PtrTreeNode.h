@@ -1,7 +1,7 @@
 // One node of the digit trie PBC::PtrTree: its slot array (one child per digit value, in a
-// separate block that only inner nodes have) and its payload. Only PtrTree creates, links and
-// fills nodes, in memory that the tree owns; anyone may read them. No synchronisation: reads
-// may run concurrently, changes must run alone.
+// separate block that only inner nodes have) and its payload. Only PtrTree and its walks create,
+// link and fill nodes, in memory that the tree owns; anyone may read them. No synchronisation:
+// reads may run concurrently, changes must run alone.
 //
 // No virtual table and no fan-out: every node of a tree has the tree's radix as its fan-out,
 // and nodes are taken apart with their tree's memory, never one by one. That keeps a node at
@@ -12,6 +12,12 @@ namespace PBC {
 
 template <class T, class Release>
 class PtrTree;
+template <class T, class Release>
+class PtrTreeBatchWalk;
+template <class T, class Release>
+class PtrTreeKeyOrderWalk;
+template <class T>
+class PtrTreeWalker;
 
 template <class T>
 class PtrTreeNode {
@@ -24,8 +30,15 @@ public:
   bool hasChildren() const noexcept { return childrenM != nullptr; }
 
 private:
+  // The trie and its walks, which read and link nodes on the hot paths without accessors.
   template <class, class>
   friend class PtrTree;
+  template <class, class>
+  friend class PtrTreeBatchWalk;
+  template <class, class>
+  friend class PtrTreeKeyOrderWalk;
+  template <class>
+  friend class PtrTreeWalker;
 
   PtrTreeNode() noexcept = default;
 

@@ -1,0 +1,88 @@
+// A step-at-a-time walk of one piece of the digit trie PBC::PtrTree in key order, and the
+// piece it walks. The portability tree's dump runs several walkers in turn, each asking the
+// processor for what its next step will read before the turn passes, so that their cache
+// misses overlap; PtrTree cuts the pieces (PtrTreeKeyOrderWalk::pieces). A walker belongs to
+// one thread; the trie must not change while it walks.
+#pragma once
+
+#include "store/PtrTreeDigits.h"
+#include "store/PtrTreeNode.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace PBC {
+
+template <class T>
+class PtrTreeWalker {
+public:
+  using Node = PtrTreeNode<T>;
+
+  // A part of the trie for a walk in key order: the subtree under `node` (the node's own payload
+  // included), or with `ownOnly` the node's payload alone. `key` is the node's key.
+  struct Piece {
+    const Node* node;
+    std::string key;
+    bool ownOnly;
+  };
+
+  // Begins a new piece; whatever the walker walked before is forgotten.
+  void start(const Piece& piece) {
+    framesM.clear();
+    keyM.assign(piece.key);
+    pendingM = piece.node;
+    ownOnlyM = piece.ownOnly;
+    __builtin_prefetch(pendingM);
+  }
+
+  // One step: false when the piece is done. Otherwise `payload` is the payload of the node
+  // that this step visited, null when it has none or the step only moved between nodes.
+  bool step(const T*& payload, int radix) {
+    payload = nullptr;
+    if (pendingM != nullptr) {
+      const Node* const node = std::exchange(pendingM, nullptr);
+      payload = node->dataM;
+      // A leaf gets a frame too, so that every frame but the first stands for one key character.
+      Node* const* const slots = ownOnlyM ? nullptr : node->childrenM;
+      if (slots != nullptr) {
+        // Ten slots span two cache lines more often than not.
+        __builtin_prefetch(slots);
+        __builtin_prefetch(slots + radix - 1);
+      }
+      framesM.push_back(Frame{slots, 0});
+      return true;
+    }
+    while (!framesM.empty()) {
+      Frame& frame = framesM.back();
+      if (frame.slots != nullptr) {
+        while (frame.slot < radix && frame.slots[frame.slot] == nullptr) ++frame.slot;
+        if (frame.slot < radix) {
+          pendingM = frame.slots[frame.slot];
+          keyM.push_back(PtrTreeDigits::character(frame.slot));
+          ++frame.slot;
+          __builtin_prefetch(pendingM);
+          return true;
+        }
+      }
+      framesM.pop_back();
+      if (!framesM.empty()) keyM.pop_back();
+    }
+    return false;
+  }
+
+  // The key of the node that the last step visited.
+  const std::string& currentKey() const noexcept { return keyM; }
+
+private:
+  struct Frame {
+    Node* const* slots;  // null for a node without children
+    int slot;            // the next slot to look at
+  };
+  std::vector<Frame> framesM;
+  std::string keyM;
+  const Node* pendingM = nullptr;  // visited by the next step
+  bool ownOnlyM = false;
+};
+
+}  // namespace PBC
