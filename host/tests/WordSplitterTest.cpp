@@ -13,6 +13,7 @@ TEST(WordSplitter, SplitsCommandLinesIntoWordsOrRefusesThem) {
       {"search 004930123456 20240101000000", Words{"search", "004930123456", "20240101000000"}},
       {" \t usable \t\r", Words{"usable"}},
       {"", Words{}},
+      {std::string_view("\x01\xff\0 a", 5), Words{std::string("\x01\xff\0", 3), "a"}},
       {"   ", Words{}},
       // Quotes group blanks and may be empty; quoted and unquoted parts that touch are one word.
       {R"(update "PrintData=out file.txt" Reload)", Words{"update", "PrintData=out file.txt", "Reload"}},
