@@ -4,7 +4,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,7 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -62,19 +60,12 @@ protected:
   fs::path folderM;
 };
 
-// The entries of a JSON Lines log whose identifier is one of `ids`, without time and text.
-inline nlohmann::json jsonLog(const fs::path& file, const Lines& ids) {
-  nlohmann::json entries = nlohmann::json::array();
-  std::ifstream log(file);
-  for (std::string line; std::getline(log, line);) {
-    nlohmann::json entry = nlohmann::json::parse(line, nullptr, false);
-    EXPECT_TRUE(entry.is_object()) << line;
-    if (!entry.is_object() || std::find(ids.begin(), ids.end(), entry.value("id", "")) == ids.end()) continue;
-    entry.erase("time");
-    entry.erase("text");
-    entries.push_back(entry);
-  }
-  return entries;
+// The lines of a file.
+inline Lines linesOf(const fs::path& file) {
+  Lines lines;
+  std::ifstream in(file);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 
 // Writes all of `text`, unless the reader has gone; its exit status then tells the test why.
@@ -174,14 +165,20 @@ inline sockaddr_un socketAddress(const fs::path& path) {
   return where;
 }
 
+// A raw client of a control socket; it retries for half a minute while the program starts.
 class SocketClient {
 public:
-  explicit SocketClient(const fs::path& path) : descriptorM(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit SocketClient(const fs::path& path) {
     const sockaddr_un where = socketAddress(path);
-    connectedM = connect(descriptorM, reinterpret_cast<const sockaddr*>(&where), sizeof(where)) == 0;
+    for (int i = 0; i < 1500 && descriptorM < 0; ++i) {
+      descriptorM = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      if (connect(descriptorM, reinterpret_cast<const sockaddr*>(&where), sizeof(where)) == 0) break;
+      close(std::exchange(descriptorM, -1));
+      usleep(20'000);
+    }
   }
   ~SocketClient() { close(descriptorM); }
-  bool connected() const { return connectedM; }
+  bool connected() const { return descriptorM >= 0; }
   void send(const std::string& bytes) const { writeAll(descriptorM, bytes); }
   std::string readLine() { return nextLine(descriptorM, bufferM); }
   std::string ask(const std::string& line) {
@@ -190,18 +187,8 @@ public:
   }
 
 private:
-  int descriptorM;
-  bool connectedM = false;
+  int descriptorM = -1;
   std::string bufferM;
 };
-
-// Waits until the control socket at `path` answers, so that a test does not race the start.
-inline bool controlReady(const fs::path& path) {
-  for (int i = 0; i < 1500; ++i) {
-    if (SocketClient(path).connected()) return true;
-    usleep(20'000);
-  }
-  return false;
-}
 
 }  // namespace NphostTest

@@ -2,14 +2,13 @@
 // signals, and the control socket, by `nphost ctl` and by a raw socket client.
 #include "NphostProcess.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
 
 #include <memory>
 #include <regex>
-#include <sstream>
 
 namespace {
 
@@ -17,6 +16,7 @@ namespace fs = std::filesystem;
 using NphostTest::Lines;
 using NphostTest::Nphost;
 using NphostTest::SocketClient;
+using testing::HasSubstr;
 
 // A number, a date-time and the operator that the data file gives for them.
 const char* const casesCM[][3] = {
@@ -58,49 +58,44 @@ protected:
 
 TEST_F(RunMode, KeepsInputOrderWhateverTheThreadCountAndEndsWhenTheReaderGoesAway) {
   constexpr std::size_t count = 60'000;  // many batches, so that the workers finish out of order
-  std::string input;
-  for (std::size_t i = 0; i < count; ++i) input += eventLine(i) + "\n";
+  std::string input, output;
+  for (std::size_t i = 0; i < count; ++i) input += eventLine(i) + "\n", output += enriched(i) + "\n";
   writeFile("events.txt", input);
   for (const char* threads : {"1", "4"}) {
     Nphost nphost(folderM, {"run", "reg.toml", "--input", "events.txt", "--output", "out.txt", "--threads", threads});
     ASSERT_EQ(nphost.finish(), 0) << nphost.errors();
     EXPECT_TRUE(nphost.rest().empty()) << "records go to the output file only";
     EXPECT_EQ(summaryOf(nphost.errors()), summaryOfCases(count)) << nphost.errors();
-    std::istringstream lines(readFile("out.txt"));
-    std::size_t i = 0;
-    for (std::string line; std::getline(lines, line); ++i) ASSERT_EQ(line, enriched(i)) << threads << " line " << i + 1;
-    EXPECT_EQ(i, count);
+    EXPECT_TRUE(readFile("out.txt") == output) << threads << " threads: not the records in input order";
   }
   // A reader that goes away: the write fails with EPIPE and the run says so.
   Nphost gone(folderM, {"run", "reg.toml", "--input", "events.txt"});
   EXPECT_EQ(gone.readLine(), enriched(0));
   EXPECT_EQ(gone.abandonOutput(), 1);
-  EXPECT_NE(gone.errors().find("nphost: cannot write the standard output: Broken pipe.\n"), std::string::npos)
-      << gone.errors();
+  EXPECT_THAT(gone.errors(), HasSubstr("nphost: cannot write the standard output: Broken pipe.\n"));
 }
 
 // One run with a control socket: records flow through a pipe that stays open, rejected lines pass
 // through, the socket answers raw clients and `nphost ctl`, a delta load changes the records
 // enriched after it, and connections beyond the bound are refused.
 TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
-  {  // a socket file whose process has gone (bound, never unlinked) is taken over
-    const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
-    const sockaddr_un where = NphostTest::socketAddress(folderM / "np.sock");
-    ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr*>(&where), sizeof(where)), 0);
-    close(stale);
-  }
+  // A socket file whose process has gone (bound, never unlinked) is taken over.
+  const int stale = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un where = NphostTest::socketAddress(folderM / "np.sock");
+  ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr*>(&where), sizeof where), 0);
+  close(stale);
   writeFile("delta.txt", "030123456  20240601000000  NEW\n0033123456  20000101000000  FRA\n");
   Nphost nphost(folderM, {"run", "reg.toml", "--control", "np.sock", "--threads", "2", "--log", "log.json",
                           "--log-format", "json"});
-  ASSERT_TRUE(NphostTest::controlReady(folderM / "np.sock")) << nphost.errors();
+  SocketClient client(folderM / "np.sock");
+  ASSERT_TRUE(client.connected()) << nphost.errors();
   struct stat status {};
   ASSERT_EQ(lstat((folderM / "np.sock").c_str(), &status), 0);
   EXPECT_TRUE(S_ISSOCK(status.st_mode));
   EXPECT_EQ(status.st_mode & 0777, 0600u);
   Nphost second(folderM, {"run", "reg.toml", "--control", "np.sock"}, "second-stderr.txt");
   EXPECT_EQ(second.finish(), 1);
-  EXPECT_NE(second.errors().find("nphost: another process is listening on the control socket 'np.sock'."),
-            std::string::npos) << second.errors();
+  EXPECT_THAT(second.errors(), HasSubstr("nphost: another process is listening on the control socket 'np.sock'."));
 
   // Answers come without the end of the input; rejected records pass with an empty operator.
   const auto expectRecords = [&](const std::string& input, const Lines& output) {
@@ -114,12 +109,8 @@ TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
                  "004930123456|20240101000000;", "004930123456;20241301000000;", "004930123456;20210101000000;OPA\r",
                  "0033123456;20250101000000;2;"});
 
-  SocketClient client(folderM / "np.sock");
   const std::pair<std::string, std::string> exchanges[] = {
-      {"search 004930123456 20240101000000", "found OPB 20230301000000"},
-      {"usable", "usable true"},
       {std::string("\x01\xff\x00zz", 5), std::string("error unknown command \x01\xff\x00zz", 27)},
-      {"update \"PrintData=x", "error malformed quoting"},
       {"sleep 1", "error sleep is not available on the control socket"},
       {"shutdown", "error shutdown is not available on the control socket"},
       {"update PrintData=", "error printing to standard output is not available on the control socket; name a file"},
@@ -139,12 +130,10 @@ TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
       {{"update", "AdditionalNumPortData=delta.txt"}, 0, "update result=true taken=true"},
       {{"await", "INF_NUM_NPORT_ADDED"}, 0, "await INF_NUM_NPORT_ADDED ok"},
       {{"search", "004930123456", "20250101000000"}, 0, "found NEW 20240601000000"},
-      {{"search", "004930123456", "20210101000000"}, 0, "found OPA 20200101000000"},
       // Quoted on the way, so the blank and the quote stay inside one word each.
       {{"frob", "a b", "\"q"}, 1, "error unknown command frob"},
       {{"search", "0049 30123456", "20210101000000"}, 0, "found OPA 20200101000000"},
       {{"#search"}, 1, "error unknown command #search"},
-      {{"search", "004930123456"}, 1, "error usage: search NUMBER DATETIME"},
       {{"probe", "deltaLoad", "no such file.txt"}, 0, "probe deltaLoad result=true"},
   };
   for (const auto& [words, code, answer] : commands) EXPECT_EQ(ctl(words), std::make_pair(code, answer)) << words[0];
@@ -152,11 +141,10 @@ TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
   expectRecords("004930123456;20250101000000;1\n0033123456;20250101000000;2\n",
                 {"004930123456;20250101000000;1;NEW", "0033123456;20250101000000;2;FRA"});
 
-  // With the raw client above, sixteen connections: the bound.
-  std::vector<std::unique_ptr<SocketClient>> clients;
+  std::vector<std::unique_ptr<SocketClient>> clients;  // with the raw client above, sixteen: the bound
   for (int i = 0; i < 15; ++i) {
     clients.push_back(std::make_unique<SocketClient>(folderM / "np.sock"));
-    ASSERT_EQ(clients.back()->ask("usable"), "usable true") << i;  // taken, and the readiness probe's gone
+    ASSERT_EQ(clients.back()->ask("usable"), "usable true") << i;  // taken
     clients.back()->send("sea");                                     // a partial line that never ends
   }
   SocketClient extra(folderM / "np.sock");
@@ -175,13 +163,12 @@ TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
   EXPECT_EQ(ctl({"usable"}), std::make_pair(1, std::string("nphost: cannot reach the control socket 'np.sock': "
                                                            "No such file or directory.\n")));
   // Each rejected record is reported once, with its line number.
-  EXPECT_EQ(NphostTest::jsonLog(folderM / "log.json", {"ERR_EVENT_RECORD_FIELDS", "ERR_EVENT_RECORD_DATETIME"}),
-            nlohmann::json::parse(R"([
-  {"kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_FIELDS","severity":2,"args":["2","-",""]},
-  {"kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_FIELDS","severity":2,"args":["3","-","just-one-field"]},
-  {"kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_DATETIME","severity":2,"args":["4","-","2024-01-01"]},
-  {"kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_FIELDS","severity":2,"args":["5","-","004930123456|20240101000000"]},
-  {"kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_DATETIME","severity":2,"args":["6","-","20241301000000"]}])"));
+  const Lines log = NphostTest::linesOf(folderM / "log.json");
+  for (const char* entry : {R"(FIELDS","severity":2,"args":["2","-",""])", R"(FIELDS","severity":2,"args":["3","-","just-one-field"])",
+                            R"(DATETIME","severity":2,"args":["4","-","2024-01-01"])", R"(DATETIME","severity":2,"args":["6","-","20241301000000"])",
+                            R"(FIELDS","severity":2,"args":["5","-","004930123456|20240101000000"])"})
+    EXPECT_THAT(log, testing::Contains(HasSubstr(R"("kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_)" + std::string(entry))).Times(1));
+  EXPECT_THAT(log, testing::Contains(HasSubstr("ERR_EVENT_RECORD_")).Times(5));
 }
 
 TEST_F(RunMode, TerminationSignalsEndCleanlyWithEveryReadRecordWritten) {
@@ -212,11 +199,9 @@ TEST_F(RunMode, ExamplesRunOnACopyOfTheData) {
   Nphost demo(folderM, {"script", "examples/registry.toml"});
   demo.write(readFile("examples/demo.script"));
   EXPECT_EQ(demo.finish(), 0) << demo.errors();
-  const std::string answers = testing::PrintToString(demo.rest());
-  for (const char* failure : {"\"error", "timeout", "=false"}) EXPECT_EQ(answers.find(failure), std::string::npos) << answers;
-  EXPECT_NE(answers.find("\"found D001 20000101000000\""), std::string::npos) << answers;
-  EXPECT_NE(answers.find("\"found D052 20240301000000\""), std::string::npos) << answers;
-  EXPECT_NE(readFile("examples/np_data.txt").find("004930555000"), std::string::npos);
+  EXPECT_THAT(demo.rest(), testing::Each(testing::Not(testing::ContainsRegex("^error|timeout|=false"))));
+  EXPECT_THAT(demo.rest(), testing::IsSupersetOf({"found D001 20000101000000", "found D052 20240301000000"}));
+  EXPECT_THAT(readFile("examples/np_data.txt"), HasSubstr("004930555000"));
 }
 
 }  // namespace
