@@ -17,8 +17,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 extern char** environ;
 
@@ -145,8 +143,6 @@ public:
     return WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status) == SIGKILL ? -1 : 128 + WTERMSIG(status);
   }
   void signal(int number) const { kill(pidM, number); }
-  int inputDescriptor() const { return inM; }
-  int outputDescriptor() const { return outM; }
   const Lines& rest() const { return restM; }
   std::string errors() const { return readText(errorsM); }
 

@@ -13,6 +13,7 @@ using NphostTest::Lines;
 using NphostTest::Nphost;
 using NphostTest::registry;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::Eq;
 using testing::HasSubstr;
@@ -36,7 +37,7 @@ TEST_F(NphostProgram, ScriptAnswersEachCommandWithOneLineAndChangesTheDataAsAske
   expectAnswers(nphost, {
       {"search 004930123456 20210101000000", "found OPA 20200101000000"},
       {"search\t00491519999999  20210101000000\r", "found BLK 20000101000000"},
-      {"search 0033123456 20240101000000", "not-found"}, {"usable", "usable true"},
+      {"search 0033123456 20240101000000", "not-found"}, {"usable \t", "usable true"},
       {"await INF_NUM_NPORT_LOADED", "await INF_NUM_NPORT_LOADED ok"},
       {"await NEVER_WRITTEN 1 20", "await NEVER_WRITTEN timeout"}, {"sleep 1", "sleep 1"},
       // The rejected data line is reported once for each of the two trees.
@@ -54,7 +55,10 @@ TEST_F(NphostProgram, ScriptAnswersEachCommandWithOneLineAndChangesTheDataAsAske
       {"\"", "error malformed quoting"}, {"update \"PrintData=x", "error malformed quoting"},
       {"update", usage + "update KEY=VALUE ..."}, {"update \"\"=x", "error empty key in update"},
       {"update ==", "error empty key in update"}, {"probe", usage + "probe NAME [VALUE]"},
-      {"probe a b c", usage + "probe NAME [VALUE]"}, {"probe nosuchprobe 1", "error unknown probe nosuchprobe"},
+      {"probe a b c", usage + "probe NAME [VALUE]"}, {R"(probe "" "" "")", usage + "probe NAME [VALUE]"},
+      // Quotes group blanks, join touching parts and take \" and \\ inside; outside, a backslash is plain.
+      {R"(probe "no such"probe)", "error unknown probe no suchprobe"}, {R"(probe a\"b")", R"(error unknown probe a\b)"},
+      {R"(probe "say \"hi\" \\ \n")", R"(error unknown probe say "hi" \ \n)"}, {R"(probe "x\")", "error malformed quoting"},
       {"await", usage + "await ID [COUNT [TIMEOUT_MS]]"}, {"await X 18446744073709551615 0", "await X timeout"},
       {"await X 99999999999999999999", "error COUNT" + whole}, {"await X many", "error COUNT" + whole},
       {"await X 1 86400001", "error TIMEOUT_MS" + whole + ms}, {"sleep", usage + "sleep MS"},
@@ -67,12 +71,8 @@ TEST_F(NphostProgram, ScriptAnswersEachCommandWithOneLineAndChangesTheDataAsAske
       {"search 004930123456 20250101000000", "found OPE 20240601000000"},
       {"update AdditionalNumPortData=missing.txt", "update result=false taken=true"},
   });
-  const std::string merged =
-      "0049151  20000101000000  BLK\n00491511234567  20220101000000  OPC\n004930123456  20240601000000  OPE\n"
-      "004930123456  20230301000000  OPB\n004930123456  20200101000000  OPA\n004930777777  20240101000000  OPD\n";
-  EXPECT_EQ(readFile("np.txt"), merged);
   // A reload through the probe reads the changed file in the background.
-  writeFile("np.txt", merged + "004940111  20210101000000  OPN\n");
+  writeFile("np.txt", readFile("np.txt") + "004940111  20210101000000  OPN\n");
   expectAnswers(nphost, {{"search 004940111 20240101000000", "not-found"},
                          {"probe reload TRUE", "probe reload result=true"},
                          {"await EVT::RELOAD_SUCCESSFUL", "await EVT::RELOAD_SUCCESSFUL ok"},
@@ -117,16 +117,17 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
     std::string registryText;  // written to reg.toml
     int status;
     testing::Matcher<const std::string&> err;
-    Lines out = {};
+    testing::Matcher<const Lines&> out = testing::IsEmpty();
     std::string input = "usable\n";
   } cases[] = {
       // The Austrian instance stores the national number 030123456 under 0043; the framework
       // table names the log, and without an event handler nobody receives the reload's event.
       {with(script, {"--name", "pipeline.np"}), twoInstances, 0, Eq(""),
-       {"construct valid=true", "init result=true", "found OPB 20230301000000", "probe reload result=true",
-        "await EVT::RELOAD_SUCCESSFUL ok"},
+       ElementsAre("construct valid=true", "init result=true", "found OPB 20230301000000", "probe reload result=true",
+                   "await EVT::RELOAD_SUCCESSFUL ok"),
        "search 004330123456 20240101000000\nprobe reload TRUE\nawait EVT::RELOAD_SUCCESSFUL\n"},
-      {{"--version"}, "", 0, Eq(""), {"nphost 1.0.8"}},
+      {{"--version"}, "", 0, Eq(""), ElementsAre("nphost 1.0.8")},
+      {{"--help"}, "", 0, Eq(""), Contains(HasSubstr("script"))},
       {{}, "", 1, Eq("nphost: A subcommand is required." + usage)},
       {{"serve", "reg.toml"}, "", 1, Eq("nphost: A subcommand is required." + usage)},
       {{"script"}, "", 1, Eq("nphost: REGISTRY is required." + usage)},
@@ -161,7 +162,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
       // The log explains why the object is not valid.
       {script, replaced(reg, "FileName = \"np.txt\"\n", ""), 3,
        AllOf(HasSubstr("ERR_REG_NAME_NOT_FOUND"), HasSubstr("nphost: the plug-in 'NumberPortability' is not valid after construction")),
-       {"construct valid=false"}},
+       ElementsAre("construct valid=false")},
       {runToOut, replaced(reg, "np.txt", "gone.txt"), 3, HasSubstr("nphost: the plug-in 'NumberPortability' is not valid")},
       {{"run", "reg.toml", "--input", "absent.txt"}, reg, 1,
        Eq("nphost: cannot open the input file 'absent.txt': No such file or directory.\n")},
@@ -179,7 +180,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
     Nphost nphost(folderM, c.arguments);
     nphost.write(c.input);
     EXPECT_EQ(nphost.finish(), c.status);
-    EXPECT_EQ(nphost.rest(), c.out);
+    EXPECT_THAT(nphost.rest(), c.out);
     EXPECT_THAT(nphost.errors(), c.err);
     EXPECT_EQ(readFile("events.txt") + readFile("out.txt"), events + kept);
   }
@@ -193,9 +194,6 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
   EXPECT_EQ(WEXITSTATUS(std::system(shell.c_str())), 1);
   EXPECT_EQ(readFile("events.txt"), events);
   EXPECT_THAT(readFile("e"), HasSubstr("nphost: the output '-' is the input file '-'"));
-  Nphost help(folderM, {"--help"});
-  EXPECT_EQ(help.finish(), 0);
-  EXPECT_THAT(help.rest(), testing::Contains(HasSubstr("script")));
 }
 
 }  // namespace

@@ -5,10 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <memory>
-#include <regex>
 
 namespace {
 
@@ -31,18 +28,16 @@ std::string eventLine(std::size_t i) {
 }
 std::string enriched(std::size_t i) { return eventLine(i) + ";" + caseOf(i)[2]; }
 
-// The summary line's counts, without the time it took; empty when there is none.
-std::string summaryOf(const std::string& err) {
-  static const std::regex pattern(R"(\d+ records: \d+ found, \d+ not found, \d+ rejected(?= in [0-9.]+ s \())");
-  std::smatch match;
-  return std::regex_search(err, match, pattern) ? match.str() : std::string();
+// Standard error holding the summary line with these counts, and the time it took.
+testing::Matcher<const std::string&> summary(const std::string& counts) {
+  return testing::ContainsRegex(counts + R"( in [0-9.]+ s \([0-9]+ records/s\))");
 }
 // The summary of the first `count` records of eventLine().
-std::string summaryOfCases(std::size_t count) {
+testing::Matcher<const std::string&> summaryOfCases(std::size_t count) {
   std::size_t found = 0;
   for (std::size_t i = 0; i < count; ++i) found += *caseOf(i)[2] != '\0';
-  return std::to_string(count) + " records: " + std::to_string(found) + " found, " + std::to_string(count - found) +
-         " not found, 0 rejected";
+  return summary(std::to_string(count) + " records: " + std::to_string(found) + " found, " +
+                 std::to_string(count - found) + " not found, 0 rejected");
 }
 
 class RunMode : public NphostTest::ProgramFolderTest {
@@ -65,7 +60,7 @@ TEST_F(RunMode, KeepsInputOrderWhateverTheThreadCountAndEndsWhenTheReaderGoesAwa
     Nphost nphost(folderM, {"run", "reg.toml", "--input", "events.txt", "--output", "out.txt", "--threads", threads});
     ASSERT_EQ(nphost.finish(), 0) << nphost.errors();
     EXPECT_TRUE(nphost.rest().empty()) << "records go to the output file only";
-    EXPECT_EQ(summaryOf(nphost.errors()), summaryOfCases(count)) << nphost.errors();
+    EXPECT_THAT(nphost.errors(), summaryOfCases(count));
     EXPECT_TRUE(readFile("out.txt") == output) << threads << " threads: not the records in input order";
   }
   // A reader that goes away: the write fails with EPIPE and the run says so.
@@ -89,10 +84,9 @@ TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
                           "--log-format", "json"});
   SocketClient client(folderM / "np.sock");
   ASSERT_TRUE(client.connected()) << nphost.errors();
-  struct stat status {};
-  ASSERT_EQ(lstat((folderM / "np.sock").c_str(), &status), 0);
-  EXPECT_TRUE(S_ISSOCK(status.st_mode));
-  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  const fs::file_status status = fs::symlink_status(folderM / "np.sock");
+  EXPECT_EQ(status.type(), fs::file_type::socket);
+  EXPECT_EQ(status.permissions(), fs::perms::owner_read | fs::perms::owner_write);
   Nphost second(folderM, {"run", "reg.toml", "--control", "np.sock"}, "second-stderr.txt");
   EXPECT_EQ(second.finish(), 1);
   EXPECT_THAT(second.errors(), HasSubstr("nphost: another process is listening on the control socket 'np.sock'."));
@@ -158,17 +152,19 @@ TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
   nphost.write("00491519999999;20210101000000");  // a last line without a line end counts
   EXPECT_EQ(nphost.finish(), 0) << nphost.errors();
   EXPECT_EQ(nphost.rest(), Lines{"00491519999999;20210101000000;BLK"});
-  EXPECT_EQ(summaryOf(nphost.errors()), "12 records: 6 found, 1 not found, 5 rejected") << nphost.errors();
+  EXPECT_THAT(nphost.errors(), summary("12 records: 6 found, 1 not found, 5 rejected"));
   EXPECT_FALSE(fs::exists(folderM / "np.sock")) << "the socket is removed at the end";
   EXPECT_EQ(ctl({"usable"}), std::make_pair(1, std::string("nphost: cannot reach the control socket 'np.sock': "
                                                            "No such file or directory.\n")));
   // Each rejected record is reported once, with its line number.
   const Lines log = NphostTest::linesOf(folderM / "log.json");
-  for (const char* entry : {R"(FIELDS","severity":2,"args":["2","-",""])", R"(FIELDS","severity":2,"args":["3","-","just-one-field"])",
-                            R"(DATETIME","severity":2,"args":["4","-","2024-01-01"])", R"(DATETIME","severity":2,"args":["6","-","20241301000000"])",
-                            R"(FIELDS","severity":2,"args":["5","-","004930123456|20240101000000"])"})
-    EXPECT_THAT(log, testing::Contains(HasSubstr(R"("kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_)" + std::string(entry))).Times(1));
   EXPECT_THAT(log, testing::Contains(HasSubstr("ERR_EVENT_RECORD_")).Times(5));
+  const std::pair<const char*, const char*> rejections[] = {
+      {"FIELDS", R"("2","-","")"}, {"FIELDS", R"("3","-","just-one-field")"}, {"DATETIME", R"("4","-","2024-01-01")"},
+      {"FIELDS", R"("5","-","004930123456|20240101000000")"}, {"DATETIME", R"("6","-","20241301000000")"}};
+  for (const auto& [id, args] : rejections)
+    EXPECT_THAT(log, testing::Contains(HasSubstr(R"("kind":"status","object":"nphost","id":"ERR_EVENT_RECORD_)" +
+                                                 std::string(id) + R"(","severity":2,"args":[)" + args + "]")));
 }
 
 TEST_F(RunMode, TerminationSignalsEndCleanlyWithEveryReadRecordWritten) {
@@ -183,7 +179,7 @@ TEST_F(RunMode, TerminationSignalsEndCleanlyWithEveryReadRecordWritten) {
     nphost.signal(signal);
     // Standard input stays open: the signal alone ends the run.
     EXPECT_EQ(nphost.finish(false), 0) << signal << nphost.errors();
-    EXPECT_EQ(summaryOf(nphost.errors()), summaryOfCases(nphost.rest().size() + 1)) << nphost.errors();
+    EXPECT_THAT(nphost.errors(), summaryOfCases(nphost.rest().size() + 1));
     for (std::size_t i = 0; i < nphost.rest().size(); ++i) ASSERT_EQ(nphost.rest()[i], enriched(i + 1)) << i;
   }
 }
@@ -191,16 +187,15 @@ TEST_F(RunMode, TerminationSignalsEndCleanlyWithEveryReadRecordWritten) {
 TEST_F(RunMode, ExamplesRunOnACopyOfTheData) {
   fs::copy(NP_EXAMPLES_DIRECTORY, folderM / "examples");
   Nphost events(folderM, {"run", "examples/registry.toml", "--input", "examples/events.txt", "--log", "log.txt"});
-  ASSERT_EQ(events.finish(), 0) << events.errors();
+  EXPECT_EQ(events.finish(), 0) << events.errors();
   EXPECT_EQ(events.rest().size(), 3000u);
-  EXPECT_EQ(summaryOf(events.errors()), "3000 records: 1910 found, 1085 not found, 5 rejected") << events.errors();
-
+  EXPECT_THAT(events.errors(), summary("3000 records: 1910 found, 1085 not found, 5 rejected"));
   // The demonstration script: no command fails, and its delta load rewrites the copy.
   Nphost demo(folderM, {"script", "examples/registry.toml"});
   demo.write(readFile("examples/demo.script"));
   EXPECT_EQ(demo.finish(), 0) << demo.errors();
-  EXPECT_THAT(demo.rest(), testing::Each(testing::Not(testing::ContainsRegex("^error|timeout|=false"))));
-  EXPECT_THAT(demo.rest(), testing::IsSupersetOf({"found D001 20000101000000", "found D052 20240301000000"}));
+  EXPECT_THAT(demo.rest(), testing::AllOf(testing::Each(testing::Not(testing::ContainsRegex("^error|timeout|=false"))),
+                                          testing::Contains("found D052 20240301000000")));
   EXPECT_THAT(readFile("examples/np_data.txt"), HasSubstr("004930555000"));
 }
 
