@@ -8,17 +8,9 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-using NphostTest::Lines;
-using NphostTest::Nphost;
-using NphostTest::registry;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::Eq;
-using testing::HasSubstr;
-using testing::StartsWith;
-using NphostProgram = NphostTest::ProgramFolderTest;
+using namespace NphostTest;
+using namespace testing;
+using NphostProgram = ProgramFolderTest;
 
 void expectAnswers(Nphost& nphost, const std::vector<std::pair<std::string, std::string>>& exchanges) {
   for (const auto& [command, answer] : exchanges) {
@@ -85,7 +77,7 @@ TEST_F(NphostProgram, ScriptAnswersEachCommandWithOneLineAndChangesTheDataAsAske
   EXPECT_EQ(out, rule + "\n" + std::string(17, ' ') + "Number Portability Data\n" + rule + "\n" + readFile("np.txt") +
                      "update result=true taken=true\nusable true\nshutdown result=true\nerror the plug-in is already shut down\n");
   EXPECT_EQ(nphost.errors(), "") << "the log belongs in the file";
-  const Lines log = NphostTest::linesOf(folderM / "log.txt");
+  const Lines log = linesOf(folderM / "log.txt");
   EXPECT_THAT(log, Contains(HasSubstr(" MINOR(2) NumberPortability ERR_NUMBER_OF_FIELDS_IN_RECORD [\"2\", \"3\", "
                                       "\"bad-line  20200101000000\", \"At Line# 5 in File 'np.txt'. \"] ")).Times(2));
   EXPECT_THAT(log, Contains(EndsWith(" EVENT NumberPortability -> EventHandler EVT::RELOAD_SUCCESSFUL [\"\"] delivered")));
@@ -107,6 +99,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
                                    "\n[pipeline.np]\nLibrary = \"DAT_NumberPortability\"\nFileName = \"np.txt\"\n"
                                    "CountryCode = \"43\"\nNationalAccessCode = \"0\"\n";
   const std::string reg = registry(), usage = " Run 'nphost --help' for the usage.\n", one = "DAT_NumberPortability";
+  const std::string np = "nphost: ", at = "nphost: registry file 'reg.toml', line ", file = "nphost: the registry file 'reg.toml' ";
   const std::string sameFile = "' is the input file 'events.txt'; name another output.\n";
   const std::string events = "004930123456;20240101000000\n", kept = "the user's file\n";
   writeFile("plain.txt", "not a socket");
@@ -116,8 +109,8 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
     Lines arguments;
     std::string registryText;  // written to reg.toml
     int status;
-    testing::Matcher<const std::string&> err;
-    testing::Matcher<const Lines&> out = testing::IsEmpty();
+    Matcher<const std::string&> err;
+    Matcher<const Lines&> out = IsEmpty();
     std::string input = "usable\n";
   } cases[] = {
       // The Austrian instance stores the national number 030123456 under 0043; the framework
@@ -135,23 +128,20 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
       {with(run, {"--bogus"}), reg, 1, Eq("nphost: The following argument was not expected: --bogus." + usage)},
       {with(run, {"--threads", "0"}), reg, 1, Eq("nphost: --threads: Value 0 not in range 1 to 1024." + usage)},
       {with(script, {"--log-format", "xml"}), reg, 1, Eq("nphost: --log-format must be 'text' or 'json', not 'xml'.\n")},
-      {with(run, {"--delimiter", "ab"}), reg, 1,
-       Eq("nphost: --delimiter must be one character other than a line feed, not 'ab'.\n")},
+      {with(run, {"--delimiter", "ab"}), reg, 1, Eq(np + "--delimiter must be one character other than a line feed, not 'ab'.\n")},
       {with(run, {"--control", "plain.txt"}), reg, 1,  // after the plug-in's log
        EndsWith("\nnphost: 'plain.txt' exists and is not a socket; the control socket is not created there.\n")},
       {runToOut, registry("", "Codes = [1, 2]\n"), 1,
-       Eq("nphost: registry file 'reg.toml', line 8: 'NumberPortability.Codes' is an array; "
-          "a registry value must be a single value.\n")},
-      {runToOut, "[NumberPortability\n", 1, StartsWith("nphost: registry file 'reg.toml', line 1: ")},
+       Eq(at + "8: 'NumberPortability.Codes' is an array; a registry value must be a single value.\n")},
+      {runToOut, "[NumberPortability\n", 1, StartsWith(at + "1: ")},
       {{"run", "absent.toml"}, reg, 1, Eq("nphost: cannot read the registry file 'absent.toml': No such file or directory.\n")},
-      {script, "[Framework]\nEventHandler = \"EventHandler\"\n", 1,
-       Eq("nphost: the registry file 'reg.toml' names no plug-in instance (a table with a Library key).\n")},
+      {script, "[Framework]\n", 1, Eq(file + "names no plug-in instance (a table with a Library key).\n")},
       {script, registry("[Framework]\nLogFormat = \"xml\"\n"), 1,
-       Eq("nphost: registry file 'reg.toml', line 2: Framework.LogFormat must be 'text' or 'json', not 'xml'.\n")},
-      {script, twoInstances, 1, Eq("nphost: the registry file 'reg.toml' holds several plug-in instances "
-                                   "(NumberPortability, pipeline.np); choose one with --name.\n")},
-      {with(script, {"--name", "other"}), twoInstances, 1, Eq("nphost: the registry file 'reg.toml' has no plug-in "
-                                                              "instance named 'other' (instances: NumberPortability, pipeline.np).\n")},
+       Eq(at + "2: Framework.LogFormat must be 'text' or 'json', not 'xml'.\n")},
+      {script, twoInstances, 1,
+       Eq(file + "holds several plug-in instances (NumberPortability, pipeline.np); choose one with --name.\n")},
+      {with(script, {"--name", "other"}), twoInstances, 1,
+       Eq(file + "has no plug-in instance named 'other' (instances: NumberPortability, pipeline.np).\n")},
       // The loader's own reason follows.
       {runToOut, replaced(reg, one, "NoSuchPlugIn"), 2,
        StartsWith("nphost: cannot load the plug-in library '" NP_PLUGIN_DIRECTORY "/libNoSuchPlugIn.so': ")},
@@ -164,8 +154,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
        AllOf(HasSubstr("ERR_REG_NAME_NOT_FOUND"), HasSubstr("nphost: the plug-in 'NumberPortability' is not valid after construction")),
        ElementsAre("construct valid=false")},
       {runToOut, replaced(reg, "np.txt", "gone.txt"), 3, HasSubstr("nphost: the plug-in 'NumberPortability' is not valid")},
-      {{"run", "reg.toml", "--input", "absent.txt"}, reg, 1,
-       Eq("nphost: cannot open the input file 'absent.txt': No such file or directory.\n")},
+      {{"run", "reg.toml", "--input", "absent.txt"}, reg, 1, Eq(np + "cannot open the input file 'absent.txt': No such file or directory.\n")},
       {with(run, {"--output", "."}), reg, 1, Eq("nphost: cannot open the output file '.' for writing: Is a directory.\n")},
       // The output is opened only once the plug-in runs, and never over the input by any name.
       {with(run, {"--output", "events.txt"}), reg, 1, Eq("nphost: the output 'events.txt" + sameFile)},
@@ -173,7 +162,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
       {with(run, {"--output", "link.txt"}), reg, 1, Eq("nphost: the output 'link.txt" + sameFile)},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.arguments) + "\n" + c.registryText);
+    SCOPED_TRACE(PrintToString(c.arguments) + "\n" + c.registryText);
     writeFile("reg.toml", c.registryText);
     writeFile("events.txt", events);
     writeFile("out.txt", kept);
@@ -186,7 +175,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
   }
   EXPECT_EQ(readFile("plain.txt"), "not a socket");
   EXPECT_TRUE(fs::is_symlink(folderM / "link.txt"));
-  EXPECT_THAT(NphostTest::linesOf(folderM / "alone.json"),
+  EXPECT_THAT(linesOf(folderM / "alone.json"),
               Contains(EndsWith(R"("kind":"event","sender":"pipeline.np","receiver":"","id":"EVT::RELOAD_SUCCESSFUL",)"
                                 R"("args":[""],"delivered":false})")));
   // Standard input and standard output may be the same file too.
