@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 namespace {
 
 using namespace NphostTest;
@@ -86,27 +88,20 @@ TEST_F(NphostProgram, ScriptAnswersEachCommandWithOneLineAndChangesTheDataAsAske
 // Each run gets `input` (or a command or record that must never be answered) on standard input;
 // the input file and an existing output file must come out as they were.
 TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithTheirStatus) {
-  const auto with = [](Lines words, const Lines& more) {
-    words.insert(words.end(), more.begin(), more.end());
-    return words;
-  };
   const auto replaced = [](std::string text, const std::string& what, const std::string& by) {
     return text.replace(text.find(what), what.size(), by);
   };
-  const Lines script{"script", "reg.toml"}, run{"run", "reg.toml", "--input", "events.txt"};
-  const Lines runToOut = with(run, {"--output", "out.txt"});
+  const std::string reg = registry(), events = "004930123456;20240101000000\n", kept = "the user's file\n";
   const std::string twoInstances = registry("[Framework]\nLog = \"alone.json\"\nLogFormat = \"json\"\n") +
-                                   "\n[pipeline.np]\nLibrary = \"DAT_NumberPortability\"\nFileName = \"np.txt\"\n"
-                                   "CountryCode = \"43\"\nNationalAccessCode = \"0\"\n";
-  const std::string reg = registry(), usage = " Run 'nphost --help' for the usage.\n", one = "DAT_NumberPortability";
-  const std::string np = "nphost: ", at = "nphost: registry file 'reg.toml', line ", file = "nphost: the registry file 'reg.toml' ";
-  const std::string sameFile = "' is the input file 'events.txt'; name another output.\n";
-  const std::string events = "004930123456;20240101000000\n", kept = "the user's file\n";
+                                   replaced(replaced(registry(""), "NumberPortability]", "pipeline.np]"), "49", "43");
+  const std::string usage = " Run 'nphost --help' for the usage.\n", at = "nphost: registry file 'reg.toml', line ";
+  const std::string file = "nphost: the registry file 'reg.toml' ", same = "' is the input file 'events.txt'; name another output.\n";
+  const std::string loader = "nphost: cannot load the plug-in library '", invalid = "nphost: the plug-in 'NumberPortability' is not valid";
   writeFile("plain.txt", "not a socket");
   fs::create_directory(folderM / "sub");
   fs::create_symlink(folderM / "events.txt", folderM / "link.txt");
   const struct {
-    Lines arguments;
+    std::string arguments;     // split at blanks
     std::string registryText;  // written to reg.toml
     int status;
     Matcher<const std::string&> err;
@@ -115,58 +110,62 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
   } cases[] = {
       // The Austrian instance stores the national number 030123456 under 0043; the framework
       // table names the log, and without an event handler nobody receives the reload's event.
-      {with(script, {"--name", "pipeline.np"}), twoInstances, 0, Eq(""),
+      {"script reg.toml --name pipeline.np", twoInstances, 0, Eq(""),
        ElementsAre("construct valid=true", "init result=true", "found OPB 20230301000000", "probe reload result=true",
                    "await EVT::RELOAD_SUCCESSFUL ok"),
        "search 004330123456 20240101000000\nprobe reload TRUE\nawait EVT::RELOAD_SUCCESSFUL\n"},
-      {{"--version"}, "", 0, Eq(""), ElementsAre("nphost 1.0.8")},
-      {{"--help"}, "", 0, Eq(""), Contains(HasSubstr("script"))},
-      {{}, "", 1, Eq("nphost: A subcommand is required." + usage)},
-      {{"serve", "reg.toml"}, "", 1, Eq("nphost: A subcommand is required." + usage)},
-      {{"script"}, "", 1, Eq("nphost: REGISTRY is required." + usage)},
-      {{"ctl", "np.sock"}, "", 1, Eq("nphost: COMMAND is required." + usage)},
-      {with(run, {"--bogus"}), reg, 1, Eq("nphost: The following argument was not expected: --bogus." + usage)},
-      {with(run, {"--threads", "0"}), reg, 1, Eq("nphost: --threads: Value 0 not in range 1 to 1024." + usage)},
-      {with(script, {"--log-format", "xml"}), reg, 1, Eq("nphost: --log-format must be 'text' or 'json', not 'xml'.\n")},
-      {with(run, {"--delimiter", "ab"}), reg, 1, Eq(np + "--delimiter must be one character other than a line feed, not 'ab'.\n")},
-      {with(run, {"--control", "plain.txt"}), reg, 1,  // after the plug-in's log
+      {"--version", "", 0, Eq(""), ElementsAre("nphost 1.0.8")},
+      {"--help", "", 0, Eq(""), Contains(HasSubstr("script"))},
+      {"", "", 1, Eq("nphost: A subcommand is required." + usage)},
+      {"script", "", 1, Eq("nphost: REGISTRY is required." + usage)},
+      {"ctl np.sock", "", 1, Eq("nphost: COMMAND is required." + usage)},
+      {"run reg.toml --threads 0", reg, 1, Eq("nphost: --threads: Value 0 not in range 1 to 1024." + usage)},
+      {"script reg.toml --log-format xml", reg, 1, Eq("nphost: --log-format must be 'text' or 'json', not 'xml'.\n")},
+      {"run reg.toml --delimiter ab", reg, 1,
+       Eq("nphost: --delimiter must be one character other than a line feed, not 'ab'.\n")},
+      {"run reg.toml --control plain.txt", reg, 1,  // after the plug-in's log
        EndsWith("\nnphost: 'plain.txt' exists and is not a socket; the control socket is not created there.\n")},
-      {runToOut, registry("", "Codes = [1, 2]\n"), 1,
+      {"run reg.toml --output out.txt", registry("", "Codes = [1, 2]\n"), 1,
        Eq(at + "8: 'NumberPortability.Codes' is an array; a registry value must be a single value.\n")},
-      {runToOut, "[NumberPortability\n", 1, StartsWith(at + "1: ")},
-      {{"run", "absent.toml"}, reg, 1, Eq("nphost: cannot read the registry file 'absent.toml': No such file or directory.\n")},
-      {script, "[Framework]\n", 1, Eq(file + "names no plug-in instance (a table with a Library key).\n")},
-      {script, registry("[Framework]\nLogFormat = \"xml\"\n"), 1,
+      {"run reg.toml --output out.txt", "[NumberPortability\n", 1, StartsWith(at + "1: ")},
+      {"run absent.toml", reg, 1, Eq("nphost: cannot read the registry file 'absent.toml': No such file or directory.\n")},
+      {"script reg.toml", "[Framework]\n", 1, Eq(file + "names no plug-in instance (a table with a Library key).\n")},
+      {"script reg.toml", registry("[Framework]\nLogFormat = \"xml\"\n"), 1,
        Eq(at + "2: Framework.LogFormat must be 'text' or 'json', not 'xml'.\n")},
-      {script, twoInstances, 1,
+      {"script reg.toml", twoInstances, 1,
        Eq(file + "holds several plug-in instances (NumberPortability, pipeline.np); choose one with --name.\n")},
-      {with(script, {"--name", "other"}), twoInstances, 1,
+      {"script reg.toml --name other", twoInstances, 1,
        Eq(file + "has no plug-in instance named 'other' (instances: NumberPortability, pipeline.np).\n")},
       // The loader's own reason follows.
-      {runToOut, replaced(reg, one, "NoSuchPlugIn"), 2,
-       StartsWith("nphost: cannot load the plug-in library '" NP_PLUGIN_DIRECTORY "/libNoSuchPlugIn.so': ")},
-      {script, replaced(reg, one, NP_FRAMEWORK_LIBRARY), 2,
+      {"run reg.toml --output out.txt", replaced(reg, "DAT_NumberPortability", "NoSuchPlugIn"), 2,
+       StartsWith(loader + NP_PLUGIN_DIRECTORY "/libNoSuchPlugIn.so': ")},
+      {"script reg.toml --plugin-dir " + folderM.string(), reg, 2,
+       StartsWith(loader + folderM.string() + "/libDAT_NumberPortability.so': ")},
+      {"script reg.toml", replaced(reg, "DAT_NumberPortability", NP_FRAMEWORK_LIBRARY), 2,
        StartsWith("nphost: the plug-in library '" NP_FRAMEWORK_LIBRARY "' has no entry point 'npframeworkModuleStart': ")},
-      {with(script, {"--plugin-dir", folderM.string()}), reg, 2,
-       StartsWith("nphost: cannot load the plug-in library '" + folderM.string() + "/libDAT_NumberPortability.so': ")},
       // The log explains why the object is not valid.
-      {script, replaced(reg, "FileName = \"np.txt\"\n", ""), 3,
-       AllOf(HasSubstr("ERR_REG_NAME_NOT_FOUND"), HasSubstr("nphost: the plug-in 'NumberPortability' is not valid after construction")),
+      {"script reg.toml", replaced(reg, "FileName = \"np.txt\"\n", ""), 3,
+       AllOf(HasSubstr("ERR_REG_NAME_NOT_FOUND"), HasSubstr(invalid + " after construction")),
        ElementsAre("construct valid=false")},
-      {runToOut, replaced(reg, "np.txt", "gone.txt"), 3, HasSubstr("nphost: the plug-in 'NumberPortability' is not valid")},
-      {{"run", "reg.toml", "--input", "absent.txt"}, reg, 1, Eq(np + "cannot open the input file 'absent.txt': No such file or directory.\n")},
-      {with(run, {"--output", "."}), reg, 1, Eq("nphost: cannot open the output file '.' for writing: Is a directory.\n")},
+      {"run reg.toml --input events.txt --output out.txt", replaced(reg, "np.txt", "gone.txt"), 3, HasSubstr(invalid)},
+      {"run reg.toml --input absent.txt", reg, 1,
+       Eq("nphost: cannot open the input file 'absent.txt': No such file or directory.\n")},
+      {"run reg.toml --output .", reg, 1, Eq("nphost: cannot open the output file '.' for writing: Is a directory.\n")},
       // The output is opened only once the plug-in runs, and never over the input by any name.
-      {with(run, {"--output", "events.txt"}), reg, 1, Eq("nphost: the output 'events.txt" + sameFile)},
-      {with(run, {"--output", "./sub/../events.txt"}), reg, 1, Eq("nphost: the output './sub/../events.txt" + sameFile)},
-      {with(run, {"--output", "link.txt"}), reg, 1, Eq("nphost: the output 'link.txt" + sameFile)},
+      {"run reg.toml --input events.txt --output events.txt", reg, 1, Eq("nphost: the output 'events.txt" + same)},
+      {"run reg.toml --input events.txt --output ./sub/../events.txt", reg, 1,
+       Eq("nphost: the output './sub/../events.txt" + same)},
+      {"run reg.toml --input events.txt --output link.txt", reg, 1, Eq("nphost: the output 'link.txt" + same)},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(PrintToString(c.arguments) + "\n" + c.registryText);
+    SCOPED_TRACE(c.arguments + "\n" + c.registryText);
     writeFile("reg.toml", c.registryText);
     writeFile("events.txt", events);
     writeFile("out.txt", kept);
-    Nphost nphost(folderM, c.arguments);
+    Lines words;
+    std::istringstream split(c.arguments);
+    for (std::string word; split >> word;) words.push_back(word);
+    Nphost nphost(folderM, words);
     nphost.write(c.input);
     EXPECT_EQ(nphost.finish(), c.status);
     EXPECT_THAT(nphost.rest(), c.out);
@@ -179,7 +178,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
               Contains(EndsWith(R"("kind":"event","sender":"pipeline.np","receiver":"","id":"EVT::RELOAD_SUCCESSFUL",)"
                                 R"("args":[""],"delivered":false})")));
   // Standard input and standard output may be the same file too.
-  const std::string shell = "cd '" + folderM.string() + "' && '" NPHOST_PROGRAM "' run reg.toml <events.txt >>events.txt 2>e";
+  const std::string shell = "cd " + folderM.string() + " && " NPHOST_PROGRAM " run reg.toml <events.txt >>events.txt 2>e";
   EXPECT_EQ(WEXITSTATUS(std::system(shell.c_str())), 1);
   EXPECT_EQ(readFile("events.txt"), events);
   EXPECT_THAT(readFile("e"), HasSubstr("nphost: the output '-' is the input file '-'"));
