@@ -16,8 +16,9 @@
 namespace {
 
 using namespace NphostTest;
+using namespace std::string_literals;
 
-class LiveReloadStress : public ProgramFolderTest, public testing::WithParamInterface<std::pair<const char*, int>> {};
+class LiveReloadStress : public ProgramFolderTest, public testing::WithParamInterface<std::pair<std::string, int>> {};
 
 TEST_P(LiveReloadStress, EveryReloadIsAnsweredAndASignalEndsTheRunWithEveryReadRecordWritten) {
   const auto [threads, signal] = GetParam();
@@ -33,11 +34,9 @@ TEST_P(LiveReloadStress, EveryReloadIsAnsweredAndASignalEndsTheRunWithEveryReadR
     Nphost nphost(folderM, {"run", "reg.toml", "--threads", threads, "--control", "np.sock", "--log", "log.txt"});
     std::atomic<bool> stop{false};
     std::atomic<long> lines{0};
-    std::jthread feeder([&] {
-      while (!stop) nphost.write(chunk);  // a cut line at the end is no record
-    });
+    std::jthread feeder([&] { while (!stop) nphost.write(chunk); });  // a cut line at the end is no record
     std::jthread drain([&] {
-      for (std::string line = nphost.readLine(); line != "<end>" && line != "<no answer>"; line = nphost.readLine()) ++lines;
+      for (std::string line; (line = nphost.readLine()) != "<end>" && line != "<no answer>";) ++lines;
     });
     SocketClient control(folderM / "np.sock");
     EXPECT_TRUE(control.connected()) << nphost.errors();
@@ -56,7 +55,6 @@ TEST_P(LiveReloadStress, EveryReloadIsAnsweredAndASignalEndsTheRunWithEveryReadR
 }
 
 // Two lookup threads on this project's two processors, and eight: more than there are.
-INSTANTIATE_TEST_SUITE_P(LookupThreads, LiveReloadStress,
-                         testing::Values(std::pair("2", SIGTERM), std::pair("8", SIGINT)));
+INSTANTIATE_TEST_SUITE_P(LookupThreads, LiveReloadStress, testing::Values(std::pair("2"s, SIGTERM), std::pair("8"s, SIGINT)));
 
 }  // namespace

@@ -118,10 +118,9 @@ public:
 
   void write(const std::string& text) const { writeAll(inM, text); }
   std::string readLine() { return nextLine(outM, bufferM); }
-  // Ends standard input (unless the program must end by itself, on a signal), collects the rest
-  // of standard output and returns the exit status.
-  int finish(bool closeInput = true) {
-    if (closeInput && inM >= 0) close(std::exchange(inM, -1));
+  // Ends standard input, collects the rest of standard output and returns the exit status.
+  int finish() {
+    if (inM >= 0) close(std::exchange(inM, -1));
     for (std::string line = readLine(); line != "<end>" && line != "<no answer>"; line = readLine())
       restM.push_back(line);
     return waitForExit();
@@ -155,17 +154,12 @@ private:
   Lines restM;
 };
 
-inline sockaddr_un socketAddress(const fs::path& path) {
-  sockaddr_un where{AF_UNIX, {}};
-  std::strncpy(where.sun_path, path.c_str(), sizeof(where.sun_path) - 1);
-  return where;
-}
-
 // A raw client of a control socket; it retries for half a minute while the program starts.
 class SocketClient {
 public:
   explicit SocketClient(const fs::path& path) {
-    const sockaddr_un where = socketAddress(path);
+    sockaddr_un where{AF_UNIX, {}};
+    std::strncpy(where.sun_path, path.c_str(), sizeof(where.sun_path) - 1);
     for (int i = 0; i < 1500 && descriptorM < 0; ++i) {
       descriptorM = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
       if (connect(descriptorM, reinterpret_cast<const sockaddr*>(&where), sizeof(where)) == 0) break;

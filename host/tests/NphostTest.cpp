@@ -77,7 +77,8 @@ TEST_F(NphostProgram, ScriptAnswersEachCommandWithOneLineAndChangesTheDataAsAske
   std::string out, rule(59, '-');
   for (const std::string& line : nphost.rest()) out += line + "\n";
   EXPECT_EQ(out, rule + "\n" + std::string(17, ' ') + "Number Portability Data\n" + rule + "\n" + readFile("np.txt") +
-                     "update result=true taken=true\nusable true\nshutdown result=true\nerror the plug-in is already shut down\n");
+                     "update result=true taken=true\nusable true\nshutdown result=true\n"
+                     "error the plug-in is already shut down\n");
   EXPECT_EQ(nphost.errors(), "") << "the log belongs in the file";
   const Lines log = linesOf(folderM / "log.txt");
   EXPECT_THAT(log, Contains(HasSubstr(" MINOR(2) NumberPortability ERR_NUMBER_OF_FIELDS_IN_RECORD [\"2\", \"3\", "
@@ -95,8 +96,9 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
   const std::string twoInstances = registry("[Framework]\nLog = \"alone.json\"\nLogFormat = \"json\"\n") +
                                    replaced(replaced(registry(""), "NumberPortability]", "pipeline.np]"), "49", "43");
   const std::string usage = " Run 'nphost --help' for the usage.\n", at = "nphost: registry file 'reg.toml', line ";
-  const std::string file = "nphost: the registry file 'reg.toml' ", same = "' is the input file 'events.txt'; name another output.\n";
-  const std::string loader = "nphost: cannot load the plug-in library '", invalid = "nphost: the plug-in 'NumberPortability' is not valid";
+  const std::string file = "nphost: the registry file 'reg.toml' ", loader = "nphost: cannot load the plug-in library '";
+  const std::string same = "' is the input file 'events.txt'; name another output.\n";
+  const std::string invalid = "nphost: the plug-in 'NumberPortability' is not valid";
   writeFile("plain.txt", "not a socket");
   fs::create_directory(folderM / "sub");
   fs::create_symlink(folderM / "events.txt", folderM / "link.txt");

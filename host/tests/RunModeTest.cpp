@@ -62,14 +62,14 @@ TEST_F(RunMode, RecordsFlowWhileTheControlSocketAnswersAndChangesTheData) {
   const auto ctl = [this](Lines words) {
     words.insert(words.begin(), {"ctl", "np.sock"});
     Nphost client(folderM, words, "ctl-stderr.txt");
-    const int status = client.finish();
-    return std::make_pair(status, client.rest().empty() ? client.errors() : client.rest().front());
+    return std::pair{client.finish(), client.rest().empty() ? client.errors() : client.rest().front()};  // in order
   };
-  // A socket file whose process has gone (bound, never unlinked) is taken over.
-  const int stale = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_un where = socketAddress(folderM / "np.sock");
-  ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr*>(&where), sizeof where), 0);
-  close(stale);
+  {  // the socket left behind by a run that was killed is taken over
+    Nphost killed(folderM, {"run", "reg.toml", "--control", "np.sock"}, "killed-stderr.txt");
+    ASSERT_TRUE(SocketClient(folderM / "np.sock").connected());
+    killed.signal(SIGKILL);
+    EXPECT_EQ(killed.waitForExit(), -1);
+  }
   writeFile("delta.txt", "030123456  20240601000000  NEW\n0033123456  20000101000000  FRA\n");
   Nphost nphost(folderM, {"run", "reg.toml", "--control", "np.sock", "--threads", "2", "--log", "log.json",
                           "--log-format", "json"});
