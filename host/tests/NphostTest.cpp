@@ -147,6 +147,9 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
        StartsWith(loader + folderM.string() + "/libDAT_NumberPortability.so': ")},
       {"script reg.toml", replaced(reg, "DAT_NumberPortability", NP_FRAMEWORK_LIBRARY), 2,
        StartsWith("nphost: the plug-in library '" NP_FRAMEWORK_LIBRARY "' has no entry point 'npframeworkModuleStart': ")},
+      {"script reg.toml", replaced(reg, "DAT_NumberPortability", NP_LIBRARY_WITHOUT_LOOKUP), 2,
+       StartsWith("nphost: the plug-in library '" NP_LIBRARY_WITHOUT_LOOKUP
+                  "' has no entry point 'DAT_NumberPortabilityLookup': ")},
       // The log explains why the object is not valid.
       {"script reg.toml", replaced(reg, "FileName = \"np.txt\"\n", ""), 3,
        AllOf(HasSubstr("ERR_REG_NAME_NOT_FOUND"), HasSubstr(invalid + " after construction")),
