@@ -1,5 +1,5 @@
-// A framework with a memory log, a registry and a temporary folder for data files, shared by
-// the cache and plug-in tests. Header-only so that both test executables can use it.
+// A framework with a memory log, a registry and a temporary folder for data files, for the
+// plug-in's tests.
 //
 // Each test makes one TestEnvironment (it becomes the current framework), configures the
 // plug-in's registry subtree, makes the plug-in and reads back what was logged. The plug-in is
@@ -19,6 +19,8 @@
 #include "BAS/String.h"
 #include "plugin/NumberPortabilityPlugIn.h"
 #include "store/NumberPortabilityData.h"
+#include "testing/Report.h"
+#include "testing/TempDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -47,28 +49,6 @@ using DAT::NumberPortability::PlugIn;
 // unless something is broken (the sanitizer builds are slow).
 inline constexpr std::chrono::milliseconds waitLimit = 60s;
 
-// The banner that every dump with banner starts with.
-inline const std::string dumpBanner = std::string(59, '-') + "\n" + std::string(17, ' ') +
-                                      "Number Portability Data\n" + std::string(59, '-') + "\n";
-
-// A folder of its own under the system's temporary folder, removed with everything in it.
-class TempDirectory {
-public:
-  TempDirectory() : pathM((std::filesystem::temp_directory_path() / "np-test-XXXXXX").string()) {
-    std::string pattern = pathM.string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    pathM = pattern;
-  }
-  ~TempDirectory() { std::filesystem::remove_all(pathM, ignoredM); }
-  TempDirectory(const TempDirectory&) = delete;
-  TempDirectory& operator=(const TempDirectory&) = delete;
-  const std::filesystem::path& path() const { return pathM; }
-
-private:
-  std::filesystem::path pathM;
-  std::error_code ignoredM;
-};
-
 // Changes the process's working directory for a scope (for relative file names in messages).
 class WorkingDirectory {
 public:
@@ -83,16 +63,6 @@ private:
   std::filesystem::path previousM;
   std::error_code ignoredM;
 };
-
-inline void writeText(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!(out << content).flush()) throw std::runtime_error("cannot write " + path);
-}
-
-inline std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 inline bool fileExists(const std::string& path) { return std::filesystem::exists(path); }
 
@@ -129,18 +99,7 @@ inline bool finishesWithin(std::function<void()> work, std::chrono::milliseconds
   std::_Exit(EXIT_FAILURE);
 }
 
-// One status as the tests compare it: identifier, severity and arguments in order.
-struct StatusLine {
-  std::string id;
-  int severity;
-  std::vector<std::string> args;
-  friend bool operator==(const StatusLine&, const StatusLine&) = default;
-  friend std::ostream& operator<<(std::ostream& out, const StatusLine& line) {
-    out << line.id << " sev " << line.severity << " [";
-    for (std::size_t i = 0; i < line.args.size(); ++i) out << (i ? " | " : "") << '"' << line.args[i] << '"';
-    return out << "]";
-  }
-};
+using StatusLine = Report;
 
 using Keys = std::vector<std::pair<std::string, std::string>>;
 
