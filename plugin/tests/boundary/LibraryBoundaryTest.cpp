@@ -1,28 +1,30 @@
-// Lookups compiled into this program, the way a host's processing modules compile the plug-in's
-// inline lookup path, against writers inside other libraries: the real plug-in library, loaded
-// as a host loads it, and a library built the same way that holds the write side long enough for
-// the readers here to fall asleep. A wake-up that goes to another binary's copy of a waiting
-// place leaves these readers asleep for good; the watchdog turns that into a failure.
+// The plug-in library as a host uses it: loaded at run time, objects made by its entry points
+// and looked up through its lookup interface, so that none of the cache's code is compiled into
+// this program. Beside it, readers here woken by a writer inside another library built the same
+// way: a wake-up that went to another binary's copy of a waiting place leaves them asleep.
 #include "BAS/Framework.h"
+#include "BAS/InstrumentationProbeAttribute.h"
+#include "BAS/InstrumentationProbeGroup.h"
+#include "BAS/InstrumentationProbeList.h"
+#include "BAS/LogRecord.h"
+#include "BAS/MemoryLogSink.h"
+#include "BAS/MutexLocker.h"
 #include "BAS/ProtectedBool.h"
 #include "BAS/ReadLocker.h"
 #include "BAS/RegistryEntry.h"
 #include "BAS/RWLock.h"
-#include "BAS/String.h"
-#include "plugin/NumberPortabilityPlugIn.h"
+#include "PLG/DataPlugIn.h"
+#include "plugin/PortabilityLookup.h"
 
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <future>
 #include <memory>
 #include <string>
@@ -31,120 +33,201 @@
 
 namespace {
 
-using namespace std::chrono_literals;
+using DAT::NumberPortability::PortabilityLookup;
 
 // Runs `work`; a hang is reported and ends the program, since the stuck threads still use the
 // test's objects.
-void finishesWithin(const std::function<void()>& work, std::chrono::seconds limit) {
+void finishesWithin(const std::function<void()>& work) {
   std::packaged_task<void()> task(work);
   std::future<void> done = task.get_future();
   std::thread(std::move(task)).detach();
-  if (done.wait_for(limit) == std::future_status::ready) return;
-  ADD_FAILURE() << "still waiting after " << limit.count() << " s: a reader was not woken";
-  std::fflush(stdout);
+  if (done.wait_for(std::chrono::seconds(60)) == std::future_status::ready) return;
+  ADD_FAILURE() << "still waiting after 60 s";
   std::_Exit(EXIT_FAILURE);
 }
 
-void* openLibrary(const char* path) {
-  void* handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-  EXPECT_NE(handle, nullptr) << dlerror();
-  return handle;
-}
-
-unsigned readerThreads() { return 4 * std::max(2u, std::thread::hardware_concurrency()); }
+unsigned threadsBeyondCores() { return 4 * std::max(2u, std::thread::hardware_concurrency()); }
 
 TEST(LibraryBoundary, ReadersHereAreWokenByAWriterInAnotherLibrary) {
-  void* library = openLibrary(NP_LOCK_WRITER_LIBRARY);
-  ASSERT_NE(library, nullptr);
-  using Hold = void (*)(BAS::RWLock*, int);
-  auto hold = reinterpret_cast<Hold>(dlsym(library, "npHoldWriteLock"));
+  void* library = dlopen(NP_LOCK_WRITER_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  auto hold = reinterpret_cast<void (*)(BAS::RWLock*, int)>(dlsym(library, "npHoldWriteLock"));
   ASSERT_NE(hold, nullptr);
-
   BAS::RWLock lock;
   std::atomic<bool> stop{false};
   std::atomic<long> reads{0};
-  finishesWithin(
-      [&] {
-        std::vector<std::thread> readers;
-        for (unsigned i = 0; i < readerThreads(); ++i) {
-          readers.emplace_back([&] {
-            while (!stop.load()) {
-              BAS::ReadLocker locker(lock);
-              reads.fetch_add(1, std::memory_order_relaxed);
-            }
-          });
+  finishesWithin([&] {
+    std::vector<std::thread> readers;
+    for (unsigned i = 0; i < threadsBeyondCores(); ++i) {
+      readers.emplace_back([&] {
+        while (!stop.load()) {
+          BAS::ReadLocker locker(lock);
+          reads.fetch_add(1, std::memory_order_relaxed);
         }
-        // Each hold is far longer than a reader looks before it sleeps.
-        for (int round = 0; round < 20; ++round) {
-          hold(&lock, 10);
-          const long before = reads.load();
-          while (reads.load() < before + 100) std::this_thread::yield();
-        }
-        stop = true;
-        for (std::thread& reader : readers) reader.join();
-      },
-      60s);
-  EXPECT_GT(reads.load(), 2000);
+      });
+    }
+    // Each hold is far longer than a reader looks before it sleeps.
+    for (int round = 0; round < 20; ++round) {
+      hold(&lock, 10);
+      for (const long before = reads.load(); reads.load() < before + 100;) std::this_thread::yield();
+    }
+    stop = true;
+    for (std::thread& reader : readers) reader.join();
+  });
   dlclose(library);
 }
 
-TEST(LibraryBoundary, LookupsHereGoOnWhileThePlugInLibraryReloads) {
-  char folderPattern[] = "/tmp/np-boundary.XXXXXX";
-  ASSERT_NE(mkdtemp(folderPattern), nullptr);
-  const std::filesystem::path folder = folderPattern;
-  {
-    std::ofstream data(folder / "np.txt");
-    for (int i = 0; i < 20'000; ++i) data << "004930" << 100'000 + i << "  20200101000000  OP" << i % 50 << "\n";
-  }
+std::string number(int group, int index) { return "004930" + std::to_string(group) + std::to_string(10000 + index); }
 
-  void* library = openLibrary(NP_PLUGIN_LIBRARY);
-  ASSERT_NE(library, nullptr);
-  using EntryPoint = PLG::DataPlugIn* (*)(const BAS::String&);
-  auto entryPoint = reinterpret_cast<EntryPoint>(dlsym(library, "DAT_NumberPortabilityModuleStart"));
-  ASSERT_NE(entryPoint, nullptr);
+std::string records(int group, const char* date, const std::string& operatorPrefix) {
+  std::string text;
+  for (int i = 0; i < 600; ++i) text += number(group, i) + " " + date + " " + operatorPrefix + std::to_string(i) + "\n";
+  return text;
+}
+
+// The library's entry points make a valid and an invalid plug-in; lookups through its lookup
+// interface, on more threads than cores, see only complete versions of the data while reloads,
+// delta loads and prints arrive through registry updates and probes at once; the operations
+// neither overlap nor deadlock, and a stop in the middle of a reload ends cleanly.
+TEST(LibraryBoundary, LookupsThroughTheEntryPointSeeCompleteVersionsWhileBothRoadsChangeTheData) {
+  void* library = dlopen(NP_PLUGIN_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  auto start = reinterpret_cast<PLG::DataPlugIn* (*)(const BAS::String&)>(dlsym(library, "DAT_NumberPortabilityModuleStart"));
+  auto startDefault = reinterpret_cast<PLG::DataPlugIn* (*)()>(dlsym(library, "ModuleStartNL"));
+  auto lookupEntry = reinterpret_cast<PortabilityLookup::EntryPoint>(dlsym(library, PortabilityLookup::entryPointNameCM));
+  ASSERT_TRUE(start && startDefault && lookupEntry);
+  char folderName[] = "/tmp/np-boundary.XXXXXX";
+  ASSERT_NE(mkdtemp(folderName), nullptr);
+  const std::filesystem::path folder = folderName;
+  const auto file = [&folder](const char* name, const std::string& content) {
+    std::ofstream(folder / name) << content;
+    return (folder / name).string();
+  };
+  // Group 1 is in every version; the update road's delta gives it a later operator and adds
+  // group 3, the probe road's delta adds group 2. Every version holds the one before it.
+  const std::string data = file("np.txt", records(1, "20200101000000", "BASE"));
+  const std::string updateDelta = file("u.txt", records(1, "20250101000000", "NEW") + records(3, "20200101000000", "U"));
+  const std::string probeDelta = file("p.txt", records(2, "20200101000000", "P"));
   {
     BAS::Framework framework;
+    auto sink = std::make_shared<BAS::MemoryLogSink>();
+    framework.log().addSink(sink);
     framework.setProbeDirectory(NP_PROBE_DIRECTORY);
     BAS::RegistryEntry& subtree = framework.registry().child("NumberPortability");
-    subtree.add("FileName", (folder / "np.txt").string());
+    subtree.add("FileName", data);
     subtree.add("CountryCode", "49");
     subtree.add("NationalAccessCode", "0");
-    // A host knows the class of the object its entry point made; its type information is not
-    // exported, hence no dynamic_cast.
-    std::unique_ptr<PLG::DataPlugIn> object(entryPoint("NumberPortability"));
-    auto* plugIn = static_cast<DAT::NumberPortability::PlugIn*>(object.get());
+    const auto valid = [](PLG::DataPlugIn& object) {
+      BAS::MutexLocker locker(BAS::RegisteredObject::isValidLockerCM);
+      return object.isValid();
+    };
+    std::unique_ptr<PLG::DataPlugIn> invalid(startDefault());
+    EXPECT_FALSE(valid(*invalid) || invalid->isUsable() || invalid->init());
+    ASSERT_EQ(sink->count("ERR_OBJ_NOT_INITIALIZED"), 1u);
+    EXPECT_EQ(sink->withId("ERR_OBJ_NOT_INITIALIZED")[0].args, std::vector<BAS::String>{"DAT::NumberPortability::PlugIn"});
+    std::unique_ptr<PLG::DataPlugIn> plugIn(start("NumberPortability"));
+    EXPECT_TRUE(valid(*plugIn) && plugIn->isUsable() && plugIn->version() == BAS::String("10008"));
     ASSERT_TRUE(plugIn->init());
+    PortabilityLookup* lookups = lookupEntry(plugIn.get());
+    ASSERT_NE(lookups, nullptr);
+    BAS::InstrumentationProbeList groups;
+    plugIn->getInstrumentationProbe(groups);
+    ASSERT_EQ(groups.size(), 1u);
+    const auto post = [&groups](const char* probe, const std::string& value) {
+      groups[0]->find(BAS::String(probe))->value()->setValue(BAS::String(value));
+    };
+    const auto update = [&plugIn](const char* key, const std::string& value) {
+      BAS::RegistryEntry entry("NumberPortability");
+      entry.add(key, value);
+      BAS::ProtectedBool taken(false);
+      return plugIn->registryUpdate(&entry, taken);
+    };
+    // Per number: group 1 then and later, group 2, group 3; "-" where none holds.
+    const auto answers = [lookups](int index) {
+      const std::string numbers[] = {number(1, index), number(1, index), number(2, index), number(3, index)};
+      const std::string_view keys[] = {numbers[0], numbers[1], numbers[2], numbers[3]};
+      const BAS::DateTime then(BAS::String("20210101000000")), later(BAS::String("20300101000000"));
+      const BAS::DateTime dates[] = {then, later, later, later};
+      PortabilityLookup::Answer found[4];
+      bool hit[4] = {};
+      lookups->lookUp(keys, dates, 4, found, hit);
+      std::vector<std::string> result;
+      for (int i = 0; i < 4; ++i) result.push_back(hit[i] ? std::string(found[i].networkOperator.view()) : "-");
+      return result;
+    };
 
-    std::atomic<bool> stop{false};
-    std::atomic<long> found{0}, missed{0};
-    finishesWithin(
-        [&] {
-          std::vector<std::thread> lookups;
-          for (unsigned t = 0; t < readerThreads(); ++t) {
-            lookups.emplace_back([&, t] {
-              const BAS::DateTime when(BAS::String("20240101000000"));
-              DAT::NumberPortability::NumberPortabilityData result;
-              for (unsigned i = t; !stop.load(); i += 7) {
-                const BAS::String number("004930" + std::to_string(100'000 + i % 20'000));
-                (plugIn->search(number, when, result) ? found : missed).fetch_add(1);
-              }
-            });
+    std::atomic<bool> busy{true};
+    std::atomic<long> lookupsDone{0}, faults{0};
+    finishesWithin([&] {
+      std::vector<std::thread> threads;
+      for (unsigned t = 0; t < threadsBeyondCores(); ++t) {
+        threads.emplace_back([&, t] {
+          // Once a reader has seen a change on one number it must see it on every later one:
+          // a partly filled tree breaks that at once.
+          bool seen[4] = {};
+          for (unsigned step = t; busy.load(); step += 7, lookupsDone.fetch_add(1)) {
+            const int i = static_cast<int>(step % 600);
+            const std::vector<std::string> got = answers(i);
+            const std::string before[] = {"BASE", "BASE", "-", "-"}, after[] = {"BASE", "NEW", "P", "U"};
+            for (int k = 0; k < 4; ++k) {
+              const std::string old = before[k] == "-" ? "-" : before[k] + std::to_string(i);
+              const std::string fresh = after[k] + std::to_string(i);
+              if (got[static_cast<std::size_t>(k)] != fresh && (seen[k] || got[static_cast<std::size_t>(k)] != old)) faults.fetch_add(1);
+              seen[k] = seen[k] || got[static_cast<std::size_t>(k)] == fresh;
+            }
           }
-          for (int round = 0; round < 10; ++round) {
-            BAS::RegistryEntry update("NumberPortability");
-            update.child("Reload").setValue("TRUE");
-            BAS::ProtectedBool taken(false);
-            EXPECT_TRUE(plugIn->registryUpdate(&update, taken));
-            EXPECT_TRUE(taken.get());
-          }
-          const long before = found.load();
-          while (found.load() < before + 1000) std::this_thread::yield();
-          stop = true;
-          for (std::thread& lookup : lookups) lookup.join();
-        },
-        60s);
-    EXPECT_EQ(missed.load(), 0);
-    plugIn->shutdown();
+        });
+      }
+      std::thread poster([&] {
+        for (int round = 0; round < 9; ++round) {
+          post(round % 3 == 0 ? "deltaLoad" : round % 3 == 1 ? "printData" : "reload",
+               round % 3 == 0 ? probeDelta : round % 3 == 1 ? (folder / "probe-print.txt").string() : "TRUE");
+          std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+      });
+      for (int round = 0; round < 9; ++round) {
+        EXPECT_TRUE(round % 3 == 0   ? update("Reload", "")
+                    : round % 3 == 1 ? update("AdditionalNumPortData", updateDelta)
+                                     : update("PrintData", (folder / "update-print.txt").string()));
+      }
+      poster.join();
+      // Both deltas once more, so that the final data is known whatever the worker merged, and
+      // a last probe request: once it is reported, the worker has nothing left to do.
+      EXPECT_TRUE(update("AdditionalNumPortData", probeDelta) && update("AdditionalNumPortData", updateDelta));
+      post("printData", (folder / "final-print.txt").string());
+      const std::vector<BAS::String> finalReport = {"2400", "File : " + (folder / "final-print.txt").string()};
+      for (bool reported = false; !reported; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+        for (const BAS::LogRecord& record : sink->withId("INF_NUM_PORT_PRINT_DATA")) reported = reported || record.args == finalReport;
+      }
+      busy = false;
+      for (std::thread& thread : threads) thread.join();
+    });
+    EXPECT_GT(lookupsDone.load(), 100);
+    EXPECT_EQ(faults.load(), 0);
+    for (const char* error : {"ERR_NUM_PORT_RELOAD", "ERR_NUM_PORT_DELTALOAD", "ERR_CLOSE_NP_FILE", "ERR_FILE_NOT_FOUND",
+                              "EVT::RELOAD_FAILED", "EVT::ADD_NUM_PORT_DATA_FAILED"}) {
+      EXPECT_EQ(sink->count(error), 0u) << error;
+    }
+    // The published data, the main data file and the other tree all hold every record.
+    std::ifstream printed(folder / "final-print.txt"), merged(data);
+    const std::string dump((std::istreambuf_iterator<char>(printed)), {}), main((std::istreambuf_iterator<char>(merged)), {});
+    EXPECT_NE(dump.find(main), std::string::npos);
+    for (int pass = 0; pass < 2; ++pass) {
+      for (int i = 0; i < 600; ++i) {
+        const std::string n = std::to_string(i);
+        ASSERT_EQ(answers(i), (std::vector<std::string>{"BASE" + n, "NEW" + n, "P" + n, "U" + n})) << "pass " << pass;
+      }
+      ASSERT_TRUE(update("AdditionalNumPortData", file("empty.txt", "")));
+    }
+    // A stop while the worker's reload is reading.
+    const std::size_t opened = sink->count("INF_FILE_OPENED");
+    post("reload", "TRUE");
+    ASSERT_TRUE(sink->waitFor(BAS::String("INF_FILE_OPENED"), opened + 1, std::chrono::seconds(60)));
+    finishesWithin([&] {
+      EXPECT_TRUE(plugIn->shutdown());
+      plugIn.reset();
+    });
+    EXPECT_EQ(sink->count("ERR_NUM_PORT_RELOAD"), 0u);
   }
   dlclose(library);
   std::filesystem::remove_all(folder);
