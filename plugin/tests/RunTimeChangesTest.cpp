@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -46,15 +47,14 @@ struct Started {
 TEST(RunTimeChanges, EachRoadReportsSendsAndPublishesItsOutcome) {
   struct Row {
     const char* label;
-    bool byProbe;
-    Keys request;                     // the update's keys, or the probe and its value
+    Keys request;                     // an update's keys, or (lower-case key) the probe and its value
     std::optional<std::string> data;  // the main data file before the request; nothing: removed
     const char* delta;                // the delta file; null: absent
     bool result;                      // of the update; a probe write always succeeds
     std::vector<Report> statuses;     // "<data>", "<delta>", "<out>" stand for the paths
     Strings events;
     std::string answers;
-    std::optional<std::string> printed;  // "<out>" afterwards; nothing: not written
+    std::optional<std::string> printed;  // into "<out>" or (when "-") to standard output; nothing: not printed
     bool usable = true;
     std::optional<std::string> dataAfter = std::nullopt;  // the main data file afterwards, if rewritten
     bool eventHandler = true;
@@ -67,62 +67,71 @@ TEST(RunTimeChanges, EachRoadReportsSendsAndPublishesItsOutcome) {
   const auto duplicate = [](int line) {
     return NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", "<delta>", line, {"004930111111", "20200101000000"});
   };
+  const auto printed = [](const char* destination) { return Report{"INF_NUM_PORT_PRINT_DATA", 1, {"1", destination}}; };
   const std::string reloaded = "EVT::RELOAD_SUCCESSFUL -> EventHandler", reloadFailed = "EVT::RELOAD_FAILED -> EventHandler";
-  const std::string added = "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL -> EventHandler";
-  const char* const twoNewAndADuplicate = "030333333 20200101000000 D1\n030444444 20200101000000 D2\n030111111 20200101000000 DUP\n";
+  const std::string added = "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL -> EventHandler", old = NpTest::dumpBanner + oldDump;
+  const char* const twoNew = "030333333 20200101000000 D1\n030444444 20200101000000 D2\n";
+  const char* const duplicateOnly = "030111111 20200101000000 DUP\n";
   const Row rows[] = {
-      {"update: no command key does nothing", false, {{"ReuseOnFailure", "FALSE"}, {"FileName", "/nowhere"}}, newData, nullptr,
-       true, {}, {}, "OLD - -", std::nullopt},
-      {"update: reload, then print", false, {{"Reload", "now"}, {"PrintData", "<out>"}}, newData, nullptr, true,
+      {"update: no command key does nothing", {{"ReuseOnFailure", "FALSE"}, {"FileName", "/nowhere"}}, newData, nullptr, true,
+       {}, {}, "OLD - -", std::nullopt},
+      {"update: reload, then print", {{"Reload", "now"}, {"PrintData", "<out>"}}, newData, nullptr, true,
        {reloadAnnounced, dataOpened, dataOpened, oldDeleted, {"INF_NUM_NPORT_RELOADED", 1, {"1"}}},
        {reloaded}, "- NEW -", NpTest::dumpBanner + newDump},
-      {"update: failed reload without reuse skips the print", false,
-       {{"Reload", ""}, {"ReuseOnFailure", "FaLsE"}, {"PrintData", "<out>"}}, newWithBadLastLine, nullptr, false,
-       {reloadAnnounced, dataOpened, dataOpened, badLine}, {reloadFailed}, "OLD - -", std::nullopt, false},
+      {"update: failed reload without reuse skips the print", {{"Reload", ""}, {"ReuseOnFailure", "FaLsE"}, {"PrintData", "<out>"}},
+       newWithBadLastLine, nullptr, false, {reloadAnnounced, dataOpened, dataOpened, badLine}, {reloadFailed}, "OLD - -",
+       std::nullopt, false},
       // With reuse the update goes on to the print step, which prints the data still in service.
-      {"update: reload of a missing file with reuse", false,
-       {{"Reload", ""}, {"ReuseOnFailure", "TRUE"}, {"PrintData", "<out>"}}, std::nullopt, nullptr, true,
-       {reloadAnnounced, dataMissing}, {reloadFailed}, "OLD - -", NpTest::dumpBanner + oldDump},
-      {"update: ReuseOnFailure other than TRUE or FALSE is refused", false, {{"Reload", ""}, {"ReuseOnFailure", " true"}},
-       newData, nullptr, false, {{"ERR_INVALID_REG_VALUE", 5, {" TRUE", "ReuseOnFailure"}}}, {}, "OLD - -", std::nullopt},
-      {"update: delta load, then print", false, {{"AdditionalNumPortData", "<delta>"}, {"PrintData", "<out>"}},
-       oldData, "030333333 20200101000000 D1\n030444444 20200101000000 D2\n", true,
+      {"update: reload of a missing file with reuse", {{"Reload", ""}, {"ReuseOnFailure", "TRUE"}, {"PrintData", "<out>"}},
+       std::nullopt, nullptr, true, {reloadAnnounced, dataMissing}, {reloadFailed}, "OLD - -", old},
+      {"update: ReuseOnFailure other than TRUE or FALSE is refused", {{"Reload", ""}, {"ReuseOnFailure", " true"}}, newData,
+       nullptr, false, {{"ERR_INVALID_REG_VALUE", 5, {" TRUE", "ReuseOnFailure"}}}, {}, "OLD - -", std::nullopt},
+      {"update: delta load, then print", {{"AdditionalNumPortData", "<delta>"}, {"PrintData", "<out>"}}, oldData, twoNew, true,
        {addAnnounced, deltaOpened, deltaOpened, deltaClosed, {"INF_NUM_NPORT_ADDED", 1, {"2"}}},
-       {added}, "OLD - D1", NpTest::dumpBanner + oldDump + twoNewDump, true, oldDump + twoNewDump},
-      {"update: delta load that adds nothing", false, {{"AdditionalNumPortData", "<delta>"}}, oldData,
-       "030111111 20200101000000 DUP\n", true,
+       {added}, "OLD - D1", old + twoNewDump, true, oldDump + twoNewDump},
+      {"update: delta load that adds nothing", {{"AdditionalNumPortData", "<delta>"}}, oldData, duplicateOnly, true,
        {addAnnounced, deltaOpened, deltaOpened, duplicate(1), duplicate(1), deltaClosed, {"INF_NUM_NPORT_ADDED", 1, {"0"}}},
        {added}, "OLD - -", std::nullopt, true, oldDump},
-      {"update: missing delta file skips the print", false,
-       {{"AdditionalNumPortData", "<delta>"}, {"PrintData", "<out>"}}, oldData, nullptr, false,
-       {addAnnounced, deltaMissing}, {"EVT::ADD_NUM_PORT_DATA_FAILED -> EventHandler"}, "OLD - -", std::nullopt},
-      {"update: reload together with delta load is refused", false,
-       {{"Reload", ""}, {"AdditionalNumPortData", "<delta>"}}, newData, "030333333 20200101000000 D\n", false,
+      {"update: missing delta file skips the print", {{"AdditionalNumPortData", "<delta>"}, {"PrintData", "<out>"}}, oldData,
+       nullptr, false, {addAnnounced, deltaMissing}, {"EVT::ADD_NUM_PORT_DATA_FAILED -> EventHandler"}, "OLD - -", std::nullopt},
+      {"update: reload together with delta load is refused", {{"Reload", ""}, {"AdditionalNumPortData", "<delta>"}}, newData,
+       twoNew, false,
        {{"ERR_INVALID_REG_ENTRIES", 5, {"Both 'Reload' and 'AdditionalNumPortData' can not be specified in update registry."}}},
        {}, "OLD - -", std::nullopt},
+      {"update: NULL is a file name, and reports nothing", {{"PrintData", "NULL"}}, oldData, nullptr, true, {}, {}, "OLD - -", old},
+      {"update: empty print destination is standard output", {{"PrintData", ""}}, oldData, nullptr, true, {}, {}, "OLD - -", "-"},
       // The worker announces nothing of its own, checks no file before the cache does, leaves a
       // delta file open and the usable flag as the reload's file check set it.
-      {"probe: reload value false in any case turns reuse off", true, {{"reload", "FaLsE"}}, newWithBadLastLine, nullptr, true,
+      {"probe: reload value false in any case turns reuse off", {{"reload", "FaLsE"}}, newWithBadLastLine, nullptr, true,
        {dataOpened, badLine, {"ERR_NUM_PORT_RELOAD", 4, {"<data>"}}}, {reloadFailed}, "OLD - -", std::nullopt},
-      {"probe: reload with any other value reuses", true, {{"reload", "no"}}, newWithBadLastLine, nullptr, true,
+      {"probe: reload with any other value reuses", {{"reload", "no"}}, newWithBadLastLine, nullptr, true,
        {dataOpened, badLine, badLine, oldDeleted, {"INF_NUM_NPORT_RELOADED", 1, {"1"}}}, {reloaded}, "- NEW -", std::nullopt},
-      {"probe: reload of a missing file, no event handler", true, {{"reload", "TRUE"}}, std::nullopt, nullptr, true,
+      {"probe: reload of a missing file, no event handler", {{"reload", "TRUE"}}, std::nullopt, nullptr, true,
        {dataMissing, {"ERR_NUM_PORT_RELOAD", 4, {"<data>"}}}, {"EVT::RELOAD_FAILED -> nobody (lost)"}, "OLD - -",
        std::nullopt, false, std::nullopt, false},
-      {"probe: delta load names the file with the count", true, {{"deltaLoad", "<delta>"}}, oldData,
-       twoNewAndADuplicate, true, {deltaOpened, duplicate(3), duplicate(3), {"INF_NUM_NPORT_ADDED", 1, {"2 : <delta>"}}},
-       {added}, "OLD - D1", std::nullopt, true, oldDump + twoNewDump},
-      {"probe: delta load that adds nothing reports no count", true, {{"deltaLoad", "<delta>"}}, oldData,
-       "030111111 20200101000000 DUP\n", true, {deltaOpened, duplicate(1), duplicate(1)}, {added}, "OLD - -",
-       std::nullopt, true, oldDump},
-      {"probe: missing delta file, no event handler", true, {{"deltaLoad", "<delta>"}}, oldData, nullptr, true,
+      {"probe: delta load names the file with the count", {{"deltaLoad", "<delta>"}}, oldData,
+       "030333333 20200101000000 D1\n030444444 20200101000000 D2\n030111111 20200101000000 DUP\n", true,
+       {deltaOpened, duplicate(3), duplicate(3), {"INF_NUM_NPORT_ADDED", 1, {"2 : <delta>"}}}, {added}, "OLD - D1",
+       std::nullopt, true, oldDump + twoNewDump},
+      {"probe: delta load that adds nothing reports no count", {{"deltaLoad", "<delta>"}}, oldData, duplicateOnly, true,
+       {deltaOpened, duplicate(1), duplicate(1)}, {added}, "OLD - -", std::nullopt, true, oldDump},
+      {"probe: missing delta file, no event handler", {{"deltaLoad", "<delta>"}}, oldData, nullptr, true,
        {deltaMissing, {"ERR_NUM_PORT_DELTALOAD", 4, {"<delta>"}}}, {"EVT::ADD_NUM_PORT_DATA_FAILED -> nobody (lost)"},
        "OLD - -", std::nullopt, true, std::nullopt, false},
+      {"probe: print to a file keeps the name's case", {{"printData", "<out>"}}, oldData, nullptr, true,
+       {printed("File : <out>")}, {}, "OLD - -", old},
+      {"probe: NULL in any case is standard output", {{"printData", "NuLl"}}, oldData, nullptr, true, {printed("Console")}, {},
+       "OLD - -", "-"},
+      {"probe: an empty value is passed on as the null string", {{"printData", ""}}, oldData, nullptr, true, {printed("File : ")},
+       {}, "OLD - -", "-"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.label);
     Started s(row.eventHandler);
-    const std::string delta = s.env.dir.path("delta.txt"), out = s.env.dir.path("out.txt");
+    // A relative destination "NULL" names the same file as "<out>".
+    const std::string delta = s.env.dir.path("delta.txt"), out = s.env.dir.path("NULL");
+    const std::filesystem::path previous = std::filesystem::current_path();
+    std::filesystem::current_path(s.env.dir.path());
     auto expand = [&](std::string text) {
       for (const auto& [name, path] : {std::pair{"<data>", s.dataFile}, {"<delta>", delta}, {"<out>", out}}) {
         for (std::size_t at; (at = text.find(name)) != std::string::npos;) text.replace(at, std::strlen(name), path);
@@ -138,58 +147,24 @@ TEST(RunTimeChanges, EachRoadReportsSendsAndPublishesItsOutcome) {
     for (Report& line : expected) {
       for (std::string& arg : line.args) arg = expand(arg);
     }
-    if (row.byProbe) {
+    if (row.printed == "-") testing::internal::CaptureStdout();
+    if (std::islower(static_cast<unsigned char>(request[0].first[0]))) {
       s.env.post(request[0].first, request[0].second);
       // The worker's event, or its last status when it sends none, ends its cycle.
       ASSERT_TRUE(s.env.waitFor(row.events.empty() ? expected.back().id : row.events[0].substr(0, row.events[0].find(' '))));
     } else {
       EXPECT_EQ(s.env.update(request, s.taken), row.result);
-      EXPECT_EQ(s.taken.get(), !expected.empty());
+      EXPECT_EQ(s.taken.get(), !expected.empty() || row.printed.has_value());
     }
+    const bool printedToFile = std::filesystem::exists(out);
+    const std::string whatPrinted = row.printed == "-" ? testing::internal::GetCapturedStdout() : NpTest::readText(out);
+    std::filesystem::current_path(previous);
     EXPECT_EQ(s.env.statuses(), expected);
     EXPECT_EQ(s.env.events(), row.events);
     EXPECT_EQ(s.answers(), row.answers);
     EXPECT_EQ(s.env.plugIn->isUsable(), row.usable);
-    EXPECT_EQ(std::filesystem::exists(out) ? std::optional(NpTest::readText(out)) : std::nullopt, row.printed);
+    EXPECT_EQ(printedToFile || row.printed == "-" ? std::optional(whatPrinted) : std::nullopt, row.printed == "-" ? old : row.printed);
     EXPECT_EQ(NpTest::readText(s.dataFile), row.dataAfter.value_or(row.data.value_or("")));
-  }
-}
-
-// The worker's road reads NULL in any case as standard output and reports the destination;
-// the update's road takes NULL as a file name, an empty value as standard output, and reports
-// nothing. A probe's empty value is no keyword: it is passed on as the null string.
-TEST(RunTimeChanges, PrintDestinationsOfBothRoads) {
-  struct Row {
-    bool byProbe;
-    std::string value;        // "<dir>" stands for the test's folder
-    bool toStandardOutput;
-    std::string destination;  // the worker's report, "<dir>" as above
-  };
-  const Row rows[] = {{true, "NULL", true, "Console"},        {true, "NuLl", true, "Console"},
-                      {true, "<dir>/Dump.TXT", false, "File : <dir>/Dump.TXT"}, {true, "", true, "File : "},
-                      {false, "<dir>/Print.Out", false, ""}, {false, "NULL", false, ""}, {false, "", true, ""}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE((row.byProbe ? "probe \"" : "update \"") + row.value + "\"");
-    Started s;
-    const std::filesystem::path previous = std::filesystem::current_path();
-    std::filesystem::current_path(s.env.dir.path());
-    auto expand = [&](std::string text) {
-      return text.find("<dir>") == std::string::npos ? text : text.replace(text.find("<dir>"), 5, s.env.dir.path().string());
-    };
-    const std::string value = expand(row.value);
-    if (row.toStandardOutput) testing::internal::CaptureStdout();
-    if (row.byProbe) {
-      s.env.post("printData", value);
-      EXPECT_TRUE(s.env.waitFor("INF_NUM_PORT_PRINT_DATA"));
-    } else {
-      EXPECT_TRUE(s.env.update({{"PrintData", value}}, s.taken));
-      EXPECT_TRUE(s.taken.get());
-    }
-    const std::string captured = row.toStandardOutput ? testing::internal::GetCapturedStdout() : NpTest::readText(value);
-    std::filesystem::current_path(previous);
-    EXPECT_EQ(captured, NpTest::dumpBanner + oldDump);
-    const std::vector<Report> reported = {{"INF_NUM_PORT_PRINT_DATA", 1, {"1", expand(row.destination)}}};
-    EXPECT_EQ(s.env.statuses(), row.byProbe ? reported : std::vector<Report>{});
   }
 }
 
