@@ -1,13 +1,13 @@
-// What the library exports, and the construction chain: the event handler question, the probe
-// file, and the probes a valid plug-in offers. The entry points themselves are driven as a
-// host drives them in boundary/LibraryBoundaryTest.cpp.
+// What the library exports, and the construction chain: the event handler question and the
+// probe file. The entry points themselves are driven as a host drives them, and the probes by
+// name, in the other tests.
 #include "plugin/tests/TestEnvironment.h"
 
 #include "BAS/InstrumentationProbeList.h"
 #include "BAS/Message.h"
 
 #include <cstdio>
-#include <filesystem>
+#include <tuple>
 #include <set>
 #include <sstream>
 
@@ -36,62 +36,37 @@ TEST(PlugInLibrary, ExportsExactlyItsEntryPoints) {
 // The event handler's name comes from the framework, or from a root that answers the request
 // with exactly one value; any other answer is no failure and is not reported.
 TEST(PlugInConstruction, EventHandlerNameIsTakenOnlyFromASingleAnswer) {
-  struct Row {
-    std::optional<Strings> rootAnswer;  // set: the root answers with these values
-    bool rootAnswers;
-    std::string expected;
-  };
-  const Row rows[] = {{std::nullopt, true, "FromFramework"}, {Strings{"Custom"}, true, "Custom"},
-                      {Strings{"One", "Two"}, true, ""},     {Strings{}, true, ""},
-                      {Strings{"Ignored"}, false, ""}};
-  for (const Row& row : rows) {
+  const std::tuple<Strings, bool, std::string> rows[] = {
+      {{"Custom"}, true, "Custom"}, {{"One", "Two"}, true, ""}, {{}, true, ""}, {{"Ignored"}, false, ""}};
+  for (const auto& [answer, answered, expected] : rows) {
     TestEnvironment env;
-    if (!row.rootAnswer) env.framework.setEventHandlerName(BAS::String("FromFramework"));
-    std::vector<Strings> requests;  // sender, receiver, id, argument
-    if (row.rootAnswer) {
-      env.framework.setRootRequestHandler([&requests, &row](BAS::Message& request) {
-        requests.push_back({request.sender().str(), request.receiver().str(), request.messageId().str(), request.argument().str()});
-        for (const std::string& value : *row.rootAnswer) request.answer().push_back(BAS::String(value));
-        return row.rootAnswers;
-      });
-    }
-    env.configureData("");
+    Strings asked;
+    env.framework.setRootRequestHandler([&, &answer = answer, answered = answered](BAS::Message& request) {
+      asked = {request.sender().str(), request.receiver().str(), request.messageId().str(), request.argument().str()};
+      for (const std::string& value : answer) request.answer().push_back(BAS::String(value));
+      return answered;
+    });
+    env.configure("");
     EXPECT_TRUE(NpTest::isValid(env.make()));
-    EXPECT_EQ(env.plugIn->eventHandlerName(), BAS::String(row.expected)) << row.expected;
-    const Strings asked = {"NumberPortability", "Framework", "REQ_EVENTHANDLER_NAME", ""};
-    EXPECT_EQ(requests, row.rootAnswer ? std::vector<Strings>{asked} : std::vector<Strings>{});
+    EXPECT_EQ(env.plugIn->eventHandlerName(), BAS::String(expected)) << expected;
+    EXPECT_EQ(asked, (Strings{"NumberPortability", "Framework", "REQ_EVENTHANDLER_NAME", ""}));
     EXPECT_EQ(env.sink->records().size(), 1u) << "only the file check is reported";
   }
 }
 
-// Without its probe file the plug-in is invalid, and never usable; with it, the group offers
-// its three probes whether or not the file describes them, and reading one gives no value.
-TEST(PlugInConstruction, ProbeFileDecidesValidityAndTheGroupOffersThreeProbes) {
-  for (const bool withFile : {false, true}) {
-    SCOPED_TRACE(withFile ? "probe file without the group entry" : "no probe file");
-    TestEnvironment env;
-    const std::string probeDirectory = env.dir.path("probes");
-    std::filesystem::create_directory(probeDirectory);
-    if (withFile) NpTest::writeText(probeDirectory + "/DAT_NumberPortability.probe", "[reload]\ndescription = \"reloads\"\n");
-    env.framework.setProbeDirectory(BAS::String(probeDirectory));
-    env.configureData("");
-    NpTest::PlugIn& plugIn = env.make();
-    EXPECT_EQ(NpTest::isValid(plugIn), withFile);
-    EXPECT_EQ(plugIn.isUsable(), withFile);
-    BAS::InstrumentationProbeList groups{nullptr};  // getInstrumentationProbe appends
-    plugIn.getInstrumentationProbe(groups);
-    ASSERT_EQ(groups.size(), withFile ? 2u : 1u);
-    if (!withFile) continue;
-    EXPECT_EQ(groups[1]->info().name, BAS::String("numberPortabilityGroup"));
-    Strings names;
-    for (const BAS::InstrumentationProbeAttribute* attribute : groups[1]->attributes()) {
-      names.push_back(attribute->info().name.str() + ":" + attribute->info().description.str());
-      BAS::String value("untouched");
-      EXPECT_FALSE(attribute->value()->getValue(value, false));
-      EXPECT_EQ(value, BAS::String("untouched"));
-    }
-    EXPECT_EQ(names, (Strings{"reload:reloads", "deltaLoad:", "printData:"}));
-  }
+// Without its probe file the plug-in is invalid, never usable, and offers no probes.
+TEST(PlugInConstruction, WithoutItsProbeFileThePlugInIsInvalid) {
+  TestEnvironment env;
+  env.framework.setProbeDirectory(BAS::String(env.dir.path().string()));
+  env.configure("");
+  NpTest::PlugIn& plugIn = env.make();
+  EXPECT_FALSE(NpTest::isValid(plugIn) || plugIn.isUsable());
+  BAS::InstrumentationProbeList groups;
+  plugIn.getInstrumentationProbe(groups);
+  EXPECT_TRUE(groups.empty());
+  EXPECT_EQ(env.statuses(), (std::vector<NpTest::Report>{{"INF_FILE_OPENED", 1, {"np.txt"}},
+                                                         {"ERR_PROBE_INFO_FILE", 5, {env.dir.path("DAT_NumberPortability.probe"),
+                                                                                     "it cannot be opened (No such file or directory)"}}}));
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 
@@ -30,17 +29,13 @@ const std::string twoNewDump = "004930333333  20200101000000  D1\n004930444444  
 
 // A started plug-in on the old data, with the log emptied.
 struct Started {
-  explicit Started(bool withEventHandler = true) {
+  explicit Started(bool withEventHandler) {
     if (withEventHandler) env.framework.setEventHandlerName(BAS::String("EventHandler"));
+    env.configure(oldData);
     env.start();
     env.sink->clear();
   }
-  // The operators that answer for 004930111111, 004930222222 and 004930333333.
-  std::string answers() {
-    return env.lookup("004930111111") + " " + env.lookup("004930222222") + " " + env.lookup("004930333333");
-  }
   TestEnvironment env;
-  const std::string dataFile = env.configureData(oldData);
   BAS::ProtectedBool taken{false};
 };
 
@@ -51,21 +46,21 @@ TEST(RunTimeChanges, EachRoadReportsSendsAndPublishesItsOutcome) {
     std::optional<std::string> data;  // the main data file before the request; nothing: removed
     const char* delta;                // the delta file; null: absent
     bool result;                      // of the update; a probe write always succeeds
-    std::vector<Report> statuses;     // "<data>", "<delta>", "<out>" stand for the paths
+    std::vector<Report> statuses;
     Strings events;
     std::string answers;
-    std::optional<std::string> printed;  // into "<out>" or (when "-") to standard output; nothing: not printed
+    std::optional<std::string> printed;  // into the file NULL or (when "-") to standard output; nothing: not printed
     bool usable = true;
     std::optional<std::string> dataAfter = std::nullopt;  // the main data file afterwards, if rewritten
     bool eventHandler = true;
   };
   const Report reloadAnnounced{"INF_RELOAD_DATA", 1, {"NumberPortability"}}, addAnnounced{"INF_ADD_DATA", 1, {"NumberPortability"}};
-  const Report dataOpened{"INF_FILE_OPENED", 1, {"<data>"}}, deltaOpened{"INF_FILE_OPENED", 1, {"<delta>"}};
-  const Report dataMissing{"ERR_FILE_NOT_FOUND", 4, {"<data>"}}, deltaMissing{"ERR_FILE_NOT_FOUND", 4, {"<delta>"}};
-  const Report deltaClosed{"INF_FILE_CLOSED", 1, {"<delta>"}}, oldDeleted{"INF_DELETE_OLD_DATA", 1, {"NumberPortability"}};
-  const Report badLine = NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", "<data>", 2, {"2", "3", "030999999 20200101000000"});
+  const Report dataOpened{"INF_FILE_OPENED", 1, {"np.txt"}}, deltaOpened{"INF_FILE_OPENED", 1, {"delta.txt"}};
+  const Report dataMissing{"ERR_FILE_NOT_FOUND", 4, {"np.txt"}}, deltaMissing{"ERR_FILE_NOT_FOUND", 4, {"delta.txt"}};
+  const Report deltaClosed{"INF_FILE_CLOSED", 1, {"delta.txt"}}, oldDeleted{"INF_DELETE_OLD_DATA", 1, {"NumberPortability"}};
+  const Report badLine = NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", "np.txt", 2, {"2", "3", "030999999 20200101000000"});
   const auto duplicate = [](int line) {
-    return NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", "<delta>", line, {"004930111111", "20200101000000"});
+    return NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", "delta.txt", line, {"004930111111", "20200101000000"});
   };
   const auto printed = [](const char* destination) { return Report{"INF_NUM_PORT_PRINT_DATA", 1, {"1", destination}}; };
   const std::string reloaded = "EVT::RELOAD_SUCCESSFUL -> EventHandler", reloadFailed = "EVT::RELOAD_FAILED -> EventHandler";
@@ -75,51 +70,51 @@ TEST(RunTimeChanges, EachRoadReportsSendsAndPublishesItsOutcome) {
   const Row rows[] = {
       {"update: no command key does nothing", {{"ReuseOnFailure", "FALSE"}, {"FileName", "/nowhere"}}, newData, nullptr, true,
        {}, {}, "OLD - -", std::nullopt},
-      {"update: reload, then print", {{"Reload", "now"}, {"PrintData", "<out>"}}, newData, nullptr, true,
+      // The update's road takes NULL for a file name.
+      {"update: reload, then print", {{"Reload", "now"}, {"PrintData", "NULL"}}, newData, nullptr, true,
        {reloadAnnounced, dataOpened, dataOpened, oldDeleted, {"INF_NUM_NPORT_RELOADED", 1, {"1"}}},
        {reloaded}, "- NEW -", NpTest::dumpBanner + newDump},
-      {"update: failed reload without reuse skips the print", {{"Reload", ""}, {"ReuseOnFailure", "FaLsE"}, {"PrintData", "<out>"}},
+      {"update: failed reload without reuse skips the print", {{"Reload", ""}, {"ReuseOnFailure", "FaLsE"}, {"PrintData", "NULL"}},
        newWithBadLastLine, nullptr, false, {reloadAnnounced, dataOpened, dataOpened, badLine}, {reloadFailed}, "OLD - -",
        std::nullopt, false},
       // With reuse the update goes on to the print step, which prints the data still in service.
-      {"update: reload of a missing file with reuse", {{"Reload", ""}, {"ReuseOnFailure", "TRUE"}, {"PrintData", "<out>"}},
+      {"update: reload of a missing file with reuse", {{"Reload", ""}, {"ReuseOnFailure", "TRUE"}, {"PrintData", "NULL"}},
        std::nullopt, nullptr, true, {reloadAnnounced, dataMissing}, {reloadFailed}, "OLD - -", old},
       {"update: ReuseOnFailure other than TRUE or FALSE is refused", {{"Reload", ""}, {"ReuseOnFailure", " true"}}, newData,
        nullptr, false, {{"ERR_INVALID_REG_VALUE", 5, {" TRUE", "ReuseOnFailure"}}}, {}, "OLD - -", std::nullopt},
-      {"update: delta load, then print", {{"AdditionalNumPortData", "<delta>"}, {"PrintData", "<out>"}}, oldData, twoNew, true,
+      {"update: delta load, then print", {{"AdditionalNumPortData", "delta.txt"}, {"PrintData", "NULL"}}, oldData, twoNew, true,
        {addAnnounced, deltaOpened, deltaOpened, deltaClosed, {"INF_NUM_NPORT_ADDED", 1, {"2"}}},
        {added}, "OLD - D1", old + twoNewDump, true, oldDump + twoNewDump},
-      {"update: delta load that adds nothing", {{"AdditionalNumPortData", "<delta>"}}, oldData, duplicateOnly, true,
+      {"update: delta load that adds nothing", {{"AdditionalNumPortData", "delta.txt"}}, oldData, duplicateOnly, true,
        {addAnnounced, deltaOpened, deltaOpened, duplicate(1), duplicate(1), deltaClosed, {"INF_NUM_NPORT_ADDED", 1, {"0"}}},
        {added}, "OLD - -", std::nullopt, true, oldDump},
-      {"update: missing delta file skips the print", {{"AdditionalNumPortData", "<delta>"}, {"PrintData", "<out>"}}, oldData,
+      {"update: missing delta file skips the print", {{"AdditionalNumPortData", "delta.txt"}, {"PrintData", "NULL"}}, oldData,
        nullptr, false, {addAnnounced, deltaMissing}, {"EVT::ADD_NUM_PORT_DATA_FAILED -> EventHandler"}, "OLD - -", std::nullopt},
-      {"update: reload together with delta load is refused", {{"Reload", ""}, {"AdditionalNumPortData", "<delta>"}}, newData,
+      {"update: reload together with delta load is refused", {{"Reload", ""}, {"AdditionalNumPortData", "delta.txt"}}, newData,
        twoNew, false,
        {{"ERR_INVALID_REG_ENTRIES", 5, {"Both 'Reload' and 'AdditionalNumPortData' can not be specified in update registry."}}},
        {}, "OLD - -", std::nullopt},
-      {"update: NULL is a file name, and reports nothing", {{"PrintData", "NULL"}}, oldData, nullptr, true, {}, {}, "OLD - -", old},
       {"update: empty print destination is standard output", {{"PrintData", ""}}, oldData, nullptr, true, {}, {}, "OLD - -", "-"},
       // The worker announces nothing of its own, checks no file before the cache does, leaves a
       // delta file open and the usable flag as the reload's file check set it.
       {"probe: reload value false in any case turns reuse off", {{"reload", "FaLsE"}}, newWithBadLastLine, nullptr, true,
-       {dataOpened, badLine, {"ERR_NUM_PORT_RELOAD", 4, {"<data>"}}}, {reloadFailed}, "OLD - -", std::nullopt},
+       {dataOpened, badLine, {"ERR_NUM_PORT_RELOAD", 4, {"np.txt"}}}, {reloadFailed}, "OLD - -", std::nullopt},
       {"probe: reload with any other value reuses", {{"reload", "no"}}, newWithBadLastLine, nullptr, true,
        {dataOpened, badLine, badLine, oldDeleted, {"INF_NUM_NPORT_RELOADED", 1, {"1"}}}, {reloaded}, "- NEW -", std::nullopt},
       {"probe: reload of a missing file, no event handler", {{"reload", "TRUE"}}, std::nullopt, nullptr, true,
-       {dataMissing, {"ERR_NUM_PORT_RELOAD", 4, {"<data>"}}}, {"EVT::RELOAD_FAILED -> nobody (lost)"}, "OLD - -",
+       {dataMissing, {"ERR_NUM_PORT_RELOAD", 4, {"np.txt"}}}, {"EVT::RELOAD_FAILED -> nobody (lost)"}, "OLD - -",
        std::nullopt, false, std::nullopt, false},
-      {"probe: delta load names the file with the count", {{"deltaLoad", "<delta>"}}, oldData,
+      {"probe: delta load names the file with the count", {{"deltaLoad", "delta.txt"}}, oldData,
        "030333333 20200101000000 D1\n030444444 20200101000000 D2\n030111111 20200101000000 DUP\n", true,
-       {deltaOpened, duplicate(3), duplicate(3), {"INF_NUM_NPORT_ADDED", 1, {"2 : <delta>"}}}, {added}, "OLD - D1",
+       {deltaOpened, duplicate(3), duplicate(3), {"INF_NUM_NPORT_ADDED", 1, {"2 : delta.txt"}}}, {added}, "OLD - D1",
        std::nullopt, true, oldDump + twoNewDump},
-      {"probe: delta load that adds nothing reports no count", {{"deltaLoad", "<delta>"}}, oldData, duplicateOnly, true,
+      {"probe: delta load that adds nothing reports no count", {{"deltaLoad", "delta.txt"}}, oldData, duplicateOnly, true,
        {deltaOpened, duplicate(1), duplicate(1)}, {added}, "OLD - -", std::nullopt, true, oldDump},
-      {"probe: missing delta file, no event handler", {{"deltaLoad", "<delta>"}}, oldData, nullptr, true,
-       {deltaMissing, {"ERR_NUM_PORT_DELTALOAD", 4, {"<delta>"}}}, {"EVT::ADD_NUM_PORT_DATA_FAILED -> nobody (lost)"},
+      {"probe: missing delta file, no event handler", {{"deltaLoad", "delta.txt"}}, oldData, nullptr, true,
+       {deltaMissing, {"ERR_NUM_PORT_DELTALOAD", 4, {"delta.txt"}}}, {"EVT::ADD_NUM_PORT_DATA_FAILED -> nobody (lost)"},
        "OLD - -", std::nullopt, true, std::nullopt, false},
-      {"probe: print to a file keeps the name's case", {{"printData", "<out>"}}, oldData, nullptr, true,
-       {printed("File : <out>")}, {}, "OLD - -", old},
+      {"probe: print to a file that is not NULL", {{"printData", "./NULL"}}, oldData, nullptr, true,
+       {printed("File : ./NULL")}, {}, "OLD - -", old},
       {"probe: NULL in any case is standard output", {{"printData", "NuLl"}}, oldData, nullptr, true, {printed("Console")}, {},
        "OLD - -", "-"},
       {"probe: an empty value is passed on as the null string", {{"printData", ""}}, oldData, nullptr, true, {printed("File : ")},
@@ -128,63 +123,46 @@ TEST(RunTimeChanges, EachRoadReportsSendsAndPublishesItsOutcome) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.label);
     Started s(row.eventHandler);
-    // A relative destination "NULL" names the same file as "<out>".
-    const std::string delta = s.env.dir.path("delta.txt"), out = s.env.dir.path("NULL");
-    const std::filesystem::path previous = std::filesystem::current_path();
-    std::filesystem::current_path(s.env.dir.path());
-    auto expand = [&](std::string text) {
-      for (const auto& [name, path] : {std::pair{"<data>", s.dataFile}, {"<delta>", delta}, {"<out>", out}}) {
-        for (std::size_t at; (at = text.find(name)) != std::string::npos;) text.replace(at, std::strlen(name), path);
-      }
-      return text;
-    };
-    if (row.data) NpTest::writeText(s.dataFile, *row.data);
-    else std::filesystem::remove(s.dataFile);
-    if (row.delta) NpTest::writeText(delta, row.delta);
-    Keys request;
-    for (const auto& [key, value] : row.request) request.push_back({key, expand(value)});
-    std::vector<Report> expected = row.statuses;
-    for (Report& line : expected) {
-      for (std::string& arg : line.args) arg = expand(arg);
-    }
+    if (row.data) NpTest::writeText("np.txt", *row.data);
+    else std::filesystem::remove("np.txt");
+    if (row.delta) NpTest::writeText("delta.txt", row.delta);
+    const Keys& request = row.request;
     if (row.printed == "-") testing::internal::CaptureStdout();
     if (std::islower(static_cast<unsigned char>(request[0].first[0]))) {
       s.env.post(request[0].first, request[0].second);
       // The worker's event, or its last status when it sends none, ends its cycle.
-      ASSERT_TRUE(s.env.waitFor(row.events.empty() ? expected.back().id : row.events[0].substr(0, row.events[0].find(' '))));
+      ASSERT_TRUE(s.env.waitFor(row.events.empty() ? row.statuses.back().id : row.events[0].substr(0, row.events[0].find(' '))));
     } else {
       EXPECT_EQ(s.env.update(request, s.taken), row.result);
-      EXPECT_EQ(s.taken.get(), !expected.empty() || row.printed.has_value());
+      EXPECT_EQ(s.taken.get(), !row.statuses.empty() || row.printed.has_value());
     }
-    const bool printedToFile = std::filesystem::exists(out);
-    const std::string whatPrinted = row.printed == "-" ? testing::internal::GetCapturedStdout() : NpTest::readText(out);
-    std::filesystem::current_path(previous);
-    EXPECT_EQ(s.env.statuses(), expected);
+    const bool printedToFile = std::filesystem::exists("NULL");
+    const std::string whatPrinted = row.printed == "-" ? testing::internal::GetCapturedStdout() : NpTest::readText("NULL");
+    EXPECT_EQ(s.env.statuses(), row.statuses);
     EXPECT_EQ(s.env.events(), row.events);
-    EXPECT_EQ(s.answers(), row.answers);
+    EXPECT_EQ(s.env.lookup("004930111111") + " " + s.env.lookup("004930222222") + " " + s.env.lookup("004930333333"), row.answers);
     EXPECT_EQ(s.env.plugIn->isUsable(), row.usable);
     EXPECT_EQ(printedToFile || row.printed == "-" ? std::optional(whatPrinted) : std::nullopt, row.printed == "-" ? old : row.printed);
-    EXPECT_EQ(NpTest::readText(s.dataFile), row.dataAfter.value_or(row.data.value_or("")));
+    EXPECT_EQ(NpTest::readText("np.txt"), row.dataAfter.value_or(row.data.value_or("")));
   }
 }
 
 // Posts while the worker is busy give one more cycle, with the last request only. The worker
-// is held inside a print into a FIFO whose small buffer is not read until then.
+// is held inside a print into a FIFO whose buffer is not read until then.
 TEST(RunTimeChanges, PostsWhileTheWorkerIsBusyGiveOneMoreCycleWithTheLastRequest) {
   TestEnvironment env;
   std::string records;
   for (int i = 0; i < 3000; ++i) records += "0301" + std::to_string(100000 + i) + " 20200101000000 OPX\n";
-  env.configureData(records);
+  env.configure(records);
   env.start();
-  const std::string fifo = env.dir.path("dump.fifo");
+  const std::string fifo = "dump.fifo", deltaB = "deltaB.txt";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   const int readEnd = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
-  ASSERT_GE(readEnd, 0);
   env.post("printData", fifo);
   pollfd readable{readEnd, POLLIN, 0};
-  ASSERT_EQ(::poll(&readable, 1, static_cast<int>(NpTest::waitLimit.count() * 1000)), 1) << "the print did not start";
-  env.post("deltaLoad", env.writeFile("deltaA.txt", "0308880001 20200101000000 DA\n"));
-  env.post("deltaLoad", env.writeFile("deltaB.txt", "0308880002 20200101000000 DB\n"));
+  ASSERT_EQ(::poll(&readable, 1, 60'000), 1) << "the print did not start";
+  env.post("deltaLoad", NpTest::writeText("deltaA.txt", "0308880001 20200101000000 DA\n"));
+  env.post("deltaLoad", NpTest::writeText(deltaB, "0308880002 20200101000000 DB\n"));
   ::fcntl(readEnd, F_SETFL, 0);
   char buffer[65536];
   std::size_t drained = 0;
@@ -193,10 +171,10 @@ TEST(RunTimeChanges, PostsWhileTheWorkerIsBusyGiveOneMoreCycleWithTheLastRequest
   EXPECT_EQ(drained, NpTest::dumpBanner.size() + 3000 * 35);
   ASSERT_TRUE(env.waitFor("EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"));
   // A further request, to be sure that no other cycle was still to come before it.
-  env.post("printData", env.dir.path("sync.txt"));
+  env.post("printData", "sync.txt");
   ASSERT_TRUE(env.waitFor("INF_NUM_PORT_PRINT_DATA", 2));
-  EXPECT_EQ(env.argsOf("INF_NUM_NPORT_ADDED"), (std::vector<Strings>{{"1 : " + env.dir.path("deltaB.txt")}}));
-  EXPECT_EQ(env.count("EVT::ADD_NUM_PORT_DATA_SUCCESSFUL"), 1u);
+  EXPECT_EQ(env.statuses("INF_NUM_NPORT_ADDED"), (std::vector<Report>{{"INF_NUM_NPORT_ADDED", 1, {"1 : " + deltaB}}}));
+  EXPECT_EQ(env.events(), Strings{"EVT::ADD_NUM_PORT_DATA_SUCCESSFUL -> nobody (lost)"});
   EXPECT_EQ(env.lookup("0049308880001") + env.lookup("0049308880002"), "-DB");
 }
 

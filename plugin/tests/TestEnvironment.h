@@ -1,6 +1,7 @@
 // NpTest::TestEnvironment is what a plug-in test runs in: a framework (current while it lives)
-// with a memory log, the plug-in's registry subtree, a temporary folder for data files, and the
-// plug-in, stopped and destroyed before the framework. The tests read back what was logged.
+// with a memory log, the plug-in's registry subtree, a temporary folder that is the working
+// directory meanwhile (so that messages name files as the test does), and the plug-in, stopped
+// and destroyed before the framework. The tests read back what was logged.
 #pragma once
 
 #include "BAS/Framework.h"
@@ -18,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 
 namespace NpTest {
@@ -25,10 +27,6 @@ namespace NpTest {
 using DAT::NumberPortability::PlugIn;
 using Keys = std::vector<std::pair<std::string, std::string>>;
 using Strings = std::vector<std::string>;
-
-// Generous: the waits are for work that has been requested, so they end long before this
-// unless something is broken (the sanitizer builds are slow).
-inline constexpr std::chrono::seconds waitLimit{60};
 
 inline bool isValid(BAS::RegisteredObject& object) {
   BAS::MutexLocker locker(BAS::RegisteredObject::isValidLockerCM);
@@ -42,22 +40,21 @@ public:
   TestEnvironment() {
     framework.log().addSink(sink);
     framework.setProbeDirectory(NP_PROBE_DIRECTORY);
+    std::filesystem::current_path(dir.path());
   }
-  ~TestEnvironment() { destroyPlugIn(); }
+  ~TestEnvironment() {
+    destroyPlugIn();
+    std::filesystem::current_path(previousM);
+  }
 
-  std::string writeFile(const std::string& name, const std::string& content) const { return writeText(dir.path(name), content); }
-  // The three mandatory keys; the optional ones keep their defaults unless added afterwards.
-  BAS::RegistryEntry& configure(const std::string& dataFile, const std::string& name = pluginName) {
+  // The data file np.txt with this content, and the three mandatory keys naming it; the
+  // optional keys keep their defaults unless added to the subtree afterwards.
+  BAS::RegistryEntry& configure(const std::string& content, const std::string& name = pluginName) {
     BAS::RegistryEntry& entry = framework.registry().child(name);
-    entry.add("FileName", dataFile);
+    entry.add("FileName", writeText("np.txt", content));
     entry.add("CountryCode", "49");
     entry.add("NationalAccessCode", "0");
     return entry;
-  }
-  std::string configureData(const std::string& content) {
-    const std::string file = writeFile("np.txt", content);
-    configure(file);
-    return file;
   }
   PlugIn& make(const std::string& name = pluginName) {
     plugIn = std::make_unique<PlugIn>(name, "10008");
@@ -82,7 +79,6 @@ public:
     const bool found = plugIn->search(BAS::String(number), BAS::DateTime(BAS::String(date)), record);
     return found ? std::string(record.networkOperatorM.view()) : "-";
   }
-
   // Writes a probe of the plug-in's group, as the framework does.
   void post(const std::string& probeName, const std::string& value) {
     BAS::InstrumentationProbeAttribute* attribute = plugIn->probeGroup()->find(BAS::String(probeName));
@@ -96,21 +92,13 @@ public:
     return plugIn->registryUpdate(&entry, taken);
   }
 
-  std::size_t count(const std::string& id) const { return sink->count(BAS::String(id)); }
-  // Every status, in order.
-  std::vector<Report> statuses() const {
+  // Every status in order, or those with the identifier.
+  std::vector<Report> statuses(const std::string& id = "") const {
     std::vector<Report> result;
     for (const BAS::LogRecord& record : sink->records()) {
-      if (record.kind != BAS::LogRecord::Kind::STATUS) continue;
+      if (record.kind != BAS::LogRecord::Kind::STATUS || (!id.empty() && record.id != BAS::String(id))) continue;
       result.push_back({record.id.str(), record.severity, {}});
       for (const BAS::String& arg : record.args) result.back().args.push_back(arg.str());
-    }
-    return result;
-  }
-  std::vector<Strings> argsOf(const std::string& id) const {
-    std::vector<Strings> result;
-    for (const Report& status : statuses()) {
-      if (status.id == id) result.push_back(status.args);
     }
     return result;
   }
@@ -124,7 +112,10 @@ public:
     }
     return result;
   }
-  bool waitFor(const std::string& id, std::size_t n = 1) const { return sink->waitFor(BAS::String(id), n, waitLimit); }
+  // Generous: the wait is for work that has been requested (the sanitizer builds are slow).
+  bool waitFor(const std::string& id, std::size_t n = 1) const {
+    return sink->waitFor(BAS::String(id), n, std::chrono::seconds(60));
+  }
 
   TempDirectory dir;
   BAS::Framework framework;
@@ -132,6 +123,7 @@ public:
   std::unique_ptr<PlugIn> plugIn;
 
 private:
+  const std::filesystem::path previousM = std::filesystem::current_path();
   bool startedM = false;
 };
 

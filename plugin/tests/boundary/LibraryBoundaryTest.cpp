@@ -119,7 +119,7 @@ TEST(LibraryBoundary, LookupsThroughTheEntryPointGoOnWhileBothRoadsChangeTheData
     PortabilityLookup* lookups = lookupEntry(plugIn.get());
     BAS::InstrumentationProbeList groups;
     plugIn->getInstrumentationProbe(groups);
-    ASSERT_TRUE(lookups != nullptr && groups.size() == 1);
+    ASSERT_TRUE(lookups != nullptr && groups.size() == 1 && groups[0]->info().name == BAS::String("numberPortabilityGroup"));
     const auto post = [&groups](const char* probe, const std::string& value) {
       groups[0]->find(BAS::String(probe))->value()->setValue(BAS::String(value));
     };
