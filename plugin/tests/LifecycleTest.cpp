@@ -3,13 +3,12 @@
 // name, in the other tests.
 #include "plugin/tests/TestEnvironment.h"
 
-#include "BAS/InstrumentationProbeList.h"
 #include "BAS/Message.h"
 
 #include <cstdio>
+#include <cstring>
 #include <tuple>
 #include <set>
-#include <sstream>
 
 namespace {
 
@@ -17,20 +16,15 @@ using NpTest::Strings;
 using NpTest::TestEnvironment;
 
 TEST(PlugInLibrary, ExportsExactlyItsEntryPoints) {
-  FILE* pipe = ::popen((std::string("nm -D --defined-only '") + NP_PLUGIN_LIBRARY + "' 2>&1").c_str(), "r");
+  FILE* pipe = ::popen((std::string("nm -D --defined-only --format=just-symbols '") + NP_PLUGIN_LIBRARY + "'").c_str(), "r");
   ASSERT_NE(pipe, nullptr);
-  std::string output;
-  char buffer[4096];
-  while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
-  ASSERT_EQ(::pclose(pipe), 0) << output;
   // Symbols that the linker itself defines in every shared object are not the plug-in's.
-  const std::set<std::string> linkerSymbols = {"_init", "_fini", "__bss_start", "_edata", "_end"};
   std::set<std::string> exported;
-  std::istringstream lines(output);
-  for (std::string address, type, name; lines >> address >> type >> name;) {
-    if (linkerSymbols.count(name) == 0) exported.insert(name);
-  }
-  EXPECT_EQ(exported, (std::set<std::string>{"DAT_NumberPortabilityLookup", "DAT_NumberPortabilityModuleStart", "ModuleStartNL"}));
+  for (char line[4096]; std::fgets(line, sizeof line, pipe) != nullptr;) exported.insert(std::string(line, std::strcspn(line, "\n")));
+  ASSERT_EQ(::pclose(pipe), 0);
+  for (const char* linkerSymbol : {"_init", "_fini", "__bss_start", "_edata", "_end"}) exported.erase(linkerSymbol);
+  const std::set<std::string> entryPoints = {"DAT_NumberPortabilityLookup", "DAT_NumberPortabilityModuleStart", "ModuleStartNL"};
+  EXPECT_EQ(exported, entryPoints);
 }
 
 // The event handler's name comes from the framework, or from a root that answers the request
@@ -61,12 +55,10 @@ TEST(PlugInConstruction, WithoutItsProbeFileThePlugInIsInvalid) {
   env.configure("");
   NpTest::PlugIn& plugIn = env.make();
   EXPECT_FALSE(NpTest::isValid(plugIn) || plugIn.isUsable());
-  BAS::InstrumentationProbeList groups;
-  plugIn.getInstrumentationProbe(groups);
-  EXPECT_TRUE(groups.empty());
-  EXPECT_EQ(env.statuses(), (std::vector<NpTest::Report>{{"INF_FILE_OPENED", 1, {"np.txt"}},
-                                                         {"ERR_PROBE_INFO_FILE", 5, {env.dir.path("DAT_NumberPortability.probe"),
-                                                                                     "it cannot be opened (No such file or directory)"}}}));
+  EXPECT_EQ(plugIn.probeGroup(), nullptr);
+  const NpTest::Report noProbeFile{"ERR_PROBE_INFO_FILE", 5, {env.dir.path("DAT_NumberPortability.probe"),
+                                                               "it cannot be opened (No such file or directory)"}};
+  EXPECT_EQ(env.statuses(), (std::vector<NpTest::Report>{{"INF_FILE_OPENED", 1, {"np.txt"}}, noProbeFile}));
 }
 
 }  // namespace

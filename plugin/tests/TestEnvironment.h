@@ -56,21 +56,13 @@ public:
     entry.add("NationalAccessCode", "0");
     return entry;
   }
-  PlugIn& make(const std::string& name = pluginName) {
-    plugIn = std::make_unique<PlugIn>(name, "10008");
-    return *plugIn;
-  }
+  PlugIn& make(const std::string& name = pluginName) { return *(plugIn = std::make_unique<PlugIn>(name, "10008")); }
   // Makes the plug-in and starts it; the test fails when init does not load the data.
-  PlugIn& start() {
-    make();
-    startedM = true;
-    EXPECT_TRUE(plugIn->init()) << "init did not load the data file";
-    return *plugIn;
-  }
+  void start() { EXPECT_TRUE(make().init()) << "init did not load the data file"; }
+  // As the framework ends a plug-in, started or not.
   void destroyPlugIn() {
-    if (plugIn && startedM) plugIn->shutdown();
+    if (plugIn) plugIn->shutdown();
     plugIn.reset();
-    startedM = false;
   }
 
   // The operator that holds for `number` at `date`, or "-".
@@ -102,14 +94,12 @@ public:
     }
     return result;
   }
-  // Every event sent, as "id -> receiver", with " (lost)" when nobody received it.
+  // Every event sent, as "id -> receiver", or "id lost" when nobody received it.
   Strings events() const {
     Strings result;
-    for (const BAS::LogRecord& record : sink->records()) {
-      if (record.kind != BAS::LogRecord::Kind::EVENT) continue;
-      result.push_back(record.id.str() + " -> " + (record.receiver.empty() ? "nobody" : record.receiver.str()) +
-                       (record.delivered ? "" : " (lost)"));
-    }
+    for (const BAS::LogRecord& record : sink->records())
+      if (record.kind == BAS::LogRecord::Kind::EVENT)
+        result.push_back(record.id.str() + (record.delivered ? " -> " + record.receiver.str() : " lost"));
     return result;
   }
   // Generous: the wait is for work that has been requested (the sanitizer builds are slow).
@@ -124,7 +114,6 @@ public:
 
 private:
   const std::filesystem::path previousM = std::filesystem::current_path();
-  bool startedM = false;
 };
 
 }  // namespace NpTest

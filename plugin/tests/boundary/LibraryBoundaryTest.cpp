@@ -61,7 +61,8 @@ TEST(LibraryBoundary, LookupsThroughTheEntryPointGoOnWhileBothRoadsChangeTheData
   NpTest::TempDirectory dir;
   // Group 1 is in every version; the update road's delta gives it a later record and adds
   // group 3, the probe road's delta adds group 2.
-  const std::string updateDelta = NpTest::writeText(dir.path("u.txt"), records(1, "20250101000000", "NEW") + records(3, "20200101000000", "U"));
+  const std::string updateDelta =
+      NpTest::writeText(dir.path("u.txt"), records(1, "20250101000000", "NEW") + records(3, "20200101000000", "U"));
   const std::string probeDelta = NpTest::writeText(dir.path("p.txt"), records(2, "20200101000000", "P"));
   BAS::Framework framework;
   auto sink = std::make_shared<BAS::MemoryLogSink>();
@@ -138,9 +139,7 @@ TEST(LibraryBoundary, LookupsThroughTheEntryPointGoOnWhileBothRoadsChangeTheData
   EXPECT_GT(lookupsDone.load(), 100);
   EXPECT_EQ(faults.load(), 0);
   for (const char* error : {"ERR_NUM_PORT_RELOAD", "ERR_NUM_PORT_DELTALOAD", "ERR_CLOSE_NP_FILE", "ERR_FILE_NOT_FOUND",
-                            "EVT::RELOAD_FAILED", "EVT::ADD_NUM_PORT_DATA_FAILED"}) {
-    EXPECT_EQ(sink->count(error), 0u) << error;
-  }
+                            "EVT::RELOAD_FAILED", "EVT::ADD_NUM_PORT_DATA_FAILED"}) EXPECT_EQ(sink->count(error), 0u) << error;
   // Every record answers, from both trees (a delta load of an empty file publishes the other).
   std::vector<std::string> numbers;
   std::string expected;
