@@ -135,7 +135,7 @@ TEST(CacheManager, ReloadAndDeltaLoadChangeBothTreesAndTheMainFile) {
 TEST(CacheManager, LookupsDuringReloadsSeeTheOldOrTheNewDataWhole) {
   const auto version = [](char name) {
     std::string text;
-    for (int i = 0; i < 1000; ++i) text += "03010" + std::to_string(1000 + i) + " 20200101000000 " + name + "\n";
+    for (int i = 0; i < 20000; ++i) text += "0301" + std::to_string(100000 + i) + " 20200101000000 " + name + "\n";
     return text;
   };
   Cache c(version('A'));
@@ -145,7 +145,7 @@ TEST(CacheManager, LookupsDuringReloadsSeeTheOldOrTheNewDataWhole) {
   for (unsigned t = 0; t < 2 * std::max(2u, std::thread::hardware_concurrency()); ++t) {
     readers.emplace_back([&, t] {
       for (int i = static_cast<int>(t); reloading.load() || i < 2000; ++i) {
-        const std::string op = c.lookup("004930" + std::to_string(101000 + i % 1000));
+        const std::string op = c.lookup("004930" + std::to_string(1100000 + i % 20000));
         faults.fetch_add(op != "A" && op != "B" ? 1 : 0);
       }
     });
@@ -157,7 +157,7 @@ TEST(CacheManager, LookupsDuringReloadsSeeTheOldOrTheNewDataWhole) {
   reloading = false;
   for (std::thread& reader : readers) reader.join();
   EXPECT_EQ(faults.load(), 0);
-  EXPECT_EQ(c.lookup("004930101999"), "A");
+  EXPECT_EQ(c.lookup("0049301119999"), "A");
 }
 
 }  // namespace
