@@ -45,7 +45,7 @@ public:
   }
 
   // Runs after every successful check with the file's name: a test may make the file vanish
-  // between the check and the cache's own opening.
+  // between the check and the cache's own opening. Set by the test between operations.
   std::function<void(const std::string&)> afterCheckM;
 
 private:
@@ -55,7 +55,9 @@ private:
     return opens;
   }
 
-  std::string dataFileM;
+  std::string dataFileM;  // set at construction, then only read
+  // Written by the one cache operation in progress and read by the test after it, never at
+  // the same time (lookups on other threads report nothing), so no lock.
   std::vector<Report> reportsM;
 };
 

@@ -109,7 +109,9 @@ public:
 
   TempDirectory dir;
   BAS::Framework framework;
+  // Synchronises itself: the worker logs into it while the test reads it.
   std::shared_ptr<BAS::MemoryLogSink> sink = std::make_shared<BAS::MemoryLogSink>();
+  // Made and destroyed by the test's thread while no worker runs; the worker only uses it.
   std::unique_ptr<PlugIn> plugIn;
 
 private:
