@@ -1,137 +1,104 @@
-// Fuzzes the data file parser: the input, cut at line feeds, is offered line by line to
-// CacheManager::insertCache of the in-process plug-in (default codes: 00, +, 49, 0), into a
-// fresh tree per input. Properties:
-//  - insertCache answers true exactly for a line of three white-space separated fields whose
-//    second is a valid 14-digit date-time, whether the record went in or was a duplicate;
-//  - the tree then holds what a plain model of the rules holds: one history per normalised
-//    number (its digits), the first record of each date kept, newest first, numbers in key
-//    order; its record count and its dump without banner equal the model's;
-//  - the dump read back through insertCache into another fresh tree is accepted line by line
-//    and dumps to the same text (a delta load rewrites the data file this way);
-//  - every log line about a rejected line stays one clean line (see FuzzPlugIn.h), in the text
-//    format for even-sized inputs and in JSON for odd-sized ones.
-#include "cache/fuzz/FuzzPlugIn.h"
+// Fuzzes DataLineParser. An input that begins with "codes\t" takes its first line as the
+// dialling codes, tab-separated: national access code, international access code, country
+// code, sign (any left out keep 0, 00, 49, +). Every other line, cut at line feeds, is
+// normalised whole and parsed. Properties:
+//  - normalize applies the first matching rule: empty -> iac+cc; sign in front -> iac; iac in
+//    front -> unchanged; national access code in front -> iac+cc; else iac+cc in front. Only
+//    the front changes;
+//  - parse is true exactly for three white-space separated fields whose second is a valid
+//    14-digit date-time, giving the first field normalised, that date and the operator; a
+//    rejected line gives its identifier with the arguments the cache reports, and written to
+//    the log (text for even-sized inputs, JSON for odd) it stays one clean line. The date
+//    printing back as read is what lets a rewritten main data file read back the same.
+#include "BAS/Log.h"
+#include "BAS/Status.h"
+#include "cache/DataLineParser.h"
 #include "framework/fuzz/CalendarOracle.h"
-#include "store/NumberPortabilityTree.h"
-
-#include <cstdint>
-#include <map>
-#include <sstream>
-#include <string>
-#include <string_view>
-#include <vector>
+#include "testing/CheckingLogSink.h"
 
 namespace {
 
-using DAT::NumberPortability::NumberPortabilityTree;
-using NpFuzz::failProperty;
+using DAT::NumberPortability::DataLineParser;
+using DAT::NumberPortability::NumberPortabilityData;
+using NpTest::failProperty;
+using Strings = std::vector<BAS::String>;
 
-bool isSeparator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
-
-std::vector<std::string_view> fieldsOf(std::string_view line) {
-  std::vector<std::string_view> fields;
-  std::size_t i = 0;
-  while (i < line.size()) {
-    while (i < line.size() && isSeparator(line[i])) ++i;
-    const std::size_t start = i;
-    while (i < line.size() && !isSeparator(line[i])) ++i;
-    if (i > start) fields.push_back(line.substr(start, i - start));
-  }
-  return fields;
-}
-
-// The stored key of a number under the plug-in's codes: the normalised form, then only its
-// decimal digits (the trie skips everything else).
-std::string keyOf(std::string_view number) {
-  std::string normalised;
-  if (number.starts_with('+')) {
-    normalised = "00" + std::string(number.substr(1));
-  } else if (number.starts_with("00")) {
-    normalised = std::string(number);
-  } else if (number.starts_with('0')) {
-    normalised = "0049" + std::string(number.substr(1));
-  } else {
-    normalised = "0049" + std::string(number);
-  }
-  std::string key;
-  for (const char c : normalised)
-    if (c >= '0' && c <= '9') key += c;
-  return key;
-}
-
-struct ModelRecord {
-  std::string date;
-  std::string networkOperator;
+struct Fixture {
+  BAS::String nac, iac, cc, sign;
+  DataLineParser parser{nac, iac, cc, sign, 3};
+  BAS::Log log;
+  Fixture() { log.addSink(std::make_shared<NpTest::CheckingLogSink>()); }
 };
-// Key -> seconds -> record; the map orders keys as the dump does (a key before its extensions).
-using Model = std::map<std::string, std::map<std::uint64_t, ModelRecord>>;
 
-std::string dumpOf(const Model& model) {
-  std::string out;
-  for (const auto& [key, history] : model) {
-    for (auto record = history.rbegin(); record != history.rend(); ++record)
-      out += key + "  " + record->second.date + "  " + record->second.networkOperator + "\n";
-  }
-  return out;
-}
-
-std::string dumpOf(const NumberPortabilityTree& tree) {
-  std::ostringstream out;
-  tree.printTree(out, false);
-  return out.str();
-}
-
-std::vector<std::string_view> linesOf(std::string_view text) {
-  std::vector<std::string_view> lines;
+std::vector<std::string_view> split(std::string_view text, char at) {
+  std::vector<std::string_view> parts;
   std::size_t start = 0;
-  for (std::size_t end; (end = text.find('\n', start)) != std::string_view::npos; start = end + 1)
-    lines.push_back(text.substr(start, end - start));
-  lines.push_back(text.substr(start));
-  return lines;
+  for (std::size_t end; (end = text.find(at, start)) != std::string_view::npos; start = end + 1)
+    parts.push_back(text.substr(start, end - start));
+  parts.push_back(text.substr(start));
+  return parts;
+}
+
+// The model of normalize; `replaced` is the length of the front that the rule replaces.
+std::string normalised(std::string_view number, const Fixture& f, std::size_t& replaced) {
+  const std::string iac(f.iac.view()), cc(f.cc.view());
+  replaced = 0;
+  if (number.empty()) return iac + cc;
+  if (number.starts_with(f.sign.view())) return iac + std::string(number.substr(replaced = f.sign.length()));
+  if (number.starts_with(iac)) return std::string(number);
+  if (number.starts_with(f.nac.view())) return iac + cc + std::string(number.substr(replaced = f.nac.length()));
+  return iac + cc + std::string(number);
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  NpFuzz::PlugInEnvironment::instance(false);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  auto& environment = NpFuzz::PlugInEnvironment::instance(false);
-  environment.framework().log().setFormat(size % 2 ? BAS::Log::Format::JSON : BAS::Log::Format::TEXT);
-  DAT::NumberPortability::CacheManager& cache = *environment.plugIn().cacheManager();
-  static STR::FileIoTurbo reader;  // names the file in messages only; never opened
+  static Fixture& f = *new Fixture;
+  f.log.setFormat(size % 2 ? BAS::Log::Format::JSON : BAS::Log::Format::TEXT);
+  f.nac = "0", f.iac = "00", f.cc = "49", f.sign = "+";
+  std::vector<std::string_view> lines = split(std::string_view(reinterpret_cast<const char*>(data), size), '\n');
+  if (lines.front().starts_with("codes\t")) {
+    const std::vector<std::string_view> codes = split(lines.front().substr(6), '\t');
+    BAS::String* const targets[] = {&f.nac, &f.iac, &f.cc, &f.sign};
+    for (std::size_t i = 0; i < codes.size() && i < 4; ++i) *targets[i] = BAS::String(codes[i]);
+    lines.erase(lines.begin());
+  }
 
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
-  NumberPortabilityTree tree;
-  Model model;
-  std::size_t modelCount = 0;
   unsigned long lineNumber = 0;
-  for (const std::string_view line : linesOf(input)) {
-    const auto fields = fieldsOf(line);
-    const auto date = fields.size() == 3 ? NpFuzz::readCompact(fields[1]) : std::nullopt;
-    const bool accepted = cache.insertCache(&tree, BAS::String(line), ++lineNumber, true, reader);
-    if (accepted != date.has_value()) failProperty("insertCache is true exactly for three fields with a valid date", line);
-    if (accepted) {
-      const bool fresh = model[keyOf(fields[0])]
-                             .emplace(NpFuzz::secsSinceYearOne(*date), ModelRecord{std::string(fields[1]), std::string(fields[2])})
-                             .second;
-      modelCount += fresh ? 1 : 0;
-    }
-  }
-  if (tree.recordCount() != modelCount) failProperty("the record count counts the records that went in", input);
-  const std::string dump = dumpOf(tree);
-  if (dump != dumpOf(model)) failProperty("the dump holds exactly the records that went in, in order", dump);
+  BAS::String number;
+  std::size_t replaced = 0;
+  for (const std::string_view line : lines) {
+    const std::string expected = normalised(line, f, replaced);
+    number = BAS::String(line);
+    f.parser.normalize(number);
+    if (number.str() != expected || !number.view().ends_with(line.substr(replaced)))
+      failProperty("the first matching rule rewrites the front of the number only", number.view());
 
-  NumberPortabilityTree again;
-  lineNumber = 0;
-  for (const std::string_view line : linesOf(dump)) {
-    if (line.empty()) continue;  // after the last line end
-    if (!cache.insertCache(&again, BAS::String(line), ++lineNumber, true, reader))
-      failProperty("every dumped line reads back", line);
+    // The parser splits as String::split does, without its copies.
+    const std::vector<BAS::String> fields = BAS::String(line).split();
+    const auto date = fields.size() == 3 ? NpFuzz::readCompact(fields[1].view()) : std::nullopt;
+    NumberPortabilityData record;
+    DataLineParser::Rejection rejection;
+    const bool accepted = f.parser.parse(BAS::String(line), ++lineNumber, "in.txt", number, record, &rejection);
+    if (accepted != date.has_value()) failProperty("parse is true exactly for three fields with a valid date", line);
+    const std::string where = std::to_string(lineNumber) + " in File 'in.txt'. ";
+    if (accepted) {
+      if (number.str() != normalised(fields[0].view(), f, replaced) || record.networkOperatorM.view() != fields[2].view() ||
+          record.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC) != fields[1])
+        failProperty("an accepted line gives its normalised number, date and operator", line);
+      continue;
+    }
+    const bool count = fields.size() != 3;
+    const Strings reported =
+        count ? Strings{BAS::String::decimal(fields.size()), "3", BAS::String(line), BAS::String("At Line# " + where)}
+              : Strings{BAS::String("Invalid N-Port Data at Line# " + where), fields[1],
+                        BAS::String(normalised(fields[0].view(), f, replaced))};
+    if (std::string(rejection.messageIdM) != (count ? "ERR_NUMBER_OF_FIELDS_IN_RECORD" : "ERR_INVALID_DATETIME") ||
+        rejection.argumentsM != reported)
+      failProperty("a rejection names its reason with the reported arguments", line);
+    BAS::Status status;
+    status.set("NumberPortability", rejection.messageIdM, BAS::Status::MINOR, rejection.argumentsM);
+    f.log.writeStatus(status);
   }
-  if (again.recordCount() != tree.recordCount()) failProperty("the dump reads back to as many records", dump);
-  if (dumpOf(again) != dump) failProperty("the dump reads back to the same dump", dump);
   return 0;
 }

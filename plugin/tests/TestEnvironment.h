@@ -1,241 +1,81 @@
-// A framework with a memory log, a registry and a temporary folder for data files, shared by
-// the cache and plug-in tests. Header-only so that both test executables can use it.
-//
-// Each test makes one TestEnvironment (it becomes the current framework), configures the
-// plug-in's registry subtree, makes the plug-in and reads back what was logged. The plug-in is
-// stopped and destroyed before the framework, and the folder is removed last.
+// NpTest::TestEnvironment is what a plug-in test runs in: a framework (current while it lives)
+// with a memory log, the plug-in's registry subtree, a temporary folder that is the working
+// directory meanwhile (so that messages name files as the test does), and the plug-in, stopped
+// and destroyed before the framework. The tests read back what was logged.
 #pragma once
 
-#include "BAS/DateTime.h"
 #include "BAS/Framework.h"
 #include "BAS/InstrumentationProbeAttribute.h"
 #include "BAS/InstrumentationProbeGroup.h"
-#include "BAS/InstrumentationProbeList.h"
 #include "BAS/LogRecord.h"
 #include "BAS/MemoryLogSink.h"
 #include "BAS/MutexLocker.h"
 #include "BAS/ProtectedBool.h"
 #include "BAS/RegistryEntry.h"
-#include "BAS/String.h"
 #include "plugin/NumberPortabilityPlugIn.h"
-#include "store/NumberPortabilityData.h"
+#include "testing/Report.h"
+#include "testing/TempDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <future>
 #include <memory>
-#include <optional>
-#include <iterator>
-#include <string>
-#include <thread>
-#include <unistd.h>
-#include <utility>
-#include <vector>
 
 namespace NpTest {
 
-using namespace std::chrono_literals;
-using DAT::NumberPortability::NumberPortabilityData;
 using DAT::NumberPortability::PlugIn;
-
-// Generous: the waits are for work that has been requested, so they end long before this
-// unless something is broken (the sanitizer builds are slow).
-inline constexpr std::chrono::milliseconds waitLimit = 60s;
-
-// The banner that every dump with banner starts with.
-inline const std::string dumpBanner = std::string(59, '-') + "\n" + std::string(17, ' ') +
-                                      "Number Portability Data\n" + std::string(59, '-') + "\n";
-
-// A folder of its own under the system's temporary folder, removed with everything in it.
-class TempDirectory {
-public:
-  TempDirectory() : pathM((std::filesystem::temp_directory_path() / "np-test-XXXXXX").string()) {
-    std::string pattern = pathM.string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    pathM = pattern;
-  }
-  ~TempDirectory() { std::filesystem::remove_all(pathM, ignoredM); }
-  TempDirectory(const TempDirectory&) = delete;
-  TempDirectory& operator=(const TempDirectory&) = delete;
-  const std::filesystem::path& path() const { return pathM; }
-
-private:
-  std::filesystem::path pathM;
-  std::error_code ignoredM;
-};
-
-// Changes the process's working directory for a scope (for relative file names in messages).
-class WorkingDirectory {
-public:
-  explicit WorkingDirectory(const std::filesystem::path& directory) : previousM(std::filesystem::current_path()) {
-    std::filesystem::current_path(directory);
-  }
-  ~WorkingDirectory() { std::filesystem::current_path(previousM, ignoredM); }
-  WorkingDirectory(const WorkingDirectory&) = delete;
-  WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-
-private:
-  std::filesystem::path previousM;
-  std::error_code ignoredM;
-};
-
-inline void writeText(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!(out << content).flush()) throw std::runtime_error("cannot write " + path);
-}
-
-inline std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-inline bool fileExists(const std::string& path) { return std::filesystem::exists(path); }
-
-inline BAS::DateTime at(const char* fourteenDigits) { return BAS::DateTime(BAS::String(fourteenDigits)); }
-
-inline std::vector<std::string> texts(const std::vector<BAS::String>& strings) {
-  std::vector<std::string> result;
-  for (const BAS::String& s : strings) result.push_back(s.str());
-  return result;
-}
-
-// Polls until `condition` holds; false when it did not within `limit`.
-inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = waitLimit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
-// Runs `work` on another thread; false when it has not finished within `limit`. A hang is
-// reported and then ends the program, since the stuck thread still uses the test's objects.
-inline bool finishesWithin(std::function<void()> work, std::chrono::milliseconds limit = 10s) {
-  auto done = std::make_shared<std::promise<void>>();
-  std::future<void> finished = done->get_future();
-  std::thread([work = std::move(work), done] {
-    work();
-    done->set_value();
-  }).detach();
-  if (finished.wait_for(limit) == std::future_status::ready) return true;
-  ADD_FAILURE() << "the operation did not finish within " << limit.count() << " ms";
-  std::fflush(stdout);
-  std::_Exit(EXIT_FAILURE);
-}
-
-// One status as the tests compare it: identifier, severity and arguments in order.
-struct StatusLine {
-  std::string id;
-  int severity;
-  std::vector<std::string> args;
-  friend bool operator==(const StatusLine&, const StatusLine&) = default;
-  friend std::ostream& operator<<(std::ostream& out, const StatusLine& line) {
-    out << line.id << " sev " << line.severity << " [";
-    for (std::size_t i = 0; i < line.args.size(); ++i) out << (i ? " | " : "") << '"' << line.args[i] << '"';
-    return out << "]";
-  }
-};
-
 using Keys = std::vector<std::pair<std::string, std::string>>;
+using Strings = std::vector<std::string>;
 
 inline bool isValid(BAS::RegisteredObject& object) {
   BAS::MutexLocker locker(BAS::RegisteredObject::isValidLockerCM);
   return object.isValid();
 }
 
-inline std::size_t groupsOffered(const BAS::RegisteredObject& object) {
-  BAS::InstrumentationProbeList groups;
-  object.getInstrumentationProbe(groups);
-  return groups.size();
-}
-
 class TestEnvironment {
 public:
   static constexpr const char* pluginName = "NumberPortability";
 
-  TestEnvironment() : sink(std::make_shared<BAS::MemoryLogSink>()) {
+  TestEnvironment() {
     framework.log().addSink(sink);
     framework.setProbeDirectory(NP_PROBE_DIRECTORY);
+    std::filesystem::current_path(dir.path());
   }
-  ~TestEnvironment() { destroyPlugIn(); }
-  TestEnvironment(const TestEnvironment&) = delete;
-  TestEnvironment& operator=(const TestEnvironment&) = delete;
-
-  // --- files -------------------------------------------------------------------------------
-  std::string path(const std::string& name) const { return (dir.path() / name).string(); }
-  std::string writeFile(const std::string& name, const std::string& content) const {
-    writeText(path(name), content);
-    return path(name);
+  ~TestEnvironment() {
+    destroyPlugIn();
+    std::filesystem::current_path(previousM);
   }
 
-  // --- registry ----------------------------------------------------------------------------
-  BAS::RegistryEntry& subtree(const std::string& name = pluginName) { return framework.registry().child(name); }
-  // The three mandatory keys; the optional ones keep their defaults unless set afterwards.
-  BAS::RegistryEntry& configure(const std::string& dataFile, const std::string& countryCode = "49",
-                                const std::string& nationalAccessCode = "0", const std::string& name = pluginName) {
-    BAS::RegistryEntry& entry = subtree(name);
-    entry.add("FileName", dataFile);
-    entry.add("CountryCode", countryCode);
-    entry.add("NationalAccessCode", nationalAccessCode);
+  // The data file np.txt with this content, and the three mandatory keys naming it; the
+  // optional keys keep their defaults unless added to the subtree afterwards.
+  BAS::RegistryEntry& configure(const std::string& content, const std::string& name = pluginName) {
+    BAS::RegistryEntry& entry = framework.registry().child(name);
+    entry.add("FileName", writeText("np.txt", content));
+    entry.add("CountryCode", "49");
+    entry.add("NationalAccessCode", "0");
     return entry;
   }
-  // Writes the data file and configures it as the plug-in's data file.
-  std::string configureData(const std::string& content, const std::string& fileName = "np.txt") {
-    const std::string file = writeFile(fileName, content);
-    configure(file);
-    return file;
-  }
-
-  // --- plug-in -----------------------------------------------------------------------------
-  PlugIn& make(const std::string& name = pluginName) {
-    plugIn = std::make_unique<PlugIn>(name, "10008");
-    return *plugIn;
-  }
+  PlugIn& make(const std::string& name = pluginName) { return *(plugIn = std::make_unique<PlugIn>(name, "10008")); }
   // Makes the plug-in and starts it; the test fails when init does not load the data.
-  PlugIn& start(const std::string& name = pluginName) {
-    make(name);
-    startedM = true;
-    EXPECT_TRUE(plugIn->init()) << "init did not load the data file";
-    return *plugIn;
-  }
-  bool init() {
-    startedM = true;
-    return plugIn->init();
-  }
+  void start() { EXPECT_TRUE(make().init()) << "init did not load the data file"; }
+  // As the framework ends a plug-in, started or not.
   void destroyPlugIn() {
-    if (plugIn && startedM) plugIn->shutdown();
+    if (plugIn) plugIn->shutdown();
     plugIn.reset();
-    startedM = false;
   }
 
-  // The operator that holds for `number` at `date`, or nothing.
-  std::optional<std::string> lookup(const std::string& number, const char* date = "20300101000000") {
-    return lookupIn(*plugIn, number, date);
+  // The operator that holds for `number` at `date`, or "-".
+  std::string lookup(const std::string& number, const char* date = "20300101000000") {
+    DAT::NumberPortability::NumberPortabilityData record;
+    const bool found = plugIn->search(BAS::String(number), BAS::DateTime(BAS::String(date)), record);
+    return found ? std::string(record.networkOperatorM.view()) : "-";
   }
-  static std::optional<std::string> lookupIn(PlugIn& p, const std::string& number, const char* date = "20300101000000") {
-    NumberPortabilityData record;
-    if (!p.search(BAS::String(number), at(date), record)) return std::nullopt;
-    return std::string(record.networkOperatorM.view());
-  }
-
-  // The probe of that name in the plug-in's group, as the framework collects it.
-  BAS::InstrumentationProbeValueIf* probe(const std::string& name) {
-    BAS::InstrumentationProbeList groups;
-    plugIn->getInstrumentationProbe(groups);
-    if (groups.size() != 1 || groups.front() == nullptr) return nullptr;
-    BAS::InstrumentationProbeAttribute* attribute = groups.front()->find(BAS::String(name));
-    return attribute == nullptr ? nullptr : attribute->value();
-  }
+  // Writes a probe of the plug-in's group, as the framework does.
   void post(const std::string& probeName, const std::string& value) {
-    BAS::InstrumentationProbeValueIf* target = probe(probeName);
-    ASSERT_NE(target, nullptr) << "no probe " << probeName;
-    EXPECT_TRUE(target->setValue(BAS::String(value)));
+    BAS::InstrumentationProbeAttribute* attribute = plugIn->probeGroup()->find(BAS::String(probeName));
+    ASSERT_NE(attribute, nullptr) << "no probe " << probeName;
+    EXPECT_TRUE(attribute->value()->setValue(BAS::String(value)));
   }
   // A registry update with these keys, as the framework delivers it.
   bool update(const Keys& keys, BAS::ProtectedBool& taken) {
@@ -244,62 +84,38 @@ public:
     return plugIn->registryUpdate(&entry, taken);
   }
 
-  // --- log ---------------------------------------------------------------------------------
-  std::vector<BAS::LogRecord> records(const std::string& id) const { return sink->withId(BAS::String(id)); }
-  std::vector<std::vector<std::string>> argsOf(const std::string& id) const {
-    std::vector<std::vector<std::string>> result;
-    for (const BAS::LogRecord& record : records(id)) result.push_back(texts(record.args));
-    return result;
-  }
-  std::size_t count(const std::string& id) const { return sink->count(BAS::String(id)); }
-  // Identifiers of everything logged, statuses and events, in order.
-  std::vector<std::string> ids() const {
-    std::vector<std::string> result;
-    for (const BAS::LogRecord& record : sink->records()) result.push_back(record.id.str());
-    return result;
-  }
-  // Every status, in order.
-  std::vector<StatusLine> statuses() const {
-    std::vector<StatusLine> result;
+  // Every status in order, or those with the identifier.
+  std::vector<Report> statuses(const std::string& id = "") const {
+    std::vector<Report> result;
     for (const BAS::LogRecord& record : sink->records()) {
-      if (record.kind == BAS::LogRecord::Kind::STATUS) result.push_back({record.id.str(), record.severity, texts(record.args)});
+      if (record.kind != BAS::LogRecord::Kind::STATUS || (!id.empty() && record.id != BAS::String(id))) continue;
+      result.push_back({record.id.str(), record.severity, {}});
+      for (const BAS::String& arg : record.args) result.back().args.push_back(arg.str());
     }
     return result;
   }
-  // Every event the plug-in sent, as "id -> receiver", with " (lost)" when nobody received it.
-  std::vector<std::string> events() const {
-    std::vector<std::string> result;
-    for (const BAS::LogRecord& record : sink->records()) {
-      if (record.kind != BAS::LogRecord::Kind::EVENT) continue;
-      EXPECT_EQ(record.sender, BAS::String(pluginName)) << record.id;
-      result.push_back(record.id.str() + " -> " + (record.receiver.empty() ? "nobody" : record.receiver.str()) +
-                       (record.delivered ? "" : " (lost)"));
-    }
+  // Every event sent, as "id -> receiver", or "id lost" when nobody received it.
+  Strings events() const {
+    Strings result;
+    for (const BAS::LogRecord& record : sink->records())
+      if (record.kind == BAS::LogRecord::Kind::EVENT)
+        result.push_back(record.id.str() + (record.delivered ? " -> " + record.receiver.str() : " lost"));
     return result;
   }
-  bool waitFor(const std::string& id, std::size_t n = 1, std::chrono::milliseconds limit = waitLimit) const {
-    return sink->waitFor(BAS::String(id), n, limit);
+  // Generous: the wait is for work that has been requested (the sanitizer builds are slow).
+  bool waitFor(const std::string& id, std::size_t n = 1) const {
+    return sink->waitFor(BAS::String(id), n, std::chrono::seconds(60));
   }
 
   TempDirectory dir;
   BAS::Framework framework;
-  std::shared_ptr<BAS::MemoryLogSink> sink;
+  // Synchronises itself: the worker logs into it while the test reads it.
+  std::shared_ptr<BAS::MemoryLogSink> sink = std::make_shared<BAS::MemoryLogSink>();
+  // Made and destroyed by the test's thread while no worker runs; the worker only uses it.
   std::unique_ptr<PlugIn> plugIn;
 
 private:
-  bool startedM = false;
+  const std::filesystem::path previousM = std::filesystem::current_path();
 };
-
-// The statuses whose identifier is one of `idsOfInterest`, in the order they were logged.
-inline std::vector<StatusLine> statusLines(const BAS::MemoryLogSink& sink, const std::vector<std::string>& idsOfInterest) {
-  std::vector<StatusLine> result;
-  for (const BAS::LogRecord& record : sink.records()) {
-    if (record.kind != BAS::LogRecord::Kind::STATUS) continue;
-    for (const std::string& id : idsOfInterest) {
-      if (record.id == BAS::String(id)) result.push_back({id, record.severity, texts(record.args)});
-    }
-  }
-  return result;
-}
 
 }  // namespace NpTest

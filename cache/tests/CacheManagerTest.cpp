@@ -1,0 +1,163 @@
+// The cache manager over a small recording owner: what load, reload and delta load report and
+// leave in both trees and in the main data file, and lookups on more threads than cores while
+// reloads exchange the trees. Where else a dump may go is STR::FileIo's and the plug-in's.
+#include "cache/CacheManager.h"
+#include "testing/RecordingCacheOwner.h"
+#include "testing/TempDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+namespace {
+
+using NpTest::Report;
+using Reports = std::vector<Report>;
+
+const char* const initialData = "+4930123456 20200115120000 OPA\n030123456 20230301000000 OPB\n0044-1234-567 20210101000000 OPC\n";
+// initialData as printed: stored keys (digits only) in key order, newest first.
+const std::string initialDump =
+    "00441234567  20210101000000  OPC\n004930123456  20230301000000  OPB\n004930123456  20200115120000  OPA\n";
+const std::string newDump = "004930700001  20200101000000  NEW1\n";
+
+struct Cache {
+  explicit Cache(const std::string& content = initialData) {
+    NpTest::writeText(data, content);
+    EXPECT_TRUE(cache.load());
+    loadReports = owner.take();
+  }
+  // What the active tree holds, dumped into a file with older content, without the banner.
+  std::string content() {
+    const std::string out = NpTest::writeText(dir.path("dump.txt"), "older content that the dump replaces\n\n\n");
+    EXPECT_TRUE(cache.printData(BAS::String(out)));
+    const std::string text = NpTest::readText(out);
+    return text.starts_with(NpTest::dumpBanner) ? text.substr(NpTest::dumpBanner.size()) : "<no banner> " + text;
+  }
+  // What both trees hold: a delta load of an empty file publishes the standby tree.
+  std::string bothTrees() {
+    const std::string active = content();
+    EXPECT_TRUE(cache.cacheDeltaLoad(BAS::String(NpTest::writeText(dir.path("empty.txt"), ""))));
+    const std::string standby = content();
+    return active == standby ? active : "active:\n" + active + "standby:\n" + standby;
+  }
+  std::string lookup(const std::string& number, const char* date = "20300101000000") {
+    DAT::NumberPortability::NumberPortabilityData record;
+    const bool found = cache.search(BAS::String(number), BAS::DateTime(BAS::String(date)), record, 0);
+    return found ? std::string(record.networkOperatorM.view()) : "-";
+  }
+
+  NpTest::TempDirectory dir;
+  const std::string data = dir.path("np.txt");
+  BAS::String nac{"0"}, iac{"00"}, cc{"49"}, sign{"+"};
+  NpTest::RecordingCacheOwner owner{data};
+  DAT::NumberPortability::CacheManager cache{&owner, nac, iac, cc, sign, 3, BAS::String(data)};
+  Reports loadReports;
+};
+
+TEST(CacheManager, LoadFillsBothTreesAndReportsEachRejectedLineOncePerTree) {
+  Cache c("030111111 20210101000000 OPB\nbad\n030222222 2020 OPC\n+4930111111 20210101000000 DUP\n"
+          "030111111 20200101000000 OPA\n030333333 20200101000000 NO-LINE-END");
+  const Report fields = NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", c.data, 2, {"1", "3", "bad"});
+  const Report date = NpTest::rejected("ERR_INVALID_DATETIME", c.data, 3, {"2020", "004930222222"});
+  const Report duplicate = NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", c.data, 4, {"004930111111", "20210101000000"});
+  EXPECT_EQ(c.loadReports, (Reports{fields, fields, date, date, duplicate, duplicate, {"INF_FILE_EOF", 1, {c.data}}}));
+  EXPECT_EQ(c.bothTrees(), "004930111111  20210101000000  OPB\n004930111111  20200101000000  OPA\n");
+  const std::pair<const char*, const char*> byDate[] = {
+      {"20191231235959", "-"}, {"20200101000000", "OPA"}, {"20201231235959", "OPA"}, {"20210101000000", "OPB"}};
+  for (const auto& [when, op] : byDate) EXPECT_EQ(c.lookup("004930111111", when), op) << when;
+  EXPECT_EQ(c.lookup("030111111"), "-") << "lookups do not normalise";
+}
+
+// A reload replaces the data of both trees, or keeps the old data by the reuse rule; a delta
+// load adds to both trees and rewrites the main data file in the cache's own form.
+TEST(CacheManager, ReloadAndDeltaLoadChangeBothTreesAndTheMainFile) {
+  struct Row {
+    const char* label;
+    bool delta, reuse;
+    const char* fileContent;  // of the main data file (reload) or the delta file; null: absent
+    bool result;
+    std::vector<int> reports;  // 0 short last line, 1 duplicate, 2 old data deleted, 3 one field
+    std::string content;
+    bool vanishes = false;        // the file goes after its check, before the cache opens it
+    bool reloadFailed = false;    // a reload without reuse failed before the delta load
+  };
+  const char* const shortLast = "030700001 20200101000000 NEW1\n030700002 20200101000000\n";
+  const char* const duplicateLast = "030700001 20200101000000 NEW1\n+4930700001 20200101000000 NEW2\n";
+  const Row rows[] = {
+      {"reload, short last line, no reuse: old data stays", false, false, shortLast, false, {0}, initialDump},
+      {"reload, short last line, reuse: new data", false, true, shortLast, true, {0, 0, 2}, newDump},
+      {"reload, a duplicate last line counts as good", false, false, duplicateLast, true, {1, 1, 2}, newDump},
+      {"reload, empty file, no reuse", false, false, "", false, {}, initialDump},
+      {"reload, empty file, reuse: both trees end empty", false, true, "", true, {2}, ""},
+      {"reload, file check fails, reuse", false, true, nullptr, false, {}, initialDump},
+      {"reload, file vanishes after the check", false, false, shortLast, false, {}, initialDump, true},
+      {"delta load, rejections in both passes", true, false, duplicateLast, true, {1, 1}, initialDump + newDump},
+      {"delta load, every line rejected: rewritten all the same", true, false, "bad\n", true, {3, 3}, initialDump},
+      {"delta load, missing file: nothing rewritten", true, false, nullptr, false, {}, initialDump},
+      {"delta load after a failed reload", true, false, shortLast, true, {0, 0}, initialDump + newDump, false, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.label);
+    Cache c;
+    if (row.reloadFailed) {
+      NpTest::writeText(c.data, "030700009 20200101000000 GONE\nbroken\n");
+      ASSERT_FALSE(c.cache.cacheReload(false));
+      c.owner.take();
+    }
+    const std::string file = row.delta ? c.dir.path("delta.txt") : c.data;
+    if (row.fileContent) NpTest::writeText(file, row.fileContent);
+    else std::filesystem::remove(file);
+    if (row.vanishes) c.owner.afterCheckM = [](const std::string& name) { std::filesystem::remove(name); };
+    EXPECT_EQ(row.delta ? c.cache.cacheDeltaLoad(BAS::String(file)) : c.cache.cacheReload(row.reuse), row.result);
+    const Report possible[] = {NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", file, 2, {"2", "3", "030700002 20200101000000"}),
+                               NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", file, 2, {"004930700001", "20200101000000"}),
+                               {"INF_DELETE_OLD_DATA", 1, {"NumberPortability"}},
+                               NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", file, 1, {"1", "3", "bad"})};
+    Reports expected;
+    for (int i : row.reports) expected.push_back(possible[i]);
+    EXPECT_EQ(c.owner.take(), expected);
+    c.owner.afterCheckM = nullptr;
+    const std::string mainFile = NpTest::readText(c.data);
+    EXPECT_EQ(c.bothTrees(), row.content);
+    if (!row.delta) continue;
+    EXPECT_EQ(mainFile, row.result ? row.content : std::string(initialData));
+    Cache again(NpTest::readText(c.data));  // the rewritten main file loads without a rejection
+    EXPECT_EQ(again.loadReports, (Reports{{"INF_FILE_EOF", 1, {again.data}}}));
+    EXPECT_EQ(again.content(), row.content);
+  }
+}
+
+// Every answer comes from one complete data set, the old or the new, never from a tree that is
+// being emptied or filled.
+TEST(CacheManager, LookupsDuringReloadsSeeTheOldOrTheNewDataWhole) {
+  const auto version = [](char name) {
+    std::string text;
+    for (int i = 0; i < 20000; ++i) text += "0301" + std::to_string(100000 + i) + " 20200101000000 " + name + "\n";
+    return text;
+  };
+  Cache c(version('A'));
+  std::atomic<bool> reloading{true};
+  std::atomic<int> faults{0};
+  std::vector<std::thread> readers;
+  for (unsigned t = 0; t < 2 * std::max(2u, std::thread::hardware_concurrency()); ++t) {
+    readers.emplace_back([&, t] {
+      for (int i = static_cast<int>(t); reloading.load() || i < 2000; ++i) {
+        const std::string op = c.lookup("004930" + std::to_string(1100000 + i % 20000));
+        faults.fetch_add(op != "A" && op != "B" ? 1 : 0);
+      }
+    });
+  }
+  for (int round = 0; round < 10; ++round) {
+    NpTest::writeText(c.data, version(round % 2 ? 'A' : 'B'));
+    EXPECT_TRUE(c.cache.cacheReload(false));
+  }
+  reloading = false;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(faults.load(), 0);
+  EXPECT_EQ(c.lookup("0049301119999"), "A");
+}
+
+}  // namespace
