@@ -5,7 +5,9 @@
 // every record it read written. A lock whose sleeping and waking paths live in two binaries, or
 // that lets readers starve a writer, hangs here. NP_STRESS_SECONDS (3 by default) sets how long
 // each thread count is run.
-#include "NphostProcess.h"
+#include "Nphost.h"
+#include "ProgramFolderTest.h"
+#include "SocketClient.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

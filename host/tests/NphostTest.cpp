@@ -1,7 +1,8 @@
 // Runs the built nphost in script mode and with bad command lines, registries and files, and
 // checks what a user sees: answer lines, exit statuses, messages on standard error, the log and
 // the files it must leave alone.
-#include "NphostProcess.h"
+#include "Nphost.h"
+#include "ProgramFolderTest.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

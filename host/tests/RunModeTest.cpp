@@ -1,6 +1,8 @@
 // Runs `nphost run` and `nphost ctl` as a user would: event records through files and pipes,
 // and the control socket, by `nphost ctl` and by a raw socket client.
-#include "NphostProcess.h"
+#include "Nphost.h"
+#include "ProgramFolderTest.h"
+#include "SocketClient.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
