@@ -1,0 +1,209 @@
+// The framework's waiting and waking: condition variable, signal, readers-writer lock and
+// threads. A wake-up that never comes shows as a hang, which the watchdog turns into a failure.
+#include "BAS/BinarySemaphore.h"
+#include "BAS/MutexLocker.h"
+#include "BAS/ReadLocker.h"
+#include "BAS/Thread.h"
+#include "BAS/WriteLocker.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using BAS::MutexLocker;
+
+// Fails at once when `action` has not returned after a generous time: a hang is a failure.
+template <typename Action>
+void endsWithoutHanging(Action action) {
+  if (std::async(std::launch::async, action).wait_for(30s) != std::future_status::ready) {
+    ADD_FAILURE() << "did not end within 30 s";
+    std::_Exit(EXIT_FAILURE);
+  }
+}
+
+struct Shared {
+  BAS::Mutex mutex;
+  BAS::ConditionVariable condition;
+  bool waiting GUARDED_BY(mutex) = false;
+  bool go GUARDED_BY(mutex) = false;
+};
+
+TEST(ConditionVariable, NotifyWakesAWaiterAndWaitUntilAnswersFalseWhenItsDeadlinePassed) {
+  Shared s;
+  std::atomic<bool> notified{false};
+  std::thread waiter([&s, &notified] {
+    MutexLocker locker(s.mutex);
+    s.waiting = true;  // and waits under the same hold of the mutex
+    while (!s.go) notified = s.condition.waitUntil(s.mutex, BAS::ConditionVariable::Clock::now() + 1h);
+  });
+  for (bool waiting = false; !waiting; std::this_thread::yield()) {
+    MutexLocker locker(s.mutex);
+    waiting = s.waiting;
+    s.go = waiting;
+  }
+  s.condition.notifyAll();
+  endsWithoutHanging([&] { waiter.join(); });
+  EXPECT_TRUE(notified);
+  MutexLocker locker(s.mutex);
+  EXPECT_FALSE(s.condition.waitUntil(s.mutex, BAS::ConditionVariable::Clock::now() + 1ms));
+}
+
+TEST(BinarySemaphore, TryTakeSucceedsOnlyOnAFreeSignalAndGivesDoNotAddUp) {
+  // 'g' gives; 't' is a tryTake that must succeed, 'f' one that must fail.
+  for (const std::string ops : {"tf", "tgtf", "ggtf", "tggtf", "gtgtgtf"}) {
+    BAS::BinarySemaphore semaphore;
+    for (std::size_t i = 0; i < ops.size(); ++i) {
+      if (ops[i] == 'g') semaphore.give();
+      else EXPECT_EQ(semaphore.tryTake(), ops[i] == 't') << ops << " at " << i;
+    }
+  }
+}
+
+// Each take must wait for the partner's give and be woken by it, or a count goes wrong or hangs.
+TEST(BinarySemaphore, TakeWaitsForGiveAndPingPongLosesNoSignal) {
+  BAS::BinarySemaphore ping, pong;
+  ping.take(), pong.take();
+  int seenByPartner = 0;  // handed over by the semaphores alone
+  int mismatches = 0;
+  std::thread partner([&] {
+    for (int i = 0; i < 20000; ++i) ping.take(), ++seenByPartner, pong.give();
+  });
+  endsWithoutHanging([&] {
+    for (int i = 0; i < 20000; ++i) ping.give(), pong.take(), mismatches += seenByPartner != i + 1;
+  });
+  partner.join();
+  EXPECT_EQ(mismatches, 0);
+}
+
+// Readers check that they never see a half-done change; writers change two values that must
+// stay equal. One writer holds on long enough that readers go to sleep and must be woken.
+TEST(RWLock, WritersExcludeReadersAndEachOtherAndWakeSleepingReaders) {
+  BAS::RWLock lock;
+  long first = 0, second = 0;
+  std::atomic<long> torn{0}, reads{0};
+  std::vector<std::thread> threads;
+  const unsigned readers = 4 * std::max(2u, std::thread::hardware_concurrency());  // more than processors
+  for (unsigned reader = 0; reader < readers; ++reader) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 5000; ++i) {
+        BAS::ReadLocker locker(lock);
+        torn += first != second;
+        ++reads;
+      }
+    });
+  }
+  for (int writer = 0; writer < 2; ++writer) {
+    threads.emplace_back([&, writer] {
+      for (int i = 0; i < 500; ++i) {
+        BAS::WriteLocker locker(lock);
+        ++first;
+        if (writer == 0 && i % 50 == 0) std::this_thread::sleep_for(2ms);
+        std::this_thread::yield();
+        ++second;
+      }
+    });
+  }
+  endsWithoutHanging([&] {
+    for (std::thread& thread : threads) thread.join();
+  });
+  EXPECT_EQ(torn, 0);
+  EXPECT_TRUE(first == 1000 && second == 1000) << first << " " << second;
+  EXPECT_EQ(reads, 5000L * readers);
+}
+
+// Once a writer waits, a reader that comes later waits behind it: the writer waits only for the
+// readers that were inside, so no stream of readers can keep it out.
+TEST(RWLock, AWriterWaitsForTheReaderInsideAndLaterReadersWaitBehindIt) {
+  BAS::RWLock lock;
+  std::atomic<bool> writerWaiting{false}, writerIn{false}, laterReaderIn{false}, laterReaderSawWriter{false};
+  lock.readLock();
+  std::thread writer([&] {
+    writerWaiting = true;
+    BAS::WriteLocker locker(lock);
+    writerIn = true;
+    std::this_thread::sleep_for(5ms);
+  });
+  while (!writerWaiting) std::this_thread::yield();
+  std::this_thread::sleep_for(50ms);  // lets the writer raise its flag
+  std::thread laterReader([&] {
+    BAS::ReadLocker locker(lock);
+    laterReaderSawWriter = writerIn.load();
+    laterReaderIn = true;
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(laterReaderIn) << "a reader passed a waiting writer";
+  EXPECT_FALSE(writerIn) << "the writer got in while a reader was inside";
+  lock.readUnlock();
+  endsWithoutHanging([&] { writer.join(), laterReader.join(); });
+  EXPECT_TRUE(laterReaderSawWriter);
+}
+
+// A body that holds a share of `held` while it services its points; cancellation must unwind it
+// and the thread must let go of the body, or the count stays up.
+std::function<void()> worker(const std::shared_ptr<int>& held, unsigned sleepMs) {
+  return [held, sleepMs] {
+    const std::shared_ptr<int> inside = held;
+    while (true) BAS::Thread::serviceInterrupt(), BAS::Thread::serviceCancel(), BAS::Thread::sleepMs(sleepMs);
+  };
+}
+
+TEST(Thread, RunsItsBodyOnceOnItsOwnThreadAndStopCutsAnHourLongSleepShort) {
+  BAS::Thread thread(nullptr);
+  std::atomic<BAS::Thread*> seenCurrent{nullptr};
+  const auto held = std::make_shared<int>();
+  ASSERT_TRUE(thread.start([&seenCurrent, body = worker(held, 3600 * 1000)] { seenCurrent = BAS::Thread::current(), body(); }));
+  EXPECT_TRUE(thread.isRunning());
+  EXPECT_FALSE(thread.start([] {}));
+  EXPECT_EQ(BAS::Thread::current(), nullptr);
+  std::this_thread::sleep_for(20ms);  // lets the loop reach its sleep
+  endsWithoutHanging([&] { thread.stop(), thread.stop(); });
+  EXPECT_EQ(seenCurrent, &thread);
+  EXPECT_EQ(held.use_count(), 1);
+  EXPECT_FALSE(thread.isRunning() || thread.start([] {}));
+}
+
+TEST(Thread, InterruptSuspendsUntilResumeAndStopEndsASuspendedThread) {
+  BAS::Thread thread(nullptr);
+  BAS::BinarySemaphore go, passed;
+  go.take(), passed.take();
+  ASSERT_TRUE(thread.start([&, body = worker(std::make_shared<int>(), 500)] {
+    go.take(), BAS::Thread::serviceInterrupt(), passed.give(), body();
+  }));
+  thread.interrupt();
+  go.give();
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(passed.tryTake());
+  thread.resume();
+  endsWithoutHanging([&] { passed.take(); });
+  thread.interrupt();
+  endsWithoutHanging([&] { thread.stop(); });
+}
+
+TEST(Thread, AFailingBodyEndsOnlyItsThreadAndTheFrameworkReleasesOwnerlessThreads) {
+  {
+    BAS::Thread failing(nullptr);
+    ASSERT_TRUE(failing.start([] { throw std::runtime_error("body failed"); }));
+    endsWithoutHanging([&] { failing.stop(); });
+    EXPECT_FALSE(failing.isRunning());
+  }
+  // Outside a framework thread the service points are no-ops; a never-started thread stops.
+  BAS::Thread::serviceInterrupt(), BAS::Thread::serviceCancel(), BAS::Thread(nullptr).stop();
+  delete new BAS::Thread(nullptr);  // deleted by its maker, so it must have left the list
+  const auto held = std::make_shared<int>();
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE((new BAS::Thread(nullptr))->start(worker(held, 500)));
+  endsWithoutHanging([] { BAS::Thread::releaseOwnerless(); });
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+}  // namespace
