@@ -16,11 +16,8 @@ struct CalendarFields {
 inline bool isLeapYear(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
 
 inline int monthLength(int year, int month) {
-  switch (month) {
-    case 2: return isLeapYear(year) ? 29 : 28;
-    case 4: case 6: case 9: case 11: return 30;
-    default: return 31;
-  }
+  if (month == 2) return isLeapYear(year) ? 29 : 28;
+  return month == 4 || month == 6 || month == 9 || month == 11 ? 30 : 31;
 }
 
 // The fields of "%Y%m%d%H%M%S" when `text` is exactly that and names a real UTC second of the
