@@ -19,7 +19,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using BAS::MutexLocker;
 
 // Fails at once when `action` has not returned after a generous time: a hang is a failure.
 template <typename Action>
@@ -42,18 +41,18 @@ TEST(ConditionVariable, NotifyWakesAWaiterAndWaitUntilAnswersFalseWhenItsDeadlin
   Shared s;
   std::atomic<bool> notified{false};
   std::thread waiter([&s, &notified] {
-    MutexLocker locker(s.mutex);
+    BAS::MutexLocker locker(s.mutex);
     s.waiting = true;  // and waits under the same hold of the mutex
     while (!s.go) notified = s.condition.waitUntil(s.mutex, BAS::ConditionVariable::Clock::now() + 1h);
   });
   for (bool waiting = false; !waiting; std::this_thread::yield()) {
-    MutexLocker locker(s.mutex);
+    BAS::MutexLocker locker(s.mutex);
     s.go = waiting = s.waiting;
   }
   s.condition.notifyAll();
   endsWithoutHanging([&] { waiter.join(); });
   EXPECT_TRUE(notified);
-  MutexLocker locker(s.mutex);
+  BAS::MutexLocker locker(s.mutex);
   EXPECT_FALSE(s.condition.waitUntil(s.mutex, BAS::ConditionVariable::Clock::now() + 1ms));
 }
 

@@ -7,7 +7,6 @@
 #include "BAS/MemoryLogSink.h"
 #include "BAS/Message.h"
 #include "BAS/MessageCatalogue.h"
-#include "BAS/MutexLocker.h"
 #include "OMF/InstrumentationProbeBrokerIf.h"
 
 #include <gtest/gtest.h>
@@ -27,11 +26,6 @@ namespace {
 using namespace std::chrono;
 using namespace BAS;
 using Strings = std::vector<String>;
-
-bool registered(const RegisteredObject& object) {
-  MutexLocker locker(RegisteredObject::isRegisteredLockerCM);
-  return object.isRegistered();
-}
 
 // Answers requests with its name and the argument. Passes messages on to "Target" and registers
 // an object while being delivered to, which deadlocks if the framework holds its lock meanwhile.
@@ -54,16 +48,6 @@ struct FrameworkTest : ::testing::Test {
   Framework framework;
   std::shared_ptr<MemoryLogSink> sink = std::make_shared<MemoryLogSink>();
 };
-
-TEST_F(FrameworkTest, RegistrationRefusesTakenEmptyAndRootNamesAndFreesNamesAtTheEnd) {
-  {
-    Recorder first("NumberPortability");
-    for (const char* name : {"NumberPortability", "", "Framework"}) EXPECT_FALSE(Recorder(name).isUsable()) << name;
-    EXPECT_TRUE(framework.findObject("NumberPortability") == &first && first.isUsable());
-  }
-  EXPECT_EQ(framework.findObject("NumberPortability"), nullptr);
-  EXPECT_TRUE(registered(Recorder("NumberPortability")));
-}
 
 TEST_F(FrameworkTest, RequestsReachTheRootOrTheirObjectAndMessagesAreDeliveredAndLoggedAsEvents) {
   framework.setEventHandlerName(String("First"));
@@ -90,15 +74,18 @@ TEST_F(FrameworkTest, RequestsReachTheRootOrTheirObjectAndMessagesAreDeliveredAn
   EXPECT_FALSE(RegisteredObject::sendRequest(request) || framework.findObject("EventHandler"));
 }
 
-TEST_F(FrameworkTest, StatusesCarryTheObjectsNameAndObjectsFindTheirRegistrySubtree) {
+TEST_F(FrameworkTest, RegistrationRefusesTakenEmptyAndRootNamesAndObjectsFindTheirStatusAndRegistrySubtree) {
+  {
+    Recorder first("NumberPortability");
+    for (const char* name : {"NumberPortability", "", "Framework"}) EXPECT_FALSE(Recorder(name).isUsable()) << name;
+    EXPECT_TRUE(framework.findObject("NumberPortability") == &first && first.isUsable());
+  }
+  EXPECT_TRUE(framework.findObject("NumberPortability") == nullptr && Recorder("NumberPortability").isUsable());
   Recorder object("NumberPortability"), dotted("pipeline.np"), missing("Missing");
-  Status status;
-  status.set("someone else", "ERR_INVALID_REG_VALUE", Status::CRITICAL, Strings{"MAYBE", "Reuse"});
-  object.setStatus(status, true);
+  object.setStatus(Status("ERR_INVALID_REG_VALUE", Status::CRITICAL, "MAYBE"), true);
   object.setStatus(Status("INF_FILE_OPENED", Status::NORMAL, "np.txt"), false);  // not written
   ASSERT_EQ(sink->lines().size(), 1u);
-  EXPECT_NE(sink->lines()[0].find(" CRITICAL(5) NumberPortability ERR_INVALID_REG_VALUE [\"MAYBE\", \"Reuse\"] "),
-            std::string::npos);
+  EXPECT_NE(sink->lines()[0].find(" CRITICAL(5) NumberPortability ERR_INVALID_REG_VALUE [\"MAYBE\"] "), std::string::npos);
   framework.registry().child("NumberPortability").add("FileName", "old.txt");
   framework.registry().child("NumberPortability").add("FileName", "np.txt");  // a key is set, not repeated
   framework.registry().child("pipeline").child("np").add("CountryCode", "49");
@@ -110,14 +97,14 @@ TEST(Framework, CurrentIsTheLatestLiveFrameworkAndWithoutOneNothingIsRegisteredO
   {
     Recorder lonely("Lonely");
     Message request("Lonely", "Framework", "REQ_EVENTHANDLER_NAME", ""), message("Lonely", "Lonely", "EVT::X", "");
-    EXPECT_FALSE(Framework::current() || registered(lonely) || lonely.registry() ||
+    EXPECT_FALSE(Framework::current() || lonely.isUsable() || lonely.registry() ||
                  RegisteredObject::sendRequest(request) || RegisteredObject::sendMessage(message));
   }
   auto outer = std::make_unique<Framework>();
   auto survivor = std::make_unique<Recorder>("Survivor");
   {
     Framework inner;
-    EXPECT_TRUE(Framework::current() == &inner && registered(Recorder("Survivor"))) << "a directory of its own";
+    EXPECT_TRUE(Framework::current() == &inner && Recorder("Survivor").isUsable()) << "a directory of its own";
   }
   EXPECT_EQ(outer->findObject("Survivor"), survivor.get());
   auto newer = std::make_unique<Framework>();

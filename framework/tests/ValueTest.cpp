@@ -2,11 +2,14 @@
 // plain day count over the years 1 to 9999, and the compact string that the store keeps
 // operator names in.
 #include "BAS/DateTime.h"
+#include "BAS/LargeBlock.h"
 #include "BAS/SimpleString.h"
 #include "fuzz/CalendarOracle.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -25,8 +28,7 @@ BAS::String compact(int year, int month, int day, int second) {
 
 // Each day is read at another second of the day; the day after each month's last is refused.
 TEST(DateTime, EveryDayOfTheYearsOneTo9999AgreesWithAPlainDayCount) {
-  DateTime::Secs day = 0;  // days since 0001-01-01, counted one at a time
-  int failures = 0;
+  DateTime::Secs day = 0, failures = 0;  // days since 0001-01-01, counted one at a time
   for (int year = 1; year <= 9999; ++year) {
     for (int month = 1, dayOfYear = 0; month <= 12; ++month) {
       const int length = NpFuzz::monthLength(year, month);
@@ -59,7 +61,7 @@ TEST(DateTime, RefusesTextsThatAreNoDateTimeAndOrdersThemLast) {
   EXPECT_LT(DateTime("99991231235959"), DateTime());
 }
 
-TEST(SimpleString, CopiesMovesAndComparesAcrossTheInlineLimit) {
+TEST(Strings, CompactOnesCopyMoveAndCompareAcrossTheInlineLimitAndNumbersAreReadWhole) {
   const std::string longText = "a network operator name far longer than fifteen bytes";
   for (const std::string& text : {std::string(15, 'x'), std::string(16, 'y'), std::string("a\0b", 3)})
     EXPECT_EQ(SimpleString(text).view(), text);
@@ -78,9 +80,23 @@ TEST(SimpleString, CopiesMovesAndComparesAcrossTheInlineLimit) {
       EXPECT_TRUE(assigned.view() == from && constructed.view() == from && copy.empty() && target.empty());
     }
   }
-  EXPECT_NE(SimpleString(std::string_view("abc")), SimpleString(std::string_view("abd")));
   EXPECT_LT(SimpleString(longText), SimpleString(std::string_view("abc")));  // "a " sorts before "ab"
   EXPECT_LT(SimpleString(longText), SimpleString(longText + "!"));
+  // The string reads whole unsigned numbers that fit, and otherwise leaves the number as it was.
+  for (const auto& [text, read] : {std::pair{"000042", 42u}, {"4294967295", 4294967295u}, {"", 7u}, {"-1", 7u},
+                                   {" 1", 7u}, {"1a", 7u}, {"4294967296", 7u}, {"99999999999999999999", 7u}}) {
+    unsigned int n = 7;
+    EXPECT_TRUE(BAS::String(text).toNum(n) == (read != 7) && n == read) << '"' << text << '"';
+  }
+}
+
+TEST(LargeBlock, HandsOutAlignedZeroedBlocksThatCanBeUsedToTheirEnd) {
+  for (const std::size_t bytes : {std::size_t{1}, 3 * BAS::LargeBlock::alignCM + 5}) {
+    auto* const block = static_cast<unsigned char*>(BAS::LargeBlock::allocate(bytes, bytes > 1));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % BAS::LargeBlock::alignCM, 0U);
+    EXPECT_TRUE(std::all_of(block, block + bytes, [](unsigned char byte) { return byte == 0; }));
+    std::fill(block, block + bytes, 0xA5), BAS::LargeBlock::release(block, bytes);
+  }
 }
 
 }  // namespace
