@@ -1,23 +1,25 @@
 #include "BAS/BinarySemaphore.h"
 
+#include "BAS/MutexLocker.h"
+
 namespace BAS {
 
 void BinarySemaphore::take() {
-  std::unique_lock<std::mutex> lock(mutexM);
-  freedM.wait(lock, [this] { return !takenM; });
+  MutexLocker locker(mutexM);
+  while (takenM) freedM.wait(mutexM);
   takenM = true;
 }
 
 void BinarySemaphore::give() {
   // Notified with the lock held: a taker woken early may return and destroy the semaphore as
   // soon as the lock is free, which must not happen before the notification is done.
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   takenM = false;
-  freedM.notify_one();
+  freedM.notifyOne();
 }
 
 bool BinarySemaphore::tryTake() {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   if (takenM) return false;
   takenM = true;
   return true;

@@ -4,10 +4,9 @@
 // Thread-safe. It guards no data; it orders a poster's writes before the taker's reads.
 #pragma once
 
+#include "BAS/ConditionVariable.h"
 #include "BAS/Export.h"
-
-#include <condition_variable>
-#include <mutex>
+#include "BAS/Mutex.h"
 
 namespace BAS {
 
@@ -17,15 +16,15 @@ public:
   BinarySemaphore(const BinarySemaphore&) = delete;
   BinarySemaphore& operator=(const BinarySemaphore&) = delete;
 
-  void take();
-  void give();
+  void take() EXCLUDES(mutexM);
+  void give() EXCLUDES(mutexM);
   // Takes the signal only if it is free; true when taken.
-  bool tryTake();
+  bool tryTake() EXCLUDES(mutexM);
 
 private:
-  std::mutex mutexM;
-  std::condition_variable freedM;
-  bool takenM = false;  // guarded by mutexM
+  Mutex mutexM;
+  ConditionVariable freedM;
+  bool takenM GUARDED_BY(mutexM) = false;
 };
 
 }  // namespace BAS

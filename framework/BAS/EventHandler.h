@@ -17,7 +17,7 @@ public:
   std::size_t received() const { return receivedM.load(); }
 
 private:
-  std::atomic<std::size_t> receivedM{0};
+  std::atomic<std::size_t> receivedM{0};  // atomic: counted by any sender's thread, no lock
 };
 
 }  // namespace BAS

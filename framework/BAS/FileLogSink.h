@@ -22,6 +22,7 @@ public:
   void write(const LogRecord& record, const std::string& line) override;
 
 private:
+  // Both set at construction, then only read; the stream locks itself around each line.
   std::FILE* streamM;
   bool ownsStreamM;
 };

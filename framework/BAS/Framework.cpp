@@ -14,9 +14,9 @@ namespace BAS {
 
 namespace {
 
-// The live frameworks form a chain through previousM, the current one first. Changes to the
-// chain and every previousM are made under chainLock; current() only reads the head.
-Mutex chainLock;
+// The live frameworks form a chain through previousM, the current one first. The head is
+// changed only under Framework::chainLockCM, together with the previousM links; it is atomic
+// so that current(), called on every report and delivery, reads it without the lock.
 std::atomic<Framework*> head{nullptr};
 
 String rootName() {
@@ -28,8 +28,10 @@ const String eventHandlerRequestCM = "REQ_EVENTHANDLER_NAME";
 
 }  // namespace
 
+Mutex Framework::chainLockCM;
+
 Framework::Framework() : registryM(String()) {
-  MutexLocker locker(chainLock);
+  MutexLocker locker(chainLockCM);
   previousM = head.load();
   head.store(this);
 }
@@ -42,19 +44,19 @@ Framework::~Framework() {
 
   std::vector<InstrumentationProbeGroup*> groups;
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     groups.swap(probeGroupsM);
   }
   for (InstrumentationProbeGroup* group : groups) delete group;
 
   std::unique_ptr<EventHandler> handler;
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     handler = std::move(eventHandlerM);
   }
   handler.reset();
 
-  MutexLocker locker(chainLock);
+  MutexLocker locker(chainLockCM);
   if (head.load() == this) {
     head.store(previousM);
   } else {
@@ -75,57 +77,57 @@ void Framework::setEventHandlerName(const std::optional<String>& name) {
   // or register through the object directory, which takes it.
   std::unique_ptr<EventHandler> old;
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     old = std::move(eventHandlerM);
     eventHandlerNameM = name;
   }
   old.reset();
   if (!name) return;
   auto handler = std::make_unique<EventHandler>(*name);
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   eventHandlerM = std::move(handler);
 }
 
 std::optional<String> Framework::eventHandlerName() const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return eventHandlerNameM;
 }
 
 EventHandler* Framework::eventHandler() const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return eventHandlerM.get();
 }
 
 void Framework::setRootRequestHandler(std::function<bool(Message&)> handler) {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   rootRequestHandlerM = std::move(handler);
 }
 
 void Framework::setProbeDirectory(const String& directory) {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   probeDirectoryM = directory;
 }
 
 String Framework::probeDirectory() const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return probeDirectoryM;
 }
 
 bool Framework::registerObject(const String& name, RegisteredObject* object) {
   if (name.empty() || object == nullptr || name == rootName()) return false;
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return objectsM.emplace(name, object).second;
 }
 
 void Framework::unregisterObject(const String& name, RegisteredObject* object) {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   const auto found = objectsM.find(name);
   if (found != objectsM.end() && found->second == object) objectsM.erase(found);
 }
 
 void Framework::unregisterIfLive(Framework* framework, const String& name, RegisteredObject* object) {
   if (framework == nullptr) return;
-  MutexLocker locker(chainLock);
+  MutexLocker locker(chainLockCM);
   for (Framework* f = head.load(); f != nullptr; f = f->previousM) {
     if (f == framework) {
       framework->unregisterObject(name, object);
@@ -135,7 +137,7 @@ void Framework::unregisterIfLive(Framework* framework, const String& name, Regis
 }
 
 RegisteredObject* Framework::findObject(const String& name) const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   const auto found = objectsM.find(name);
   return found == objectsM.end() ? nullptr : found->second;
 }
@@ -145,7 +147,7 @@ bool Framework::deliverRequest(Message& request) {
     std::function<bool(Message&)> handler;
     std::optional<String> eventHandlerName;
     {
-      std::lock_guard<std::mutex> lock(mutexM);
+      MutexLocker locker(mutexM);
       handler = rootRequestHandlerM;
       eventHandlerName = eventHandlerNameM;
     }
@@ -167,12 +169,12 @@ bool Framework::deliverMessage(Message& message) {
 
 void Framework::adoptProbeGroup(InstrumentationProbeGroup* group) {
   if (group == nullptr) return;
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   probeGroupsM.push_back(group);
 }
 
 std::vector<InstrumentationProbeGroup*> Framework::probeGroups() const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return probeGroupsM;
 }
 

@@ -23,6 +23,8 @@ public:
   InstrumentationProbeAttribute* find(const String& name) const;
 
 private:
+  // Filled by the group's maker as it sets up its probes, before it offers the group to anyone;
+  // then only read: no lock.
   std::vector<InstrumentationProbeAttribute*> attributesM;
 };
 

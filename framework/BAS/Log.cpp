@@ -2,6 +2,7 @@
 
 #include "BAS/Message.h"
 #include "BAS/MessageCatalogue.h"
+#include "BAS/MutexLocker.h"
 #include "BAS/Status.h"
 
 #include <fmt/format.h>
@@ -194,23 +195,23 @@ Log::Log() = default;
 Log::~Log() = default;
 
 void Log::setFormat(Format format) {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   formatM = format;
 }
 
 Log::Format Log::format() const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return formatM;
 }
 
 void Log::addSink(std::shared_ptr<LogSink> sink) {
   if (sink == nullptr) return;
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   sinksM.push_back(std::move(sink));
 }
 
 void Log::removeSink(const std::shared_ptr<LogSink>& sink) {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   sinksM.erase(std::remove(sinksM.begin(), sinksM.end(), sink), sinksM.end());
 }
 
@@ -260,14 +261,14 @@ std::string Log::formatLine(const LogRecord& record, Format format) {
 void Log::dispatch(const LogRecord& record) {
   Format format;
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     if (sinksM.empty()) return;
     format = formatM;
   }
   // Formatting is the costly part and needs no lock; only the hand-over to the sinks is
   // serialised. A format change in between affects the next line.
   const std::string line = formatLine(record, format);
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   for (const auto& sink : sinksM) sink->write(record, line);
 }
 

@@ -14,9 +14,9 @@
 #include "BAS/Export.h"
 #include "BAS/LogRecord.h"
 #include "BAS/LogSink.h"
+#include "BAS/Mutex.h"
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,13 +32,13 @@ public:
   Log();
   ~Log();
 
-  void setFormat(Format format);
-  Format format() const;
-  void addSink(std::shared_ptr<LogSink> sink);
-  void removeSink(const std::shared_ptr<LogSink>& sink);
+  void setFormat(Format format) EXCLUDES(mutexM);
+  Format format() const EXCLUDES(mutexM);
+  void addSink(std::shared_ptr<LogSink> sink) EXCLUDES(mutexM);
+  void removeSink(const std::shared_ptr<LogSink>& sink) EXCLUDES(mutexM);
 
-  void writeStatus(const Status& status);
-  void writeEvent(const Message& message, bool delivered);
+  void writeStatus(const Status& status) EXCLUDES(mutexM);
+  void writeEvent(const Message& message, bool delivered) EXCLUDES(mutexM);
 
   // The line of a record in a format, without a line end.
   static std::string formatLine(const LogRecord& record, Format format);
@@ -53,11 +53,12 @@ public:
 
 private:
   static void shorten(String& argument);
-  void dispatch(const LogRecord& record);
+  void dispatch(const LogRecord& record) EXCLUDES(mutexM);
 
-  mutable std::mutex mutexM;
-  Format formatM = Format::TEXT;                  // guarded by mutexM
-  std::vector<std::shared_ptr<LogSink>> sinksM;   // guarded by mutexM
+  // Also held while the sinks write, which is what keeps lines from interleaving.
+  mutable Mutex mutexM;
+  Format formatM GUARDED_BY(mutexM) = Format::TEXT;
+  std::vector<std::shared_ptr<LogSink>> sinksM GUARDED_BY(mutexM);
 };
 
 }  // namespace BAS

@@ -1,57 +1,59 @@
 #include "BAS/MemoryLogSink.h"
 
+#include "BAS/MutexLocker.h"
+
 #include <algorithm>
 
 namespace BAS {
 
-namespace {
-
-std::size_t countOf(const std::vector<LogRecord>& records, const String& id) {
-  return static_cast<std::size_t>(
-      std::count_if(records.begin(), records.end(), [&id](const LogRecord& record) { return record.id == id; }));
-}
-
-}  // namespace
-
 void MemoryLogSink::write(const LogRecord& record, const std::string& line) {
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     recordsM.push_back(record);
     linesM.push_back(line);
   }
-  writtenM.notify_all();
+  writtenM.notifyAll();
 }
 
 std::vector<LogRecord> MemoryLogSink::records() const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return recordsM;
 }
 
 std::vector<std::string> MemoryLogSink::lines() const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   return linesM;
 }
 
 std::vector<LogRecord> MemoryLogSink::withId(const String& id) const {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   std::vector<LogRecord> result;
   std::copy_if(recordsM.begin(), recordsM.end(), std::back_inserter(result),
                [&id](const LogRecord& record) { return record.id == id; });
   return result;
 }
 
+std::size_t MemoryLogSink::countLocked(const String& id) const {
+  return static_cast<std::size_t>(
+      std::count_if(recordsM.begin(), recordsM.end(), [&id](const LogRecord& record) { return record.id == id; }));
+}
+
 std::size_t MemoryLogSink::count(const String& id) const {
-  std::lock_guard<std::mutex> lock(mutexM);
-  return countOf(recordsM, id);
+  MutexLocker locker(mutexM);
+  return countLocked(id);
 }
 
 bool MemoryLogSink::waitFor(const String& id, std::size_t count, std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(mutexM);
-  return writtenM.wait_for(lock, timeout, [&] { return countOf(recordsM, id) >= count; });
+  MutexLocker locker(mutexM);
+  const auto deadline = ConditionVariable::Clock::now() + timeout;
+  while (countLocked(id) < count) {
+    if (!writtenM.waitUntil(mutexM, deadline)) return countLocked(id) >= count;
+  }
+  return true;
 }
 
 void MemoryLogSink::clear() {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   recordsM.clear();
   linesM.clear();
 }

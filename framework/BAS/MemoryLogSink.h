@@ -2,34 +2,36 @@
 // can read back what was logged. Thread-safe.
 #pragma once
 
+#include "BAS/ConditionVariable.h"
 #include "BAS/Export.h"
 #include "BAS/LogSink.h"
+#include "BAS/Mutex.h"
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <vector>
 
 namespace BAS {
 
 class BAS_EXPORT MemoryLogSink : public LogSink {
 public:
-  void write(const LogRecord& record, const std::string& line) override;
+  void write(const LogRecord& record, const std::string& line) EXCLUDES(mutexM) override;
 
-  std::vector<LogRecord> records() const;
-  std::vector<std::string> lines() const;
+  std::vector<LogRecord> records() const EXCLUDES(mutexM);
+  std::vector<std::string> lines() const EXCLUDES(mutexM);
   // Entries whose id (message identifier or event name) is `id`.
-  std::vector<LogRecord> withId(const String& id) const;
-  std::size_t count(const String& id) const;
+  std::vector<LogRecord> withId(const String& id) const EXCLUDES(mutexM);
+  std::size_t count(const String& id) const EXCLUDES(mutexM);
   // Waits until at least `count` entries with that id were written; false on timeout.
-  bool waitFor(const String& id, std::size_t count, std::chrono::milliseconds timeout) const;
-  void clear();
+  bool waitFor(const String& id, std::size_t count, std::chrono::milliseconds timeout) const EXCLUDES(mutexM);
+  void clear() EXCLUDES(mutexM);
 
 private:
-  mutable std::mutex mutexM;
-  mutable std::condition_variable writtenM;
-  std::vector<LogRecord> recordsM;  // guarded by mutexM
-  std::vector<std::string> linesM;  // guarded by mutexM
+  std::size_t countLocked(const String& id) const REQUIRES(mutexM);
+
+  mutable Mutex mutexM;
+  mutable ConditionVariable writtenM;  // notified after each write
+  std::vector<LogRecord> recordsM GUARDED_BY(mutexM);
+  std::vector<std::string> linesM GUARDED_BY(mutexM);
 };
 
 }  // namespace BAS

@@ -17,9 +17,13 @@ public:
 
   void acquire() ACQUIRE() { mutexM.lock(); }
   void release() RELEASE() { mutexM.unlock(); }
-  std::mutex& native() { return mutexM; }
 
 private:
+  // Only the condition variable reaches the mutex underneath, to wait on it; anyone else
+  // locking it directly would do so behind the analysis's back.
+  friend class ConditionVariable;
+  std::mutex& native() { return mutexM; }
+
   std::mutex mutexM;
 };
 

@@ -16,7 +16,7 @@ public:
   void set(bool value) { valueM.store(value); }
 
 private:
-  std::atomic<bool> valueM;
+  std::atomic<bool> valueM;  // atomic: read and written by any thread, no lock
 };
 
 }  // namespace BAS

@@ -1,5 +1,7 @@
 #include "BAS/RWLock.h"
 
+#include "BAS/MutexLocker.h"
+
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -76,8 +78,22 @@ bool RWLock::noReaders() const noexcept {
   return true;
 }
 
+void RWLock::enterWriters() {
+  MutexLocker locker(writersM);
+  while (writerInsideM) writerLeftM.wait(writersM);
+  writerInsideM = true;
+}
+
+void RWLock::leaveWriters() {
+  // Notified with the mutex held: the writer woken may take the lock, leave it and destroy it
+  // as soon as the mutex is free, which must not happen before the notification is done.
+  MutexLocker locker(writersM);
+  writerInsideM = false;
+  writerLeftM.notifyOne();
+}
+
 void RWLock::writeLock() {
-  writersM.lock();
+  enterWriters();
   writingM.store(1, std::memory_order_seq_cst);
   // From here no reader enters; only those inside are waited for.
   for (int spin = 0; spin < 64; ++spin) {
@@ -99,7 +115,7 @@ void RWLock::writeLock() {
 void RWLock::writeUnlock() {
   writingM.store(0, std::memory_order_seq_cst);
   wakeAll(writingM);
-  writersM.unlock();
+  leaveWriters();
 }
 
 }  // namespace BAS

@@ -8,7 +8,8 @@
 // every counter is zero. A reader announces itself (increment) before it looks at writingM, and
 // the writer raises writingM before it looks at the counters; both with sequentially consistent
 // operations, so at least one of them sees the other, and a reader that sees a writer steps back
-// and waits. Writers are serialised by a mutex. Not recursive on either side.
+// and waits. Writers take turns through a flag under a mutex, each holding that mutex only to
+// raise or lower its flag, so that the analysis can check it. Not recursive on either side.
 //
 // Every wait and every wake-up happens out of line, in the framework library, on the lock's own
 // word through the kernel (futex): a reader compiled into a host program and a writer compiled
@@ -29,13 +30,14 @@
 //   exchange of two pointers), and again for each writer queued right behind it.
 #pragma once
 
+#include "BAS/ConditionVariable.h"
 #include "BAS/Export.h"
+#include "BAS/Mutex.h"
 #include "BAS/ThreadAnnotations.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 namespace BAS {
 
@@ -45,19 +47,19 @@ public:
   RWLock(const RWLock&) = delete;
   RWLock& operator=(const RWLock&) = delete;
 
-  void readLock() ACQUIRE_SHARED() NO_THREAD_SAFETY_ANALYSIS {
+  // The lock's own operations: clang leaves the body of a function that acquires or releases
+  // the object it belongs to out of the analysis, which checks their callers instead.
+  void readLock() ACQUIRE_SHARED() {
     std::atomic<long>& readers = slotsM[slotOfThisThread()].readersM;
     readers.fetch_add(1, std::memory_order_seq_cst);
     if (writingM.load(std::memory_order_seq_cst) == 0) [[likely]] return;
     readLockBehindWriter(readers);
   }
 
-  void readUnlock() RELEASE_SHARED() NO_THREAD_SAFETY_ANALYSIS {
-    slotsM[slotOfThisThread()].readersM.fetch_sub(1, std::memory_order_release);
-  }
+  void readUnlock() RELEASE_SHARED() { slotsM[slotOfThisThread()].readersM.fetch_sub(1, std::memory_order_release); }
 
-  void writeLock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS;
-  void writeUnlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS;
+  void writeLock() ACQUIRE();
+  void writeUnlock() RELEASE();
 
 private:
   static constexpr std::size_t slotCountCM = 16;
@@ -74,12 +76,17 @@ private:
   // counts itself in again, until it finds no writer after counting itself.
   void readLockBehindWriter(std::atomic<long>& readers) noexcept;
   bool noReaders() const noexcept;
+  // Waits until no other writer is inside, then marks this one inside; and the reverse.
+  void enterWriters() EXCLUDES(writersM);
+  void leaveWriters() EXCLUDES(writersM);
 
   Slot slotsM[slotCountCM];
   // 1 while a writer holds or is about to take the lock, else 0; atomic, read by every reader,
   // and the word that sleeping readers wait on. 32 bits, the size the kernel waits on.
   alignas(64) std::atomic<std::uint32_t> writingM{0};
-  std::mutex writersM;  // lets one writer at a time raise writingM
+  Mutex writersM;
+  ConditionVariable writerLeftM;  // notified when writerInsideM falls
+  bool writerInsideM GUARDED_BY(writersM) = false;  // a writer holds the lock or waits for readers
 };
 
 }  // namespace BAS

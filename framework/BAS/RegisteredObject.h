@@ -84,7 +84,7 @@ private:
   bool isRegisteredM GUARDED_BY(isRegisteredLockerCM) = false;
   bool isValidM GUARDED_BY(isValidLockerCM) = false;
   Status statusM GUARDED_BY(statusLockerCM);
-  Framework* frameworkM = nullptr;  // the framework it registered with; set at construction
+  Framework* frameworkM = nullptr;  // the framework it registered with; set at construction, then only read
 };
 
 }  // namespace BAS

@@ -1,5 +1,7 @@
 #include "BAS/Thread.h"
 
+#include "BAS/MutexLocker.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cxxabi.h>
@@ -17,13 +19,14 @@ namespace {
 // deliberately derives from nothing, so that a body's catch of std::exception lets it pass.
 struct CancelRequest {};
 
+// Each thread's own: no lock.
 thread_local Thread* currentThread = nullptr;
 
 // The owner-less thread objects of the process. Made on first use and never destroyed, so
 // that a thread object released late in process exit still finds it.
 struct OwnerlessList {
-  std::mutex mutexM;
-  std::vector<Thread*> threadsM;  // guarded by mutexM
+  Mutex mutexM;
+  std::vector<Thread*> threadsM GUARDED_BY(mutexM);
 };
 
 OwnerlessList& ownerless() {
@@ -36,7 +39,7 @@ OwnerlessList& ownerless() {
 Thread::Thread(RegisteredObject* owner) : ownerM(owner) {
   if (ownerM == nullptr) {
     OwnerlessList& list = ownerless();
-    std::lock_guard<std::mutex> lock(list.mutexM);
+    MutexLocker locker(list.mutexM);
     list.threadsM.push_back(this);
   }
 }
@@ -45,7 +48,7 @@ Thread::~Thread() {
   stop();
   if (ownerM == nullptr) {
     OwnerlessList& list = ownerless();
-    std::lock_guard<std::mutex> lock(list.mutexM);
+    MutexLocker locker(list.mutexM);
     std::erase(list.threadsM, this);
   }
 }
@@ -63,34 +66,34 @@ bool Thread::start(std::function<void()> body) {
     runningM.store(false);
     return false;
   }
-  std::unique_lock<std::mutex> lock(mutexM);
-  changedM.wait(lock, [this] { return enteredM; });
+  MutexLocker locker(mutexM);
+  while (!enteredM) changedM.wait(mutexM);
   return true;
 }
 
 void Thread::stop() {
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     cancelRequestedM = true;
     interruptRequestedM = false;
   }
-  changedM.notify_all();
+  changedM.notifyAll();
   // Joining itself would never return; the thread ends at its next serviceCancel() instead.
   if (currentThread == this || !threadM.joinable()) return;
   threadM.join();
 }
 
 void Thread::interrupt() {
-  std::lock_guard<std::mutex> lock(mutexM);
+  MutexLocker locker(mutexM);
   interruptRequestedM = true;
 }
 
 void Thread::resume() {
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     interruptRequestedM = false;
   }
-  changedM.notify_all();
+  changedM.notifyAll();
 }
 
 Thread* Thread::current() { return currentThread; }
@@ -98,8 +101,8 @@ Thread* Thread::current() { return currentThread; }
 void Thread::serviceInterrupt() {
   Thread* self = currentThread;
   if (self == nullptr) return;
-  std::unique_lock<std::mutex> lock(self->mutexM);
-  self->changedM.wait(lock, [self] { return !self->interruptRequestedM || self->cancelRequestedM; });
+  MutexLocker locker(self->mutexM);
+  while (self->interruptRequestedM && !self->cancelRequestedM) self->changedM.wait(self->mutexM);
 }
 
 void Thread::serviceCancel() {
@@ -107,7 +110,7 @@ void Thread::serviceCancel() {
   if (self == nullptr) return;
   bool cancelled;
   {
-    std::lock_guard<std::mutex> lock(self->mutexM);
+    MutexLocker locker(self->mutexM);
     cancelled = self->cancelRequestedM;
   }
   if (cancelled) throw CancelRequest{};
@@ -119,9 +122,11 @@ void Thread::sleepMs(unsigned milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
     return;
   }
-  std::unique_lock<std::mutex> lock(self->mutexM);
-  self->changedM.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                          [self] { return self->cancelRequestedM; });
+  MutexLocker locker(self->mutexM);
+  const auto deadline = ConditionVariable::Clock::now() + std::chrono::milliseconds(milliseconds);
+  while (!self->cancelRequestedM) {
+    if (!self->changedM.waitUntil(self->mutexM, deadline)) return;
+  }
 }
 
 void Thread::releaseOwnerless() {
@@ -130,7 +135,7 @@ void Thread::releaseOwnerless() {
   while (true) {
     std::vector<Thread*> threads;
     {
-      std::lock_guard<std::mutex> lock(list.mutexM);
+      MutexLocker locker(list.mutexM);
       threads.swap(list.threadsM);
     }
     if (threads.empty()) return;
@@ -154,10 +159,10 @@ void Thread::runBody() {
 
   currentThread = this;
   {
-    std::lock_guard<std::mutex> lock(mutexM);
+    MutexLocker locker(mutexM);
     enteredM = true;
   }
-  changedM.notify_all();
+  changedM.notifyAll();
 
   EndOfThread end{this};
   try {

@@ -8,12 +8,12 @@
 // calling thread.
 #pragma once
 
+#include "BAS/ConditionVariable.h"
 #include "BAS/Export.h"
+#include "BAS/Mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 namespace BAS {
@@ -28,15 +28,15 @@ public:
   Thread& operator=(const Thread&) = delete;
 
   // False when the thread was started before.
-  bool start(std::function<void()> body);
+  bool start(std::function<void()> body) EXCLUDES(mutexM);
   // Requests cancellation (and resumes an interrupted thread), then joins. Idempotent. Must not
   // be called from the thread itself (there it only requests cancellation).
-  void stop();
+  void stop() EXCLUDES(mutexM);
   bool isRunning() const { return runningM.load(); }
 
   // Asks the thread to suspend at its next serviceInterrupt(); resume() lets it go on.
-  void interrupt();
-  void resume();
+  void interrupt() EXCLUDES(mutexM);
+  void resume() EXCLUDES(mutexM);
 
   // The thread object of the calling thread; null on threads that BAS::Thread did not start.
   static Thread* current();
@@ -53,18 +53,21 @@ public:
   static void releaseOwnerless();
 
 private:
-  void runBody();
+  void runBody() EXCLUDES(mutexM);
 
-  RegisteredObject* ownerM;
-  std::function<void()> bodyM;  // written by start() before the thread exists, reset by the thread
-  std::thread threadM;          // touched by the controlling thread only
-  bool startedM = false;        // touched by the controlling thread only
-  std::mutex mutexM;
-  std::condition_variable changedM;
-  bool enteredM = false;             // guarded by mutexM: the new thread has begun to run
-  bool cancelRequestedM = false;     // guarded by mutexM
-  bool interruptRequestedM = false;  // guarded by mutexM
-  std::atomic<bool> runningM{false};  // set by start(), cleared by the thread as it ends
+  RegisteredObject* ownerM;  // set at construction, then only read
+  // Written by start() before the thread exists (making the thread orders it before the
+  // thread's reads), then read and reset by the thread alone: no lock.
+  std::function<void()> bodyM;
+  std::thread threadM;    // touched by the controlling thread only: no lock
+  bool startedM = false;  // touched by the controlling thread only: no lock
+  Mutex mutexM;
+  ConditionVariable changedM;  // notified when any field below that mutexM guards changes
+  bool enteredM GUARDED_BY(mutexM) = false;  // the new thread has begun to run
+  bool cancelRequestedM GUARDED_BY(mutexM) = false;
+  bool interruptRequestedM GUARDED_BY(mutexM) = false;
+  // Set by start(), cleared by the thread as it ends; atomic, read by any thread without a lock.
+  std::atomic<bool> runningM{false};
 };
 
 }  // namespace BAS

@@ -1,6 +1,6 @@
-// A second, deliberately naive reading of the 14-digit date-time form for the fuzz targets:
-// field checks written out by hand and a day count summed year by year, so that it shares no
-// arithmetic with BAS::DateTime and a fault in one shows up as a disagreement.
+// A second, deliberately naive reading of the 14-digit date-time form for the data line fuzzer
+// and the calendar test: field checks written out by hand and a day count summed year by year,
+// so that it shares no arithmetic with BAS::DateTime and a fault in one shows up as a disagreement.
 #pragma once
 
 #include <cstdint>
@@ -16,11 +16,8 @@ struct CalendarFields {
 inline bool isLeapYear(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
 
 inline int monthLength(int year, int month) {
-  switch (month) {
-    case 2: return isLeapYear(year) ? 29 : 28;
-    case 4: case 6: case 9: case 11: return 30;
-    default: return 31;
-  }
+  if (month == 2) return isLeapYear(year) ? 29 : 28;
+  return month == 4 || month == 6 || month == 9 || month == 11 ? 30 : 31;
 }
 
 // The fields of "%Y%m%d%H%M%S" when `text` is exactly that and names a real UTC second of the
@@ -52,13 +49,6 @@ inline std::int64_t daysSinceYearOne(const CalendarFields& f) {
 inline std::uint64_t secsSinceYearOne(const CalendarFields& f) {
   return static_cast<std::uint64_t>(daysSinceYearOne(f)) * 86400u + static_cast<std::uint64_t>(f.hour) * 3600u +
          static_cast<std::uint64_t>(f.minute) * 60u + static_cast<std::uint64_t>(f.second);
-}
-
-// Day of the year, 1 for 1 January.
-inline int dayOfYear(const CalendarFields& f) {
-  int days = f.day;
-  for (int m = 1; m < f.month; ++m) days += monthLength(f.year, m);
-  return days;
 }
 
 }  // namespace NpFuzz
