@@ -179,6 +179,17 @@ TEST(Log, TextAndJsonLinesShowEveryFieldAndDataCannotBreakThem) {
   EXPECT_EQ(nlohmann::json::parse(Log::formatLine(event, Log::Format::JSON)).at("delivered"), false);
 }
 
+// A rejected data line of any size must become a log argument of bounded size that stays valid
+// UTF-8 and says how long it was; short arguments, and the event's, pass as they are.
+TEST(Log, AnArgumentPastTheLimitIsCutBeforeACharacterAndSaysItsSize) {
+  const std::string head(Log::maxArgumentBytesCM - 1, 'x'), line = head + "\xC3\xBC" + std::string(1 << 20, 'y');
+  Status status;
+  status.set("NP", "ERR_NUMBER_OF_FIELDS_IN_RECORD", Status::MINOR, Strings{"2", "3", String(line), "At Line# 7. "});
+  const std::string cut = head + "... (" + std::to_string(line.size()) + " bytes in all)";
+  EXPECT_EQ(Log::statusRecord(status).args, (Strings{"2", "3", String(cut), "At Line# 7. "}));
+  EXPECT_EQ(Log::eventRecord(Message("NP", "", "EVT::RELOADED", String(line)), true).args, Strings{String(cut)});
+}
+
 TEST(Log, EverySinkGetsEveryLineWholeAndInOrderFromManyThreads) {
   const std::string path = (std::filesystem::temp_directory_path() / ("np-log-" + std::to_string(::getpid()))).string();
   std::ofstream(path) << "earlier line\n";
