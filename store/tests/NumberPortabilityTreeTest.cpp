@@ -83,6 +83,19 @@ TEST(NumberPortabilityList, KeepsHistoryNewestFirstRefusesEqualDatesAndAnswersTh
   EXPECT_EQ(operatorsOf(appended) + find(appended, "20250101000000"), "2010 2020 2010 2010");
 }
 
+// A history prints as data file lines, newest first, the number and operator trimmed, and each
+// line reaches the stream's reader on its own; an empty history prints nothing.
+TEST(NumberPortabilityList, PrintsEachRecordAsADataLineAndFlushesEveryLine) {
+  NumberPortabilityList list;
+  FlushRecorder recorder;
+  std::ostream out(&recorder);
+  list.printTree(out, BAS::String("4930123456"));
+  ASSERT_TRUE(list.insertAt(record("20200115120000", " OPA ")) && list.insertAt(record("20230301000000", "OPB")));
+  list.printTree(out, BAS::String(" 4930123456 "));
+  const std::string first = "4930123456  20230301000000  OPB\n";
+  EXPECT_EQ(recorder.flushed, (std::vector<std::string>{first, first + "4930123456  20200115120000  OPA\n"}));
+}
+
 TEST(NumberPortabilityTree, SearchMethodsInsertRulesDumpAndCopy) {
   Tree tree;
   ASSERT_TRUE(tree.insert("0049", record("20000101000000", "OPA"), true));
