@@ -1,7 +1,5 @@
 #include "BAS/RWLock.h"
 
-#include "BAS/MutexLocker.h"
-
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -78,22 +76,8 @@ bool RWLock::noReaders() const noexcept {
   return true;
 }
 
-void RWLock::enterWriters() {
-  MutexLocker locker(writersM);
-  while (writerInsideM) writerLeftM.wait(writersM);
-  writerInsideM = true;
-}
-
-void RWLock::leaveWriters() {
-  // Notified with the mutex held: the writer woken may take the lock, leave it and destroy it
-  // as soon as the mutex is free, which must not happen before the notification is done.
-  MutexLocker locker(writersM);
-  writerInsideM = false;
-  writerLeftM.notifyOne();
-}
-
 void RWLock::writeLock() {
-  enterWriters();
+  writersM.take();
   writingM.store(1, std::memory_order_seq_cst);
   // From here no reader enters; only those inside are waited for.
   for (int spin = 0; spin < 64; ++spin) {
@@ -115,7 +99,7 @@ void RWLock::writeLock() {
 void RWLock::writeUnlock() {
   writingM.store(0, std::memory_order_seq_cst);
   wakeAll(writingM);
-  leaveWriters();
+  writersM.give();
 }
 
 }  // namespace BAS

@@ -8,8 +8,8 @@
 // every counter is zero. A reader announces itself (increment) before it looks at writingM, and
 // the writer raises writingM before it looks at the counters; both with sequentially consistent
 // operations, so at least one of them sees the other, and a reader that sees a writer steps back
-// and waits. Writers take turns through a flag under a mutex, each holding that mutex only to
-// raise or lower its flag, so that the analysis can check it. Not recursive on either side.
+// and waits. Writers take turns through a binary semaphore, which one writer takes and the
+// same writer gives back on unlock. Not recursive on either side.
 //
 // Every wait and every wake-up happens out of line, in the framework library, on the lock's own
 // word through the kernel (futex): a reader compiled into a host program and a writer compiled
@@ -30,9 +30,8 @@
 //   exchange of two pointers), and again for each writer queued right behind it.
 #pragma once
 
-#include "BAS/ConditionVariable.h"
+#include "BAS/BinarySemaphore.h"
 #include "BAS/Export.h"
-#include "BAS/Mutex.h"
 #include "BAS/ThreadAnnotations.h"
 
 #include <atomic>
@@ -76,17 +75,12 @@ private:
   // counts itself in again, until it finds no writer after counting itself.
   void readLockBehindWriter(std::atomic<long>& readers) noexcept;
   bool noReaders() const noexcept;
-  // Waits until no other writer is inside, then marks this one inside; and the reverse.
-  void enterWriters() EXCLUDES(writersM);
-  void leaveWriters() EXCLUDES(writersM);
 
   Slot slotsM[slotCountCM];
   // 1 while a writer holds or is about to take the lock, else 0; atomic, read by every reader,
   // and the word that sleeping readers wait on. 32 bits, the size the kernel waits on.
   alignas(64) std::atomic<std::uint32_t> writingM{0};
-  Mutex writersM;
-  ConditionVariable writerLeftM;  // notified when writerInsideM falls
-  bool writerInsideM GUARDED_BY(writersM) = false;  // a writer holds the lock or waits for readers
+  BinarySemaphore writersM;  // taken while a writer holds the lock or waits for readers
 };
 
 }  // namespace BAS
