@@ -1,8 +1,9 @@
 // Host::SignalWatcher turns SIGINT and SIGTERM into a readable file descriptor, so that the
 // event reader's poll wakes up when an operator asks the run to end. The first signal only makes
-// the descriptor readable; a second one ends the process at once with _exit. The run session
-// installs one for its lifetime; at most one exists per process. Thread contract: install and
-// uninstall on one thread; readable() may be polled from any thread.
+// the descriptor readable; a second one ends the process at once with _exit. SIGHUP, which log
+// rotation sends, only raises a flag that the run takes to reopen its log: it never ends the
+// run. The run session installs one for its lifetime; at most one exists per process. Thread
+// contract: install and uninstall on one thread; descriptor() and takeHangUp() from any thread.
 #pragma once
 
 #include "host/common/SelfPipe.h"
@@ -23,6 +24,9 @@ public:
 
   // Becomes readable (and stays so) once a first signal arrived; -1 before install().
   int descriptor() const { return pipeM.readEnd(); }
+
+  // Whether a SIGHUP arrived since the last call (several count as one).
+  static bool takeHangUp();
 
   // The status that a second signal ends the process with: 128 plus the signal number, as a
   // shell reports a process killed by it.

@@ -152,6 +152,7 @@ void RunSession::showProgress(EventRecordPipeline& pipeline, std::chrono::steady
   const bool terminal = isatty(STDERR_FILENO) == 1;
   bool drawn = false;
   while (!pipeline.waitUntilDone(std::chrono::milliseconds(250))) {
+    if (SignalWatcher::takeHangUp()) sessionM.reopenLog(err);
     if (!terminal) continue;
     const auto now = pipeline.totals();
     const double elapsed = seconds(std::chrono::steady_clock::now() - begin);

@@ -27,7 +27,8 @@ public:
 private:
   // Waits for the pipeline's end, drawing the progress line on `err` meanwhile if it is a
   // terminal, its rate counted from `begin`; `inputSize` is 0 when the input's size is not known.
-  static void showProgress(EventRecordPipeline& pipeline, std::chrono::steady_clock::time_point begin,
+  // Reopens the log when a SIGHUP asks for it.
+  void showProgress(EventRecordPipeline& pipeline, std::chrono::steady_clock::time_point begin,
                            std::uintmax_t inputSize, std::ostream& err);
 
   HostSession& sessionM;

@@ -63,6 +63,8 @@ bool HostSession::setUpLog(std::ostream& err) {
     return false;
   }
   log.addSink(sink);
+  logFileM = sink;
+  logPathM = path;
   countsM = std::make_shared<CountingLogSink>();
   log.addSink(countsM);
   return true;
@@ -146,6 +148,13 @@ int HostSession::refuseInvalid(std::ostream& err) {
   plugInM.reset();
   return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
                           fmt::format("the plug-in '{}' is not valid after construction; the log says why.", instanceNameM));
+}
+
+void HostSession::reopenLog(std::ostream& err) {
+  if (logFileM == nullptr || logFileM->reopen()) return;
+  err << fmt::format("nphost: cannot reopen the log file '{}': {}; the log goes on into the file it had.", logPathM,
+                     std::strerror(errno))
+      << std::endl;
 }
 
 bool HostSession::init() {

@@ -16,6 +16,7 @@
 #include <string>
 
 namespace BAS {
+class FileLogSink;
 class Framework;
 class Log;
 }
@@ -57,6 +58,9 @@ public:
   DAT::NumberPortability::PortabilityLookup& lookup() { return *lookupM; }
   CountingLogSink& counts() { return *countsM; }
   BAS::Log& log();
+  // Reopens a log file by its name (after log rotation moved it away); nothing for standard
+  // error. When it cannot, says so on `err` and the log goes on into the file held before.
+  void reopenLog(std::ostream& err);
 
 private:
   bool setUpLog(std::ostream& err);
@@ -74,6 +78,8 @@ private:
   PluginLibrary libraryM;
   std::unique_ptr<BAS::Framework> frameworkM;
   std::shared_ptr<CountingLogSink> countsM;
+  std::shared_ptr<BAS::FileLogSink> logFileM;
+  std::string logPathM;  // as the options or the registry name it; "-" for standard error
   std::unique_ptr<PLG::DataPlugIn> plugInM;
   DAT::NumberPortability::PortabilityLookup* lookupM = nullptr;  // owned by plugInM
   bool startedM = false;
