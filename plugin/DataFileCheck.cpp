@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -41,10 +42,14 @@ std::string quoted(std::string_view text) {
 }
 
 // The key as the tree reads it: its digits only.
-std::string digitsOf(std::string_view text) {
-  std::string digits;
+void digitsInto(std::string_view text, std::string& digits) {
+  digits.clear();
   for (const char c : text)
     if (isDigit(c)) digits += c;
+}
+std::string digitsOf(std::string_view text) {
+  std::string digits;
+  digitsInto(text, digits);
   return digits;
 }
 
@@ -55,7 +60,9 @@ bool atEnd(const STR::FileIoTurbo& reader) { return reader.stream() == nullptr |
 DataFileCheck::DataFileCheck(DataFileCheckListener& listener)
     : listenerM(listener),
       parserM(nationalAccessCodeM, internationalAccessCodeM, countryCodeM, internationalAccessCodeSignM,
-              PlugIn::numberOfColumnsCM) {}
+              PlugIn::numberOfColumnsCM) {
+  for (BAS::DateTime& latest : latestPossibleM) latest = BAS::DateTime::fromSecs(BAS::DateTime::invalidSecsCM - 1);
+}
 
 bool DataFileCheck::readRegistry(const BAS::RegistryEntry* subtree, const BAS::String& name) {
   if (subtree == nullptr) {
@@ -127,6 +134,7 @@ bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& na
     ++summaryM.lines;
     bytesRead += line.length() + 1;
     if (atEnd(readerM)) {
+      flush();
       reject(lineNumber, "the last line has no line end, so the plug-in never loads it: " + quoted(line.view()) + ".");
       break;
     }
@@ -134,6 +142,7 @@ bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& na
     if (lineNumber % progressLinesCM == 0) listenerM.progress(summaryM.lines, bytesRead);
     ++lineNumber;
   }
+  flush();
   readerM.closeFile();
 
   if (summaryM.records == 0)
@@ -153,55 +162,83 @@ void DataFileCheck::reject(std::uint64_t lineNumber, const std::string& text) {
 }
 
 void DataFileCheck::judge(const BAS::String& line, std::uint64_t lineNumber) {
+  Pending& pending = pendingM[pendingCountM++];
+  pending.lineNumberM = lineNumber;
+  pending.parsedM = batchCM;
+  pending.rejectionM.clear();
+  pending.oddityM.clear();
   DataLineParser::Rejection rejection;
-  if (!parserM.parse(line, lineNumber, fileNameM, numberM, recordM, &rejection)) {
+  const std::size_t parsed = parsedCountM;
+  if (!parserM.parse(line, lineNumber, fileNameM, numbersM[parsed], recordsM[parsed], &rejection)) {
     if (std::strcmp(rejection.messageIdM, "ERR_INVALID_DATETIME") == 0) {
-      reject(lineNumber, "the date-time " + quoted(rejection.argumentsM[1].view()) +
-                             " is not a valid YYYYMMDDHHMMSS; the line is skipped.");
+      pending.rejectionM = "the date-time " + quoted(rejection.argumentsM[1].view()) +
+                           " is not a valid YYYYMMDDHHMMSS; the line is skipped.";
     } else if (rejection.argumentsM[0] == "0") {
-      reject(lineNumber, "the line is blank; every line must be a record, so it is skipped.");
+      pending.rejectionM = "the line is blank; every line must be a record, so it is skipped.";
     } else {
-      reject(lineNumber, "the line has " + rejection.argumentsM[0].str() + " fields, not 3: " + quoted(line.view()) +
-                             "; it is skipped.");
+      pending.rejectionM =
+          "the line has " + rejection.argumentsM[0].str() + " fields, not 3: " + quoted(line.view()) + "; it is skipped.";
     }
-    return;
+  } else {
+    pending.parsedM = parsed;
+    numberViewsM[parsed] = numbersM[parsed].view();
+    ++parsedCountM;
+    // The number as written: the first field, before normalisation.
+    const char* start = line.data();
+    const char* const end = start + line.length();
+    while (start != end && isSeparator(*start)) ++start;
+    const char* stop = start;
+    while (stop != end && !isSeparator(*stop)) ++stop;
+    pending.oddityM = oddity(std::string_view(start, static_cast<std::size_t>(stop - start)), lineNumber);
   }
+  if (pendingCountM == batchCM) flush();
+}
 
-  const std::string key = digitsOf(numberM.view());
+void DataFileCheck::flush() {
   // A history that holds any record at all answers the latest possible date-time.
-  NumberPortabilityData existing;
-  const bool known = treeM.search(numberM, BAS::DateTime::fromSecs(BAS::DateTime::invalidSecsCM - 1), existing,
-                                  NumberPortabilityTree::EXACT_MATCH);
-  if (!treeM.insert(numberM, recordM, true)) {
-    if (key.empty()) {
-      reject(lineNumber, "the number has no digit at all; the line is skipped.");
-    } else {
-      reject(lineNumber, "the number " + key + " already has a record from " +
-                             recordM.validFromM.asString("%Y%m%d%H%M%S").str() +
-                             " on an earlier line; this one is skipped and the earlier one stays.");
+  treeM.searchMany(numberViewsM, latestPossibleM, parsedCountM, NumberPortabilityTree::EXACT_MATCH, existingM, knownM);
+  treeM.insertMany(numberViewsM, recordsM, parsedCountM, true, acceptedM);
+  std::size_t newCount = 0;
+  for (std::size_t i = 0; i < pendingCountM; ++i) {
+    const Pending& pending = pendingM[i];
+    if (pending.parsedM == batchCM) {
+      reject(pending.lineNumberM, pending.rejectionM);
+      continue;
     }
-    return;
+    const std::size_t parsed = pending.parsedM;
+    const NumberPortabilityData& record = recordsM[parsed];
+    if (!acceptedM[parsed]) {
+      const std::string key = digitsOf(numberViewsM[parsed]);
+      if (key.empty()) {
+        reject(pending.lineNumberM, "the number has no digit at all; the line is skipped.");
+      } else {
+        reject(pending.lineNumberM, "the number " + key + " already has a record from " +
+                                        record.validFromM.asString("%Y%m%d%H%M%S").str() +
+                                        " on an earlier line; this one is skipped and the earlier one stays.");
+      }
+      continue;
+    }
+    ++summaryM.records;
+    if (!knownM[parsed]) digitsInto(numberViewsM[parsed], newKeysM[newCount++]);
+    const BAS::DateTime::Secs secs = record.validFromM.secs();
+    if (secs < earliestM) earliestM = secs;
+    if (secs > latestM) latestM = secs;
+    // Looked up before it is added: most records name an operator already seen.
+    operatorM.assign(record.networkOperatorM.view());
+    if (operatorsM.find(operatorM) == operatorsM.end()) operatorsM.insert(operatorM);
+    if (pending.oddityM.empty()) continue;
+    ++summaryM.suspicious;
+    const std::string key = digitsOf(numberViewsM[parsed]);
+    std::string text = pending.oddityM + "; it would be stored as " + key;
+    if (key == digitsOf(internationalAccessCodeM.view()) + digitsOf(countryCodeM.view()))
+      text += ", the country code alone, and answer for every unknown number of that country";
+    listenerM.finding(pending.lineNumberM, BAS::String(text + "."));
   }
-  ++summaryM.records;
-  if (!known) ++summaryM.numbers;
-  const BAS::DateTime::Secs secs = recordM.validFromM.secs();
-  if (secs < earliestM) earliestM = secs;
-  if (secs > latestM) latestM = secs;
-  operatorsM.emplace(recordM.networkOperatorM.view());
-
-  // The number as written: the first field, before normalisation.
-  const char* start = line.data();
-  const char* const end = start + line.length();
-  while (start != end && isSeparator(*start)) ++start;
-  const char* stop = start;
-  while (stop != end && !isSeparator(*stop)) ++stop;
-  const std::string odd = oddity(std::string_view(start, static_cast<std::size_t>(stop - start)), lineNumber);
-  if (odd.empty()) return;
-  ++summaryM.suspicious;
-  std::string text = odd + "; it would be stored as " + key;
-  if (key == digitsOf(internationalAccessCodeM.view()) + digitsOf(countryCodeM.view()))
-    text += ", the country code alone, and answer for every unknown number of that country";
-  listenerM.finding(lineNumber, BAS::String(text + "."));
+  // A number new to the tree may come twice in one batch; it counts once.
+  std::sort(newKeysM, newKeysM + newCount);
+  summaryM.numbers += static_cast<std::uint64_t>(std::unique(newKeysM, newKeysM + newCount) - newKeysM);
+  pendingCountM = 0;
+  parsedCountM = 0;
 }
 
 std::string DataFileCheck::oddity(std::string_view number, std::uint64_t lineNumber) const {

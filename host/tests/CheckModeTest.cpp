@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <pty.h>
+#include <algorithm>
 #include <sstream>
 #include <sys/wait.h>
 
@@ -131,6 +132,19 @@ TEST_F(NphostCheck, FilesThatCannotBeReadOrUsedEndItWithStatusTwo) {
     EXPECT_EQ(nphost.errors(), err) << arguments;
     EXPECT_EQ(nphost.rest(), out) << arguments;
   }
+}
+
+// The README shows a check of the example data; it must be what nphost prints.
+TEST_F(NphostCheck, ExampleRunInTheReadmeIsWhatNphostPrints) {
+  const fs::path root = fs::path(NP_EXAMPLES_DIRECTORY).parent_path();
+  const Lines readme = linesOf(root / "README.md");
+  const auto start = std::find(readme.begin(), readme.end(), "$ nphost check examples/registry.toml");
+  const auto end = std::find(start, readme.end(), "$ echo $?");
+  ASSERT_TRUE(start != readme.end() && end != readme.end() && end + 1 != readme.end());
+  Nphost nphost(root, {"check", "examples/registry.toml"}, (folderM / "stderr.txt").string());
+  EXPECT_EQ(nphost.finish(), std::stoi(*(end + 1)));
+  EXPECT_EQ(nphost.rest(), Lines(start + 1, end));
+  EXPECT_EQ(nphost.errors(), "");
 }
 
 // A person watching a large file sees how far the check is; the line is gone before the summary.
