@@ -62,8 +62,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
                   "Unix domain socket (mode 0600) on which 'nphost ctl' sends commands while records flow");
 
   CLI::App* check = app.add_subcommand(
-      "check", "Read the data file that a registry names as the plug-in would load it, without starting it, and "
-               "report every line the load would reject or whose number looks wrong");
+      "check", "Judge the registry's data file line by line as the plug-in would load it, without starting it");
   check->footer(
       "Prints 'FILE:LINE: what is wrong' for every line that the plug-in would reject (not three fields, a blank\n"
       "line, an invalid date-time, a duplicate of an earlier number and date, a last line without a line end) and\n"
