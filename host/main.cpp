@@ -2,6 +2,7 @@
 // commands on standard input, in run mode over a stream of event records; or, as ctl, sends one
 // command to a running one. See Host::CommandLine for the arguments and Host::ExitStatus for
 // the exit statuses.
+#include "host/check/CheckSession.h"
 #include "host/common/ExitStatus.h"
 #include "host/control/ControlClient.h"
 #include "host/run/RunSession.h"
@@ -45,6 +46,8 @@ int main(int argc, char** argv) {
       return client.answer().starts_with("error") ? 1 : 0;
     }
     Host::HostSession session(options, executableDirectory(argv[0]));
+    if (options.mode == Host::CommandLine::Options::Mode::CHECK)
+      return Host::CheckSession(session).run(std::cout, std::cerr, STDERR_FILENO);
     if (options.mode == Host::CommandLine::Options::Mode::RUN) return Host::RunSession(session).run(std::cerr);
     return Host::ScriptSession(session).run(std::cin, std::cout, std::cerr);
   } catch (const std::exception& e) {

@@ -1,6 +1,7 @@
 // The plug-in library's entry points, the only symbols it exports: the framework looks them up
 // by name after loading the library and owns the objects they make; a host asks the third for
 // the lookup interface of an object the first made.
+#include "plugin/DataFileCheck.h"
 #include "plugin/NumberPortabilityPlugIn.h"
 
 #define NP_ENTRY_POINT extern "C" __attribute__((visibility("default")))
@@ -15,4 +16,11 @@ NP_ENTRY_POINT PLG::DataPlugIn* ModuleStartNL() { return new DAT::NumberPortabil
 // tell the object's class itself; here the cast is checked.
 NP_ENTRY_POINT DAT::NumberPortability::PortabilityLookup* DAT_NumberPortabilityLookup(PLG::DataPlugIn* plugIn) {
   return dynamic_cast<DAT::NumberPortability::PlugIn*>(plugIn);
+}
+
+// Judges the data file that a registry table configures, as the load would read it, without
+// making a plug-in object: a host checks a file before it goes live.
+NP_ENTRY_POINT bool DAT_NumberPortabilityCheck(const BAS::RegistryEntry* subtree, const BAS::String& name,
+                                               DAT::NumberPortability::DataFileCheckListener& listener) {
+  return DAT::NumberPortability::DataFileCheck(listener).run(subtree, name);
 }

@@ -61,6 +61,23 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   run->add_option("--control", controlSocket,
                   "Unix domain socket (mode 0600) on which 'nphost ctl' sends commands while records flow");
 
+  CLI::App* check = app.add_subcommand(
+      "check", "Judge the registry's data file line by line as the plug-in would load it, without starting it");
+  check->footer(
+      "Prints 'FILE:LINE: what is wrong' for every line that the plug-in would reject (not three fields, a blank\n"
+      "line, an invalid date-time, a duplicate of an earlier number and date, a last line without a line end) and\n"
+      "every line whose number holds anything but digits, one leading '+' and the separators - . / ( ), then a\n"
+      "summary: lines, records, numbers, rejected, suspicious, the dates' span, operators.\n"
+      "The data file: one record per line, three blank-separated fields NUMBER DATETIME OPERATOR (DATETIME as\n"
+      "YYYYMMDDHHMMSS, UTC); no header, no comments, every line is a record, the last line needs its line end.\n"
+      "File names are relative to the working folder.\n"
+      "Exit status: 0 clean; 1 a rejected or suspicious line, a file without any record, or a bad command line;\n"
+      "2 the registry file, the plug-in library or the data file cannot be read or used.");
+  check->add_option("REGISTRY", optionsM.registryFile, "Registry file (TOML)")->required();
+  auto* checkName = check->add_option("--name", name, "Plug-in instance to check when the registry holds several");
+  auto* checkPlugin = check->add_option("--plugin-dir", pluginDirectory,
+                                        "Where bare library names are looked up (overrides Framework.PluginDirectory)");
+
   CLI::App* ctl = app.add_subcommand("ctl", "Send one command to the control socket of a running 'nphost run' and print the answer");
   ctl->add_option("SOCKET", controlSocket, "The socket given to 'nphost run --control'")->required();
   ctl->add_option("COMMAND", optionsM.command, "The command and its arguments, e.g. update NumberPortability.Reload=TRUE")
@@ -93,6 +110,13 @@ bool CommandLine::parse(int argc, const char* const* argv) {
     optionsM.controlSocket = controlSocket;
     // prefix_command leaves the words after the first one to remaining().
     for (const std::string& word : ctl->remaining()) optionsM.command.push_back(word);
+    return true;
+  }
+
+  if (check->parsed()) {
+    optionsM.mode = Options::Mode::CHECK;
+    if (*checkName) optionsM.name = name;
+    if (*checkPlugin) optionsM.pluginDirectory = pluginDirectory;
     return true;
   }
 

@@ -1,4 +1,4 @@
-// Host::CommandLine reads nphost's arguments: a subcommand (script, run or ctl) with its
+// Host::CommandLine reads nphost's arguments: a subcommand (script, run, check or ctl) with its
 // registry file, the options that override the registry's [Framework] table and the options of
 // the run; for ctl the socket and the command words.
 // It prints nothing itself: help and version text and errors come back as text. One thread.
@@ -13,7 +13,7 @@ namespace Host {
 class CommandLine {
 public:
   struct Options {
-    enum class Mode { SCRIPT, RUN, CTL };
+    enum class Mode { SCRIPT, RUN, CTL, CHECK };
     Mode mode = Mode::SCRIPT;
     std::string registryFile;
     std::optional<std::string> logFile;

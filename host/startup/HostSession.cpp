@@ -96,6 +96,23 @@ const RegistryFile::Instance* HostSession::chooseInstance(std::ostream& err) con
 }
 
 int HostSession::start(std::ostream& err) {
+  if (const int status = openLibrary(err, true); status != ExitStatus::doneCM) return status;
+  const auto probeDirectory = setting(optionsM.probeDirectory, "ProbeDirectory").value_or(libraryM.directory());
+  frameworkM->setProbeDirectory(BAS::String(probeDirectory));
+
+  plugInM.reset(libraryM.create(BAS::String(instanceNameM)));
+  if (plugInM == nullptr)
+    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
+                            fmt::format("the entry point '{}' made no plug-in object.", entryPointM));
+  lookupM = libraryM.lookup(plugInM.get());
+  if (lookupM == nullptr)
+    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
+                            fmt::format("the entry point '{}' gave no lookup interface for the object that '{}' made.",
+                                        DAT::NumberPortability::PortabilityLookup::entryPointNameCM, entryPointM));
+  return ExitStatus::doneCM;
+}
+
+int HostSession::openLibrary(std::ostream& err, bool withLog) {
   std::error_code code;
   if (std::filesystem::is_directory(optionsM.registryFile, code))
     return ExitStatus::fail(err, ExitStatus::badInputCM,
@@ -110,9 +127,11 @@ int HostSession::start(std::ostream& err) {
   frameworkM = std::make_unique<BAS::Framework>();
   if (!registryFileM.load(text, optionsM.registryFile, frameworkM->registry()))
     return ExitStatus::fail(err, ExitStatus::badInputCM, registryFileM.error());
-  if (!setUpLog(err)) return ExitStatus::badInputCM;
-  if (const auto handler = setting(std::nullopt, "EventHandler"))
-    frameworkM->setEventHandlerName(BAS::String(*handler));
+  if (withLog) {
+    if (!setUpLog(err)) return ExitStatus::badInputCM;
+    if (const auto handler = setting(std::nullopt, "EventHandler"))
+      frameworkM->setEventHandlerName(BAS::String(*handler));
+  }
 
   const RegistryFile::Instance* chosen = chooseInstance(err);
   if (chosen == nullptr) return ExitStatus::badInputCM;
@@ -122,20 +141,13 @@ int HostSession::start(std::ostream& err) {
       (std::filesystem::path(executableDirectoryM) / ".." / "lib").lexically_normal().string();
   const std::string pluginDirectory = setting(optionsM.pluginDirectory, "PluginDirectory").value_or(besideExecutable);
   const auto location = PluginLibrary::locate(chosen->library, pluginDirectory);
+  entryPointM = location.entryPoint;
   if (!libraryM.open(location)) return ExitStatus::fail(err, ExitStatus::noLibraryCM, libraryM.error());
-  const auto probeDirectory = setting(optionsM.probeDirectory, "ProbeDirectory").value_or(libraryM.directory());
-  frameworkM->setProbeDirectory(BAS::String(probeDirectory));
-
-  plugInM.reset(libraryM.create(BAS::String(instanceNameM)));
-  if (plugInM == nullptr)
-    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
-                            fmt::format("the entry point '{}' made no plug-in object.", location.entryPoint));
-  lookupM = libraryM.lookup(plugInM.get());
-  if (lookupM == nullptr)
-    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
-                            fmt::format("the entry point '{}' gave no lookup interface for the object that '{}' made.",
-                                        DAT::NumberPortability::PortabilityLookup::entryPointNameCM, location.entryPoint));
   return ExitStatus::doneCM;
+}
+
+const BAS::RegistryEntry* HostSession::instanceRegistry() const {
+  return frameworkM->registry().findPath(BAS::String(instanceNameM));
 }
 
 bool HostSession::isValid() const {

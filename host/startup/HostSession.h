@@ -19,6 +19,7 @@ namespace BAS {
 class FileLogSink;
 class Framework;
 class Log;
+class RegistryEntry;
 }
 namespace PLG {
 class DataPlugIn;
@@ -41,6 +42,13 @@ public:
   // Everything up to a created plug-in object and its lookup interface; the exit status
   // (ExitStatus), with the reason on `err` when it is not doneCM.
   int start(std::ostream& err);
+  // The part of start() that a check needs: the registry file read into a fresh framework, the
+  // instance chosen and its library loaded; without `withLog` no log is set up, so nothing is
+  // logged. No plug-in object is made. The exit status, with the reason on `err`.
+  int openLibrary(std::ostream& err, bool withLog);
+  // After openLibrary: the chosen instance's registry table (null when it has none) and its library.
+  const BAS::RegistryEntry* instanceRegistry() const;
+  PluginLibrary& library() { return libraryM; }
   bool isValid() const;
   // Destroys an object that is not valid after construction; its message and exit status.
   int refuseInvalid(std::ostream& err);
@@ -73,6 +81,7 @@ private:
   std::string executableDirectoryM;
   RegistryFile registryFileM;
   std::string instanceNameM;
+  std::string entryPointM;  // the chosen library's module-start entry point
   // Declared in the order of creation, so that they end in reverse: the plug-in's code stays
   // loaded until the framework has released what the plug-in handed it.
   PluginLibrary libraryM;

@@ -50,12 +50,12 @@ public:
   // library does not know the object.
   DAT::NumberPortability::PortabilityLookup* lookup(PLG::DataPlugIn* plugIn) const;
 
+  // Where the entry point `name` lives in the loaded file; null with error() set when nowhere.
+  void* find(const std::string& name);
+
 private:
   using EntryPoint = PLG::DataPlugIn* (*)(const BAS::String&);
   using LookupEntryPoint = DAT::NumberPortability::PortabilityLookup* (*)(PLG::DataPlugIn*);
-
-  // Where the entry point `name` lives in the loaded file; null with errorM set when nowhere.
-  void* find(const std::string& name);
 
   void* handleM = nullptr;
   EntryPoint entryPointM = nullptr;

@@ -23,7 +23,8 @@ TEST(PlugInLibrary, ExportsExactlyItsEntryPoints) {
   for (char line[4096]; std::fgets(line, sizeof line, pipe) != nullptr;) exported.insert(std::string(line, std::strcspn(line, "\n")));
   ASSERT_EQ(::pclose(pipe), 0);
   for (const char* linkerSymbol : {"_init", "_fini", "__bss_start", "_edata", "_end"}) exported.erase(linkerSymbol);
-  const std::set<std::string> entryPoints = {"DAT_NumberPortabilityLookup", "DAT_NumberPortabilityModuleStart", "ModuleStartNL"};
+  const std::set<std::string> entryPoints = {"DAT_NumberPortabilityCheck", "DAT_NumberPortabilityLookup",
+                                             "DAT_NumberPortabilityModuleStart", "ModuleStartNL"};
   EXPECT_EQ(exported, entryPoints);
 }
 

@@ -1,0 +1,106 @@
+#include "host/check/CheckSession.h"
+
+#include "host/common/ExitStatus.h"
+#include "host/startup/HostSession.h"
+#include "plugin/DataFileCheckListener.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ostream>
+
+namespace Host {
+
+namespace {
+
+using Listener = DAT::NumberPortability::DataFileCheckListener;
+
+// Prints what the library's check reports, and keeps a progress line on a terminal.
+class PrintingListener : public Listener {
+public:
+  PrintingListener(std::ostream& out, std::ostream& err, bool terminal) : outM(out), errM(err), terminalM(terminal) {}
+
+  void finding(std::uint64_t lineNumber, const BAS::String& text) override {
+    erase();
+    if (lineNumber == 0) {
+      outM << fileNameM << ": " << text.view() << '\n';
+    } else {
+      outM << fileNameM << ':' << lineNumber << ": " << text.view() << '\n';
+    }
+    findingsM = true;
+  }
+
+  void begin(const BAS::String& fileName, std::uint64_t fileSize) override {
+    fileNameM = fileName.str();
+    fileSizeM = fileSize;
+  }
+
+  void progress(std::uint64_t lines, std::uint64_t bytesRead) override {
+    // Small files are done before anyone could read a progress line.
+    if (!terminalM || fileSizeM < largeFileCM) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (drawnM && now - lastDrawM < redrawCM) return;
+    outM << std::flush;
+    errM << fmt::format("\rchecking {}: {} lines, {:.0f}%", fileNameM, lines,
+                        100.0 * static_cast<double>(bytesRead) / static_cast<double>(fileSizeM))
+         << "\x1b[K" << std::flush;
+    drawnM = true;
+    lastDrawM = now;
+  }
+
+  void summary(const Summary& summary) override {
+    erase();
+    const std::string span =
+        summary.records == 0 ? std::string("no dates")
+                             : fmt::format("dates {} to {}", summary.earliest.view(), summary.latest.view());
+    outM << fmt::format("checked {}: {} lines, {} records, {} numbers, {} rejected, {} suspicious, {}, {} operators\n",
+                        summary.fileName.view(), summary.lines, summary.records, summary.numbers, summary.rejected,
+                        summary.suspicious, span, summary.operators)
+         << std::flush;
+  }
+
+  void cannotCheck(const BAS::String& reason) override {
+    erase();
+    outM << std::flush;
+    ExitStatus::fail(errM, CheckSession::notCheckedCM, reason.str());
+  }
+
+  // Every rejected or suspicious line and a file without records came as a finding.
+  bool findings() const { return findingsM; }
+
+private:
+  static constexpr std::uint64_t largeFileCM = std::uint64_t{4} << 20;
+  static constexpr std::chrono::milliseconds redrawCM{250};
+
+  void erase() {
+    if (!drawnM) return;
+    errM << "\r\x1b[K" << std::flush;
+    drawnM = false;
+  }
+
+  std::ostream& outM;
+  std::ostream& errM;
+  bool terminalM;
+  std::string fileNameM;
+  std::uint64_t fileSizeM = 0;
+  bool findingsM = false;
+  bool drawnM = false;
+  std::chrono::steady_clock::time_point lastDrawM;
+};
+
+}  // namespace
+
+int CheckSession::run(std::ostream& out, std::ostream& err, int errDescriptor) {
+  // Whatever keeps the check from starting keeps the file unjudged: one status for all of it.
+  if (sessionM.openLibrary(err, false) != ExitStatus::doneCM) return notCheckedCM;
+  void* const symbol = sessionM.library().find(Listener::entryPointNameCM);
+  if (symbol == nullptr) return ExitStatus::fail(err, notCheckedCM, sessionM.library().error());
+  const auto check = reinterpret_cast<Listener::EntryPoint>(symbol);
+
+  PrintingListener listener(out, err, isatty(errDescriptor) == 1);
+  if (!check(sessionM.instanceRegistry(), BAS::String(sessionM.instanceName()), listener)) return notCheckedCM;
+  return listener.findings() ? findingsCM : cleanCM;
+}
+
+}  // namespace Host

@@ -1,0 +1,179 @@
+// Runs `nphost check` on small data files and checks what an operator sees before a file goes
+// live: a finding for each line the load would skip or store under a surprising key, the
+// summary's figures, the exit status, and a progress line only on a terminal.
+#include "Nphost.h"
+#include "ProgramFolderTest.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <pty.h>
+#include <algorithm>
+#include <sstream>
+#include <sys/wait.h>
+
+namespace {
+
+using namespace NphostTest;
+using namespace testing;
+using NphostCheck = ProgramFolderTest;
+
+const std::string skipped = "; it is skipped.";
+
+TEST_F(NphostCheck, ReportsEachLineTheLoadWouldSkipOrStoreUnderASurprisingKey) {
+  const struct {
+    std::string data;
+    Lines findings;  // standard output before the summary
+    int status;
+  } cases[] = {
+      // Every accepted way of writing a number, separators included: nothing to report.
+      {"+4930123456 20200101000000 A\n030-12.34/5(6) 20210101000000 A\n  0049151\t20000101000000   B  \r\n", {}, 0},
+      {"030123456 20200101000000 A\n\n  \t\n1 2\n0301 20200101000000 OP B\n",
+       {"np.txt:2: the line is blank; every line must be a record, so it is skipped.",
+        "np.txt:3: the line is blank; every line must be a record, so it is skipped.",
+        "np.txt:4: the line has 2 fields, not 3: \"1 2\"" + skipped,
+        "np.txt:5: the line has 4 fields, not 3: \"0301 20200101000000 OP B\"" + skipped},
+       1},
+      {"030123456 20231301000000 A\n030123456 2020-01-01 A\n030123456 20200101000000 A\n",
+       {"np.txt:1: the date-time \"20231301000000\" is not a valid YYYYMMDDHHMMSS; the line is skipped.",
+        "np.txt:2: the date-time \"2020-01-01\" is not a valid YYYYMMDDHHMMSS; the line is skipped."},
+       1},
+      // The same number in two notations and the same date: the first one stays.
+      {"030123456 20200101000000 A\n030123456 20210101000000 B\n+49-30123456 20200101000000 C\n",
+       {"np.txt:3: the number 004930123456 already has a record from 20200101000000 on an earlier line; this one is "
+        "skipped and the earlier one stays."},
+       1},
+      {"030123456 20200101000000 A\n030999 20200101000000 B",
+       {"np.txt:2: the last line has no line end, so the plug-in never loads it: \"030999 20200101000000 B\"."}, 1},
+      {"\xEF\xBB\xBF+49301234567 20180101000000 D055\n",
+       {"np.txt:1: the file starts with a byte-order mark, which becomes part of the number \"+49301234567\"; it "
+        "would be stored as 004949301234567."},
+       1},
+      {"030123456 20200101000000 A\nX 20180101000000 D055\n+49+30 20200101000000 C\n0301*5 20200101000000 C\n"
+       "030+1 20200101000000 C\n\xEF\xBB\xBF" "030 20200101000000 C\n",
+       {"np.txt:2: the number \"X\" holds the letter 'X'; it would be stored as 0049, the country code alone, and "
+        "answer for every unknown number of that country.",
+        "np.txt:3: the number \"+49+30\" holds a second '+'; it would be stored as 004930.",
+        "np.txt:4: the number \"0301*5\" holds the character \"*\"; it would be stored as 00493015.",
+        "np.txt:5: the number \"030+1\" holds a '+' after its start; it would be stored as 0049301.",
+        "np.txt:6: the number \"\\xEF\\xBB\\xBF030\" holds the character \"\\xEF\"; it would be stored as 0049030."},
+       1},
+      // A file that would leave the service without data is a finding, whatever its lines.
+      {"", {"np.txt: no line holds a record that the plug-in would load; it would start with no data."}, 1},
+      {"1 2\n",
+       {"np.txt:1: the line has 2 fields, not 3: \"1 2\"" + skipped,
+        "np.txt: no line holds a record that the plug-in would load; it would start with no data."},
+       1},
+  };
+  for (const auto& [data, findings, status] : cases) {
+    writeFile("np.txt", data);
+    Nphost nphost(folderM, {"check", "reg.toml"});
+    EXPECT_EQ(nphost.finish(), status) << data;
+    ASSERT_FALSE(nphost.rest().empty()) << data;
+    const Lines before(nphost.rest().begin(), nphost.rest().end() - 1);
+    EXPECT_EQ(before, findings) << data;
+    EXPECT_THAT(nphost.rest().back(), StartsWith("checked np.txt: ")) << data;
+    EXPECT_EQ(nphost.errors(), "") << "a check starts no service and logs nothing: " << data;
+  }
+}
+
+TEST_F(NphostCheck, SummaryCountsLinesRecordsNumbersOperatorsAndTheSpanOfDates) {
+  // Two notations of one number, a prefix of another, one rejected line, one suspicious line.
+  writeFile("np.txt", "030123456 20200101000000 A\n+4930123456 20230301000000 B\n0049151 20000101000000 A\n"
+                      "01511234567 20220101000000 C\n1 2\n030x 20250615120000 D\n");
+  Nphost nphost(folderM, {"check", "reg.toml"});
+  EXPECT_EQ(nphost.finish(), 1);
+  EXPECT_THAT(nphost.rest(), ElementsAre(_, _, "checked np.txt: 6 lines, 5 records, 4 numbers, 1 rejected, 1 suspicious, "
+                                               "dates 20000101000000 to 20250615120000, 4 operators"));
+}
+
+// What keeps a file from being judged gives status 2 and one sentence; the instance and the
+// library are chosen as script and run choose them.
+TEST_F(NphostCheck, InstanceAndLibraryAreFoundAsInScriptModeAndWhatCannotBeUsedGivesTwo) {
+  const auto replaced = [](std::string text, const std::string& what, const std::string& by) {
+    return text.replace(text.find(what), what.size(), by);
+  };
+  const std::string twoInstances = registry("") + replaced(replaced(registry(""), "NumberPortability]", "at.np]"),
+                                                            "np.txt", "at.txt");
+  writeFile("at.txt", "030123456 20200101000000 A\n");
+  const struct {
+    std::string arguments;
+    std::string registryText;
+    int status;
+    std::string err;
+    Lines out = {};
+  } cases[] = {
+      {"check missing.toml", registry(), 2,
+       "nphost: cannot read the registry file 'missing.toml': No such file or directory.\n"},
+      {"check reg.toml", replaced(registry(), "np.txt", "gone.txt"), 2,
+       "nphost: the data file 'gone.txt' (NumberPortability.FileName) does not exist.\n"},
+      {"check reg.toml", replaced(registry(), "np.txt", "."), 2, "nphost: cannot open the data file '.' for reading.\n"},
+      {"check reg.toml", replaced(registry(), "FileName = \"np.txt\"", "Other = 1"), 2,
+       "nphost: the plug-in needs the key NumberPortability.FileName, which the registry lacks.\n"},
+      {"check reg.toml", replaced(registry(), "SearchMethod = 0", "SearchMethod = \"x\""), 2,
+       "nphost: NumberPortability.SearchMethod must be a whole number, not 'x'; the plug-in would not start.\n"},
+      {"check reg.toml --plugin-dir /nonexistent", registry(), 2,
+       "nphost: cannot load the plug-in library '/nonexistent/libDAT_NumberPortability.so': "
+       "/nonexistent/libDAT_NumberPortability.so: cannot open shared object file: No such file or directory.\n"},
+      {"check reg.toml --name at.np --plugin-dir " NP_PLUGIN_DIRECTORY, twoInstances, 0, "",
+       {"checked at.txt: 1 lines, 1 records, 1 numbers, 0 rejected, 0 suspicious, dates 20200101000000 to "
+        "20200101000000, 1 operators"}},
+  };
+  for (const auto& [arguments, registryText, status, err, out] : cases) {
+    writeFile("reg.toml", registryText);
+    Lines words;
+    std::istringstream split(arguments);
+    for (std::string word; split >> word;) words.push_back(word);
+    Nphost nphost(folderM, words);
+    EXPECT_EQ(nphost.finish(), status) << arguments;
+    EXPECT_EQ(nphost.errors(), err) << arguments;
+    EXPECT_EQ(nphost.rest(), out) << arguments;
+  }
+}
+
+// The README shows a check of the example data; it must be what nphost prints.
+TEST_F(NphostCheck, ExampleRunInTheReadmeIsWhatNphostPrints) {
+  const fs::path root = fs::path(NP_EXAMPLES_DIRECTORY).parent_path();
+  const Lines readme = linesOf(root / "README.md");
+  const auto start = std::find(readme.begin(), readme.end(), "$ nphost check examples/registry.toml");
+  const auto end = std::find(start, readme.end(), "$ echo $?");
+  ASSERT_TRUE(start != readme.end() && end != readme.end() && end + 1 != readme.end());
+  Nphost nphost(root, {"check", "examples/registry.toml"}, (folderM / "stderr.txt").string());
+  EXPECT_EQ(nphost.finish(), std::stoi(*(end + 1)));
+  EXPECT_EQ(nphost.rest(), Lines(start + 1, end));
+  EXPECT_EQ(nphost.errors(), "");
+}
+
+// A person watching a large file sees how far the check is; the line is gone before the summary.
+TEST_F(NphostCheck, ShowsProgressOnATerminalForALargeFileAndErasesIt) {
+  std::string data;
+  for (int i = 0; data.size() < (std::size_t{5} << 20); ++i) data += "0301" + std::to_string(i) + " 20200101000000 OP\n";
+  writeFile("np.txt", data);
+  int terminal = -1;
+  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    if (chdir(folderM.c_str()) != 0) _exit(99);
+    execl(NPHOST_PROGRAM, NPHOST_PROGRAM, "check", "reg.toml", static_cast<char*>(nullptr));
+    _exit(98);
+  }
+  std::string screen;
+  for (char chunk[4096];;) {
+    const ssize_t n = read(terminal, chunk, sizeof chunk);  // fails with EIO once the program has ended
+    if (n <= 0) break;
+    screen.append(chunk, static_cast<std::size_t>(n));
+  }
+  close(terminal);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << screen;
+  const auto progress = screen.find("\rchecking np.txt: ");
+  const auto erased = screen.rfind("\r\x1b[K");
+  const auto summary = screen.find("checked np.txt: ");
+  ASSERT_NE(progress, std::string::npos) << screen.substr(0, 300);
+  EXPECT_THAT(screen.substr(progress, 40), MatchesRegex("\rchecking np\\.txt: [0-9]+ lines, [0-9]+%.*"));
+  EXPECT_LT(progress, erased);
+  EXPECT_LT(erased, summary);
+}
+
+}  // namespace

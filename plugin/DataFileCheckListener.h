@@ -1,0 +1,56 @@
+// DAT::NumberPortability::DataFileCheckListener receives what the plug-in library's check of a
+// data file finds: each line the load would reject or that looks wrong, progress while it reads,
+// and a summary. A host implements it and passes it to the entry point "DAT_NumberPortabilityCheck",
+// which judges the file with the library's own parser, so the host compiles none of it.
+// Thread contract: the check calls the listener on the caller's thread only, one call at a time.
+#pragma once
+
+#include "BAS/String.h"
+
+#include <cstdint>
+
+namespace BAS {
+class RegistryEntry;
+}
+
+namespace DAT::NumberPortability {
+
+class DataFileCheckListener {
+public:
+  struct Summary {
+    BAS::String fileName;
+    std::uint64_t lines = 0;        // every line read, an unended last one included
+    std::uint64_t records = 0;      // records the load would keep
+    std::uint64_t numbers = 0;      // distinct keys those records would be stored under
+    std::uint64_t rejected = 0;     // lines the load would skip
+    std::uint64_t suspicious = 0;   // loaded lines whose number is written oddly
+    std::uint64_t operators = 0;    // distinct operator identifiers among the records
+    BAS::String earliest;           // the first and last valid-from, 14 digits UTC; empty without records
+    BAS::String latest;
+  };
+
+  // The library's entry point: checks the data file that `subtree` (the registry table of the
+  // plug-in instance `name`) configures. False when it could not check at all: the registry
+  // lacks a key the plug-in needs, or the data file cannot be opened or read; cannotCheck()
+  // then said why and no summary follows. True once the whole file was judged; summary() came last.
+  using EntryPoint = bool (*)(const BAS::RegistryEntry* subtree, const BAS::String& name,
+                              DataFileCheckListener& listener);
+  static constexpr const char* entryPointNameCM = "DAT_NumberPortabilityCheck";
+
+  // The data file is open and about to be read; every finding is about this file.
+  virtual void begin(const BAS::String& fileName, std::uint64_t fileSize) = 0;
+  // A line the load would reject or whose number looks wrong; `lineNumber` counts from 1, and
+  // is 0 for a finding about the whole file. `text` is one sentence saying what is wrong and
+  // what the plug-in would do with the line.
+  virtual void finding(std::uint64_t lineNumber, const BAS::String& text) = 0;
+  // Called every few thousand lines while the file is read.
+  virtual void progress(std::uint64_t lines, std::uint64_t bytesRead) = 0;
+  virtual void summary(const Summary& summary) = 0;
+  // One sentence, without the program's name in front.
+  virtual void cannotCheck(const BAS::String& reason) = 0;
+
+protected:
+  virtual ~DataFileCheckListener() = default;
+};
+
+}  // namespace DAT::NumberPortability
