@@ -6,10 +6,13 @@
 #pragma once
 
 #include "host/common/CountingLogSink.h"
+#include "host/common/ProgressLine.h"
 #include "host/startup/CommandLine.h"
 #include "host/startup/PluginLibrary.h"
 #include "host/startup/RegistryFile.h"
 
+#include <atomic>
+#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -56,6 +59,9 @@ public:
   PLG::DataPlugIn& plugIn() { return *plugInM; }
   DAT::NumberPortability::PortabilityLookup& lookup() { return *lookupM; }
   CountingLogSink& counts() { return *countsM; }
+  ProgressLine& progressLine() { return *progressLineM; }
+  // Every lookup this process made: event records and "search" commands.
+  std::atomic<std::uint64_t>& lookupsServed() { return lookupsServedM; }
   BAS::Log& log();
 
 private:
@@ -74,6 +80,10 @@ private:
   PluginLibrary libraryM;
   std::unique_ptr<BAS::Framework> frameworkM;
   std::shared_ptr<CountingLogSink> countsM;
+  std::shared_ptr<ProgressLine> progressLineM;
+  // Atomic, so no lock: added to by the lookup threads a batch at a time and by the command
+  // thread, read by "status"; a count for people, so relaxed order suffices.
+  std::atomic<std::uint64_t> lookupsServedM{0};
   std::unique_ptr<PLG::DataPlugIn> plugInM;
   DAT::NumberPortability::PortabilityLookup* lookupM = nullptr;  // owned by plugInM
   bool startedM = false;
