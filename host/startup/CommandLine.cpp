@@ -78,10 +78,14 @@ bool CommandLine::parse(int argc, const char* const* argv) {
                             ->check(CLI::Range(0ull, 86'400'000ull));
   ctl->add_option("SOCKET", controlSocket, "The socket given to 'nphost run --control'")->required();
   ctl->add_option("COMMAND", optionsM.command,
-                  "The command and its arguments, e.g. --wait EVT::RELOAD_SUCCESSFUL SOCKET update Reload "
-                  "ReuseOnFailure=FALSE")
+                  "A command of the script grammar and its arguments (search, usable, status, update, probe, await); "
+                  "update takes the plug-in's keys bare, e.g. update Reload ReuseOnFailure=FALSE")
       ->required()
       ->expected(-1);
+  ctl->footer("Examples:\n"
+              "  nphost ctl /tmp/np.sock status\n"
+              "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL /tmp/np.sock update Reload ReuseOnFailure=FALSE\n"
+              "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL --timeout 600000 /tmp/np.sock probe reload FALSE");
   // Arguments of the command may start with '-'; they are not options of ctl.
   ctl->prefix_command();
 
