@@ -12,13 +12,19 @@ void CountingLogSink::write(const BAS::LogRecord& record, const std::string& /*l
     Seen& seen = seenM[record.id.str()];
     ++seen.count;
     seen.last = record.time;
+    // Under the lock, so that the descriptor cannot be closed in between. A full pipe is
+    // readable already, so a write that fails loses nothing.
+    if (notifyM >= 0) {
+      const char byte = 'x';
+      [[maybe_unused]] const ssize_t ignored = ::write(notifyM, &byte, 1);
+    }
   }
   writtenM.notifyAll();
-  if (const int writeEnd = notifyM.load(); writeEnd >= 0) {
-    // A full pipe is readable already, so a write that fails loses nothing.
-    const char byte = 'x';
-    [[maybe_unused]] const ssize_t ignored = ::write(writeEnd, &byte, 1);
-  }
+}
+
+void CountingLogSink::notifyOnWrite(int writeEnd) {
+  BAS::MutexLocker locker(mutexM);
+  notifyM = writeEnd;
 }
 
 const CountingLogSink::Seen* CountingLogSink::find(const std::string& id) const {

@@ -9,7 +9,6 @@
 #include "BAS/LogSink.h"
 #include "BAS/Mutex.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <optional>
@@ -31,7 +30,9 @@ public:
 
   // Every entry written from now on also writes a byte to `writeEnd` (a non-blocking pipe, as
   // SelfPipe makes), so that a thread sleeping in poll sees it; -1 stops that.
-  void notifyOnWrite(int writeEnd) { notifyM.store(writeEnd); }
+  // Once it returns, no write of the log touches the descriptor given before, which may then be
+  // closed.
+  void notifyOnWrite(int writeEnd) EXCLUDES(mutexM);
 
 private:
   struct Seen {
@@ -43,8 +44,7 @@ private:
   mutable BAS::Mutex mutexM;
   mutable BAS::ConditionVariable writtenM;  // notified after each entry, under no lock
   std::unordered_map<std::string, Seen> seenM GUARDED_BY(mutexM);
-  // Atomic, so no lock: set by the control thread, read by whichever thread writes the log.
-  std::atomic<int> notifyM{-1};
+  int notifyM GUARDED_BY(mutexM) = -1;
 };
 
 }  // namespace Host

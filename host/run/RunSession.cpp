@@ -93,7 +93,11 @@ int RunSession::run(std::ostream& err) {
   if (!signals.install())
     return fail(ExitStatus::badInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
 
-  if (!initShowingLoad()) {
+  const bool started = initShowingLoad();
+  // Taken before a reload or delta load through the socket can change them: the summary
+  // speaks of the data the run started with.
+  const auto data = sessionM.lookup().loadFigures();
+  if (!started) {
     sessionM.finish();
     return fail(ExitStatus::invalidObjectCM,
                 fmt::format("the plug-in '{}' did not start; the log says why.", sessionM.instanceName()));
@@ -123,7 +127,6 @@ int RunSession::run(std::ostream& err) {
   settings.stopDescriptor = signals.descriptor();
   settings.normalize = options.normalize;
   settings.lookupsServed = &sessionM.lookupsServed();
-  const auto data = sessionM.lookup().loadFigures();  // the start-up load's, for the summary
 
   // The summary's time and rate cover the enrichment (reading, lookups, writing) up to the last
   // record written: the plug-in's shutdown below frees both trees, which takes a fixed part of a
