@@ -5,6 +5,8 @@
 #include "BAS/WriteLocker.h"
 #include "STR/FileIo.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -33,6 +35,24 @@ bool atEnd(const STR::FileIoTurbo& reader) { return reader.stream() == nullptr |
 // that keeps failing without ever reaching the end would make them loop for ever, so after
 // this many failures in a row the file is treated as ended.
 constexpr unsigned maxFailedReadsInRow = 64;
+
+// The figures of one operation that reads the file open in `reader`: started once the file is
+// open, ended on every way out of the operation.
+class ProgressScope {
+public:
+  ProgressScope(LoadProgress& progress, const STR::FileIoTurbo& reader) : progressM(progress) {
+    struct stat status {};
+    std::FILE* stream = reader.stream();
+    const bool sized = stream != nullptr && fstat(fileno(stream), &status) == 0 && S_ISREG(status.st_mode);
+    progressM.begin(sized ? static_cast<std::uint64_t>(status.st_size) : 0);
+  }
+  ~ProgressScope() { progressM.end(); }
+  ProgressScope(const ProgressScope&) = delete;
+  ProgressScope& operator=(const ProgressScope&) = delete;
+
+private:
+  LoadProgress& progressM;
+};
 
 }  // namespace
 
@@ -89,6 +109,12 @@ bool CacheManager::batchLine(const BAS::String& line, unsigned long lineNumber, 
 void CacheManager::flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* first,
                               NumberPortabilityTree* second) {
   LineBatch& batch = batchM;
+  if (!secondPassM && batch.linesM > 0) {
+    // Once per batch, so that a display reading the figures costs the loader nothing per line.
+    const long position = reader.stream() != nullptr ? std::ftell(reader.stream()) : -1;
+    progressM.addBatch(batch.parsedM, batch.linesM - batch.parsedM,
+                       position >= 0 ? static_cast<std::uint64_t>(position) : progressM.bytesReadM.load(std::memory_order_relaxed));
+  }
   first->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.firstAcceptedM);
   if (second != nullptr) second->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.secondAcceptedM);
   const int trees = second != nullptr ? 2 : 1;
@@ -120,6 +146,7 @@ bool CacheManager::load() {
   if (!plugInM->checkFile()) return false;
   if (dataFileReaderM.isOpen()) dataFileReaderM.closeFile();
   dataFileReaderM.openFile(fileNameM, openModeCM);
+  const ProgressScope progress(progressM, dataFileReaderM);
 
   if (atEnd(dataFileReaderM)) {
     if (dataFileReaderM.isOpen()) {
@@ -154,6 +181,7 @@ void CacheManager::exchangeTrees() {
 }
 
 bool CacheManager::readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reader, KeptLines& kept) {
+  const ProgressScope progress(progressM, reader);
   bool lastResult = false;
   unsigned long lineNumber = 1;
   unsigned failedInRow = 0;
@@ -173,12 +201,14 @@ bool CacheManager::readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reade
 }
 
 void CacheManager::insertKeptLines(NumberPortabilityTree* tree, const KeptLines& lines, STR::FileIoTurbo& reader) {
+  secondPassM = true;
   for (std::size_t i = 0; i < lines.size(); ++i) {
     const std::string_view text = lines[i];
     lineM.assign(text.data(), text.size());
     batchLine(lineM, i + 1, reader, tree, nullptr);
   }
   flushBatch(reader, tree, nullptr);
+  secondPassM = false;
 }
 
 bool CacheManager::cacheReload(const bool& reuseOnFailure) {

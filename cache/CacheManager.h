@@ -16,6 +16,7 @@
 #include "cache/CacheOwner.h"
 #include "cache/DataLineParser.h"
 #include "cache/KeptLines.h"
+#include "cache/LoadProgress.h"
 #include "store/NumberPortabilityData.h"
 #include "store/NumberPortabilityTree.h"
 
@@ -77,6 +78,8 @@ public:
   void normalize(BAS::String& number) const { parserM.normalize(number); }
   // The parser that reads the data lines, with the owner's codes; the benchmark times it alone.
   const DataLineParser& parser() const { return parserM; }
+  // How far the operation in progress has read its file; readable from any thread.
+  const LoadProgress& progress() const { return progressM; }
 
 private:
   // The operation in progress is the only writer of the tree pointers, so it may read them
@@ -149,6 +152,8 @@ private:
   BAS::String numberM;            // the normalised number of a line parsed on its own
   NumberPortabilityData recordM;  // the record of a line parsed on its own
   LineBatch batchM;               // lines waiting to be inserted together
+  bool secondPassM = false;       // the kept lines are inserted again: the figures have them already
+  LoadProgress progressM;         // written by the operation in progress only; see its fields
 };
 
 }  // namespace DAT::NumberPortability

@@ -36,15 +36,7 @@ int main(int argc, char** argv) {
       return commandLine.exitStatus();
     }
     const auto& options = commandLine.options();
-    if (options.mode == Host::CommandLine::Options::Mode::CTL) {
-      Host::ControlClient client;
-      if (!client.send(*options.controlSocket, options.command)) {
-        std::cerr << "nphost: " << client.error() << std::endl;
-        return 1;
-      }
-      std::cout << client.answer() << std::endl;
-      return client.answer().starts_with("error") ? 1 : 0;
-    }
+    if (options.mode == Host::CommandLine::Options::Mode::CTL) return Host::ControlClient::run(options, std::cout, std::cerr);
     Host::HostSession session(options, executableDirectory(argv[0]));
     if (options.mode == Host::CommandLine::Options::Mode::CHECK)
       return Host::CheckSession(session).run(std::cout, std::cerr, STDERR_FILENO);

@@ -80,6 +80,28 @@ void PlugIn::lookUp(const std::string_view* numbers, const BAS::DateTime* dateTi
   }
 }
 
+void PlugIn::normalize(std::string_view number, std::string& into) const {
+  // The caller's buffer goes in and out by moves, so its capacity is kept from call to call.
+  into.assign(number);
+  BAS::String text(std::move(into));
+  if (cacheManagerM != nullptr) cacheManagerM->normalize(text);
+  into = std::move(text.mutableStr());
+}
+
+PortabilityLookup::LoadFigures PlugIn::loadFigures() const {
+  LoadFigures figures;
+  if (cacheManagerM == nullptr) return figures;
+  const LoadProgress& progress = cacheManagerM->progress();
+  constexpr auto relaxed = std::memory_order_relaxed;
+  figures.loading = progress.loadingM.load(relaxed);
+  figures.fileBytes = progress.fileBytesM.load(relaxed);
+  figures.bytesRead = progress.bytesReadM.load(relaxed);
+  figures.linesRead = progress.linesReadM.load(relaxed);
+  figures.linesTaken = progress.linesTakenM.load(relaxed);
+  figures.linesRejected = progress.linesRejectedM.load(relaxed);
+  return figures;
+}
+
 template <class Arguments>
 void PlugIn::report(const char* messageId, BAS::Status::Severity severity, const Arguments& arguments) {
   BAS::MutexLocker statusLocker(statusLockerCM);

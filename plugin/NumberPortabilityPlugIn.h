@@ -125,6 +125,11 @@ public:
   // searchMany for a host, through the interface the library hands out.
   void lookUp(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count, Answer* answers,
               bool* found) override;
+  // The rest of the host's interface: the cache's normalisation, progress and record count.
+  void normalize(std::string_view number, std::string& into) const override;
+  LoadFigures loadFigures() const override;
+  std::uint64_t activeRecords() override { return cacheManagerM != nullptr ? recordCount() : 0; }
+  std::string dataFileName() const override { return fileNameM.str(); }
 
   // Whether the configured data file can be opened; the answer is also stored as usable flag.
   bool checkFile() override REQUIRES(operationLockM);

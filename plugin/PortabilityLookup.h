@@ -4,13 +4,19 @@
 // table, so that none of the cache's or the store's code (nor the lock that guards them) is
 // compiled into the host: every lookup runs the library's one copy.
 //
-// Thread contract: any number of threads may look up at once, during reloads and delta loads.
+// Beside lookups it normalises numbers as the data file's are, and gives the figures a host
+// shows (records, load progress).
+//
+// Thread contract: any number of threads may call any operation at once, during loads, reloads
+// and delta loads.
 #pragma once
 
 #include "BAS/DateTime.h"
 #include "BAS/SimpleString.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace PLG {
@@ -37,6 +43,28 @@ public:
   // (untouched when none holds).
   virtual void lookUp(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
                       Answer* answers, bool* found) = 0;
+
+  // `number` in the stored form, as the data file's numbers are brought to it with the
+  // configured dialling codes, written into `into` (whose capacity is reused, so a caller that
+  // keeps one per thread allocates nothing once it has grown).
+  virtual void normalize(std::string_view number, std::string& into) const = 0;
+
+  // How far the load, reload or delta load in progress has read its data file. The fields are
+  // read one by one while the load goes on, so they may be a batch of lines apart.
+  struct LoadFigures {
+    bool loading = false;           // a load is reading its file now
+    std::uint64_t fileBytes = 0;    // its size; 0 when not known
+    std::uint64_t bytesRead = 0;
+    std::uint64_t linesRead = 0;    // data lines
+    std::uint64_t linesTaken = 0;   // of them, read into a record (a duplicate record included)
+    std::uint64_t linesRejected = 0;
+  };
+  // The figures of the load in progress, or when none runs, of the last one. Never waits.
+  virtual LoadFigures loadFigures() const = 0;
+  // Records in the data that answers lookups. Holds up lookups for a moment: not for each record.
+  virtual std::uint64_t activeRecords() = 0;
+  // The configured main data file, as the registry names it.
+  virtual std::string dataFileName() const = 0;
 
 protected:
   // The plug-in object owns its interface; a host never deletes through it.

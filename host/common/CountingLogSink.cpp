@@ -2,33 +2,60 @@
 
 #include "BAS/MutexLocker.h"
 
+#include <unistd.h>
+
 namespace Host {
 
 void CountingLogSink::write(const BAS::LogRecord& record, const std::string& /*line*/) {
   {
     BAS::MutexLocker locker(mutexM);
-    ++countsM[record.id.str()];
+    Seen& seen = seenM[record.id.str()];
+    ++seen.count;
+    seen.last = record.time;
+    // Under the lock, so that the descriptor cannot be closed in between. A full pipe is
+    // readable already, so a write that fails loses nothing.
+    if (notifyM >= 0) {
+      const char byte = 'x';
+      [[maybe_unused]] const ssize_t ignored = ::write(notifyM, &byte, 1);
+    }
   }
   writtenM.notifyAll();
 }
 
-std::size_t CountingLogSink::countOf(const std::string& id) const {
-  const auto found = countsM.find(id);
-  return found == countsM.end() ? 0 : found->second;
+void CountingLogSink::notifyOnWrite(int writeEnd) {
+  BAS::MutexLocker locker(mutexM);
+  notifyM = writeEnd;
+}
+
+const CountingLogSink::Seen* CountingLogSink::find(const std::string& id) const {
+  const auto found = seenM.find(id);
+  return found == seenM.end() ? nullptr : &found->second;
 }
 
 std::size_t CountingLogSink::count(const std::string& id) const {
   BAS::MutexLocker locker(mutexM);
-  return countOf(id);
+  const Seen* seen = find(id);
+  return seen == nullptr ? 0 : seen->count;
+}
+
+std::optional<std::chrono::system_clock::time_point> CountingLogSink::lastTime(const std::string& id) const {
+  BAS::MutexLocker locker(mutexM);
+  const Seen* seen = find(id);
+  if (seen == nullptr) return std::nullopt;
+  return seen->last;
 }
 
 bool CountingLogSink::waitFor(const std::string& id, std::size_t count, std::chrono::milliseconds timeout) const {
   const auto deadline = BAS::ConditionVariable::Clock::now() + timeout;
   BAS::MutexLocker locker(mutexM);
-  while (countOf(id) < count) {
-    if (!writtenM.waitUntil(mutexM, deadline)) return countOf(id) >= count;
+  for (;;) {
+    const Seen* seen = find(id);
+    if (seen != nullptr && seen->count >= count) return true;
+    if (!writtenM.waitUntil(mutexM, deadline)) {
+      seen = find(id);
+      return seen != nullptr && seen->count >= count;
+    }
   }
-  return true;
 }
 
 }  // namespace Host

@@ -1,7 +1,8 @@
 // Host::CountingLogSink counts the log entries per identifier (status message identifier or
-// event name) so that a script can wait for the plug-in's background work. It keeps counts
+// event name) and keeps the time of the last one, so that a script can wait for the plug-in's
+// background work and `status` can tell when a reload last ended. It keeps counts and times
 // only, never the entries, so a long run does not grow. Thread-safe: the log writes from any
-// thread while the command thread waits.
+// thread while the command thread and the control thread wait or read.
 #pragma once
 
 #include "BAS/ConditionVariable.h"
@@ -10,6 +11,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -20,16 +22,29 @@ public:
   void write(const BAS::LogRecord& record, const std::string& line) override EXCLUDES(mutexM);
 
   std::size_t count(const std::string& id) const EXCLUDES(mutexM);
+  // When the last entry with that identifier was written; nullopt when none was.
+  std::optional<std::chrono::system_clock::time_point> lastTime(const std::string& id) const EXCLUDES(mutexM);
   // Waits until at least `count` entries with that identifier were written since the sink was
   // attached; false when the time ran out first.
   bool waitFor(const std::string& id, std::size_t count, std::chrono::milliseconds timeout) const EXCLUDES(mutexM);
 
+  // Every entry written from now on also writes a byte to `writeEnd` (a non-blocking pipe, as
+  // SelfPipe makes), so that a thread sleeping in poll sees it; -1 stops that.
+  // Once it returns, no write of the log touches the descriptor given before, which may then be
+  // closed.
+  void notifyOnWrite(int writeEnd) EXCLUDES(mutexM);
+
 private:
-  std::size_t countOf(const std::string& id) const REQUIRES(mutexM);
+  struct Seen {
+    std::size_t count = 0;
+    std::chrono::system_clock::time_point last;
+  };
+  const Seen* find(const std::string& id) const REQUIRES(mutexM);
 
   mutable BAS::Mutex mutexM;
   mutable BAS::ConditionVariable writtenM;  // notified after each entry, under no lock
-  std::unordered_map<std::string, std::size_t> countsM GUARDED_BY(mutexM);
+  std::unordered_map<std::string, Seen> seenM GUARDED_BY(mutexM);
+  int notifyM GUARDED_BY(mutexM) = -1;
 };
 
 }  // namespace Host

@@ -1,6 +1,7 @@
 #include "host/control/ControlClient.h"
 
 #include "host/common/OwnedDescriptor.h"
+#include "host/script/WordSplitter.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ostream>
 
 namespace Host {
 
@@ -16,22 +18,44 @@ std::string ControlClient::commandLine(const std::vector<std::string>& words) {
   std::string line;
   for (const std::string& word : words) {
     if (!line.empty()) line += ' ';
-    const bool quote = word.empty() || word.front() == '#' || word.find_first_of(" \t\r\"\\") != std::string::npos;
-    if (!quote) {
-      line += word;
-      continue;
-    }
-    line += '"';
-    for (const char c : word) {
-      if (c == '"' || c == '\\') line += '\\';
-      line += c;
-    }
-    line += '"';
+    line += WordSplitter::quote(word);
   }
   return line;
 }
 
-bool ControlClient::send(const std::string& path, const std::vector<std::string>& words) {
+int ControlClient::run(const CommandLine::Options& options, std::ostream& out, std::ostream& err) {
+  ControlClient client;
+  std::vector<std::string> words = options.command;
+  bool answered;
+  if (options.waitFor) {
+    // The server notes the count before the command and waits after it, so the wait sees only
+    // what the command's own work logs, not an earlier entry of the same identifier.
+    words.insert(words.begin(), {"after", *options.waitFor, std::to_string(options.waitTimeoutMs)});
+    answered = client.send(*options.controlSocket, words, 2, static_cast<int>(options.waitTimeoutMs) + answerMarginMsCM);
+  } else {
+    answered = client.send(*options.controlSocket, words);
+  }
+  bool failed = !answered;
+  for (const std::string& line : client.answers()) {
+    out << line << '\n';
+    failed = failed || isFailure(line);
+  }
+  out << std::flush;
+  if (!answered) err << "nphost: " << client.error() << std::endl;
+  return failed ? 1 : 0;
+}
+
+bool ControlClient::isFailure(std::string_view line) {
+  const auto endsWith = [&](std::string_view tail) { return line.ends_with(tail); };
+  if (line.starts_with("error")) return true;
+  if (line.starts_with("update result=false")) return true;
+  if (line.starts_with("update ") && (line.find(" taken=false") != std::string_view::npos)) return true;
+  if (line.starts_with("probe ") && endsWith(" result=false")) return true;
+  return line.starts_with("await ") && endsWith(" timeout");
+}
+
+bool ControlClient::send(const std::string& path, const std::vector<std::string>& words, std::size_t lines,
+                         int timeoutMs) {
   for (const std::string& word : words) {
     if (word.find('\n') != std::string::npos) {
       errorM = "a command word cannot hold a line break.";
@@ -64,16 +88,16 @@ bool ControlClient::send(const std::string& path, const std::vector<std::string>
 
   std::string received;
   for (;;) {
-    const auto end = received.find('\n');
-    if (end != std::string::npos) {
-      answerM = received.substr(0, end);
-      return true;
+    for (auto end = received.find('\n'); end != std::string::npos; end = received.find('\n')) {
+      answersM.push_back(received.substr(0, end));
+      received.erase(0, end + 1);
+      if (answersM.size() == lines || answersM.back().starts_with("error")) return true;
     }
     pollfd wait{socket.get(), POLLIN, 0};
-    const int ready = poll(&wait, 1, answerTimeoutMsCM);
+    const int ready = poll(&wait, 1, timeoutMs);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) {
-      errorM = "no answer from the control socket '" + path + "' within " + std::to_string(answerTimeoutMsCM / 1000) +
+      errorM = "no answer from the control socket '" + path + "' within " + std::to_string(timeoutMs / 1000) +
                " seconds.";
       return false;
     }
@@ -81,7 +105,7 @@ bool ControlClient::send(const std::string& path, const std::vector<std::string>
     const ssize_t n = recv(socket.get(), buffer, sizeof buffer, 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      errorM = "the control socket '" + path + "' closed the connection without an answer.";
+      errorM = "the control socket '" + path + "' closed the connection before the whole answer.";
       return false;
     }
     received.append(buffer, static_cast<std::size_t>(n));

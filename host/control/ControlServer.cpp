@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -28,7 +29,8 @@ std::string reason() { return std::strerror(errno); }
 
 }  // namespace
 
-ControlServer::ControlServer(CommandInterpreter& interpreter) : interpreterM(interpreter) {}
+ControlServer::ControlServer(CommandInterpreter& interpreter, CountingLogSink& counts)
+    : interpreterM(interpreter), countsM(counts) {}
 
 ControlServer::~ControlServer() {
   stop();
@@ -102,7 +104,7 @@ bool ControlServer::open(const std::string& path) {
 }
 
 bool ControlServer::start() {
-  if (!wakeM.open()) {
+  if (!wakeM.open() || !loggedM.open()) {
     errorM = "cannot create a pipe: " + reason() + ".";
     return false;
   }
@@ -121,31 +123,81 @@ void ControlServer::stop() {
 void ControlServer::serve() {
   std::vector<pollfd> waits;
   while (!stoppingM.load()) {
+    auto next = std::chrono::steady_clock::time_point::max();
+    bool parked = serveWaits(next);
+    // The log wakes this thread only while someone waits for it; an entry logged before the
+    // notification was set is found by looking once more.
+    countsM.notifyOnWrite(parked ? loggedM.writeEnd() : -1);
+    if (parked) parked = serveWaits(next);
+
     waits.clear();
     waits.push_back({wakeM.readEnd(), POLLIN, 0});
     waits.push_back({listenerM.get(), POLLIN, 0});
+    waits.push_back({loggedM.readEnd(), POLLIN, 0});
+    constexpr std::size_t firstConnection = 3;
     for (const Connection& connection : connectionsM) {
-      const short events = static_cast<short>((connection.readClosed ? 0 : POLLIN) | (connection.output.empty() ? 0 : POLLOUT));
+      // A parked connection's later commands stay unread until its wait is answered.
+      const bool reading = !connection.readClosed && !connection.wait;
+      const short events = static_cast<short>((reading ? POLLIN : 0) | (connection.output.empty() ? 0 : POLLOUT));
       waits.push_back({connection.descriptor.get(), events, 0});
     }
-    if (poll(waits.data(), waits.size(), -1) < 0) continue;  // EINTR: look again
+    int timeout = -1;
+    if (parked) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()).count();
+      timeout = static_cast<int>(std::clamp<decltype(left)>(left, 0, 24 * 3600 * 1000));
+    }
+    if (poll(waits.data(), waits.size(), timeout) < 0) continue;  // EINTR: look again
     if (waits[0].revents != 0) break;
+    if (waits[2].revents != 0) {
+      char drained[256];
+      while (read(loggedM.readEnd(), drained, sizeof drained) > 0) {
+      }
+    }
 
     // Connections first: the ones accepted below have no entry in `waits` yet.
     std::vector<Connection> kept;
     kept.reserve(connectionsM.size());
     for (std::size_t i = 0; i < connectionsM.size(); ++i) {
       Connection& connection = connectionsM[i];
-      const short events = waits[i + 2].revents;
-      bool open = true;
-      if (events & (POLLIN | POLLHUP | POLLERR)) open = readFrom(connection);
+      const short events = waits[i + firstConnection].revents;
+      bool open = !connection.dropped;
+      if (connection.wait) {
+        // Nobody is left to read the answer of a client that hung up while it waited.
+        if (events & (POLLHUP | POLLERR)) open = false;
+      } else if (open && (events & (POLLIN | POLLHUP | POLLERR))) {
+        open = readFrom(connection);
+      }
       if (open && !connection.output.empty()) open = flush(connection);
-      if (open && connection.readClosed && connection.output.empty()) open = false;
+      if (open && connection.readClosed && connection.output.empty() && !connection.wait) open = false;
       if (open) kept.push_back(std::move(connection));  // the others close as connectionsM is replaced
     }
     connectionsM = std::move(kept);
     if (waits[1].revents != 0) acceptAll();
   }
+  countsM.notifyOnWrite(-1);
+}
+
+bool ControlServer::serveWaits(std::chrono::steady_clock::time_point& next) {
+  bool parked = false;
+  const auto now = std::chrono::steady_clock::now();
+  for (Connection& connection : connectionsM) {
+    // Carrying on with the held commands may park the connection again, on a wait that may be
+    // over already.
+    while (connection.wait && !connection.dropped) {
+      const bool reached = countsM.count(connection.wait->id) >= connection.wait->count;
+      if (!reached && now < connection.wait->deadline) break;
+      const std::string id = std::move(connection.wait->id);
+      connection.wait.reset();
+      const std::string held = std::exchange(connection.held, std::string());
+      connection.dropped = !answer(connection, CommandInterpreter::waitAnswer(id, reached)) ||
+                           !take(connection, held.data(), held.size());
+    }
+    if (connection.wait && !connection.dropped) {
+      parked = true;
+      next = std::min(next, connection.wait->deadline);
+    }
+  }
+  return parked;
 }
 
 void ControlServer::acceptAll() {
@@ -158,7 +210,9 @@ void ControlServer::acceptAll() {
           send(descriptor.get(), refusal, sizeof refusal - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
       continue;
     }
-    connectionsM.push_back(Connection{std::move(descriptor), {}, {}, false, false});
+    Connection connection;
+    connection.descriptor = std::move(descriptor);
+    connectionsM.push_back(std::move(connection));
   }
 }
 
@@ -176,6 +230,7 @@ bool ControlServer::readFrom(Connection& connection) {
       if (!connection.skipping && !connection.input.empty()) {
         const std::string line = std::exchange(connection.input, std::string());
         if (const auto reply = interpreterM.execute(line); reply && !answer(connection, *reply)) return false;
+        connection.wait = interpreterM.takePendingWait();
       }
       connection.readClosed = true;
       return true;
@@ -201,6 +256,12 @@ bool ControlServer::take(Connection& connection, const char* bytes, std::size_t 
       } else if (newline != nullptr) {
         const std::string line = std::exchange(connection.input, std::string());
         if (const auto reply = interpreterM.execute(line); reply && !answer(connection, *reply)) return false;
+        if (auto wait = interpreterM.takePendingWait()) {
+          // The commands after this one run once its wait is answered, in the order sent.
+          connection.wait = std::move(wait);
+          connection.held.assign(newline + 1, end);
+          return true;
+        }
       }
     }
     bytes = newline != nullptr ? newline + 1 : end;

@@ -76,7 +76,14 @@ const char* EventRecordPipeline::cut(const char* line, const char* end, Batch& b
     if (!dateTime.isValid()) {
       reject(Rejection::INVALID_DATE_TIME);
     } else {
-      lookups.numbers.emplace_back(line, static_cast<std::size_t>(first - line));
+      const std::string_view number(line, static_cast<std::size_t>(first - line));
+      if (settingsM.normalize) {
+        std::string& stored = lookups.normalized[lookups.numbers.size()];
+        lookupM.normalize(number, stored);
+        lookups.numbers.emplace_back(stored);
+      } else {
+        lookups.numbers.emplace_back(number);
+      }
       lookups.dateTimes.push_back(dateTime);
       searched = true;
     }

@@ -239,6 +239,8 @@ void EventRecordPipeline::writeLoop() {
       foundM += batch->found;
       rejectedM += batch->rejected.size();
       notFoundM += batch->records - batch->found - batch->rejected.size();
+      if (settingsM.lookupsServed != nullptr)
+        settingsM.lookupsServed->fetch_add(batch->records - batch->rejected.size(), std::memory_order_relaxed);
       bytesM += batch->size;
     }
     const bool last = batch->last;

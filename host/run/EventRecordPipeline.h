@@ -41,6 +41,11 @@ public:
     char delimiter = ';';
     // Readable when the run is to end early (the signal watcher); -1 for none. Not owned.
     int stopDescriptor = -1;
+    // Numbers are looked up in the stored form that the plug-in's normalisation gives them;
+    // the output keeps them as they came.
+    bool normalize = false;
+    // Added to once per batch with the lookups made; null for none. Not owned.
+    std::atomic<std::uint64_t>* lookupsServed = nullptr;
   };
 
   // Counts of the records written so far; each is read on its own, so a snapshot taken while
@@ -126,6 +131,9 @@ private:
     };
     std::vector<Line> lines;
     std::vector<std::string_view> numbers;
+    // With normalisation: the stored forms of the group's numbers, which `numbers` then view;
+    // their capacity is kept from group to group.
+    std::vector<std::string> normalized = std::vector<std::string>(groupCM);
     std::vector<BAS::DateTime> dateTimes;
     using Answer = DAT::NumberPortability::PortabilityLookup::Answer;
     std::vector<Answer> results = std::vector<Answer>(groupCM);

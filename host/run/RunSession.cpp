@@ -7,6 +7,7 @@
 #include "host/run/EventRecordPipeline.h"
 #include "host/script/CommandInterpreter.h"
 #include "host/startup/HostSession.h"
+#include "plugin/PortabilityLookup.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -19,6 +20,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <thread>
 
@@ -84,14 +86,18 @@ int RunSession::run(std::ostream& err) {
   // The socket and the signal handlers are set up while this is the only thread: the socket's
   // mode comes from the process-wide umask, which must not leak into files others create.
   CommandInterpreter controlInterpreter(sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
-                                        CommandInterpreter::Mode::CONTROL);
-  ControlServer control(controlInterpreter);
+                                        sessionM.lookupsServed(), CommandInterpreter::Mode::CONTROL);
+  ControlServer control(controlInterpreter, sessionM.counts());
   if (options.controlSocket && !control.open(*options.controlSocket)) return fail(ExitStatus::badInputCM, control.error());
   SignalWatcher signals;
   if (!signals.install())
     return fail(ExitStatus::badInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
 
-  if (!sessionM.init()) {
+  const bool started = initShowingLoad();
+  // Taken before a reload or delta load through the socket can change them: the summary
+  // speaks of the data the run started with.
+  const auto data = sessionM.lookup().loadFigures();
+  if (!started) {
     sessionM.finish();
     return fail(ExitStatus::invalidObjectCM,
                 fmt::format("the plug-in '{}' did not start; the log says why.", sessionM.instanceName()));
@@ -119,6 +125,8 @@ int RunSession::run(std::ostream& err) {
   settings.threads = options.threads != 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
   settings.delimiter = options.delimiter;
   settings.stopDescriptor = signals.descriptor();
+  settings.normalize = options.normalize;
+  settings.lookupsServed = &sessionM.lookupsServed();
 
   // The summary's time and rate cover the enrichment (reading, lookups, writing) up to the last
   // record written: the plug-in's shutdown below frees both trees, which takes a fixed part of a
@@ -129,7 +137,7 @@ int RunSession::run(std::ostream& err) {
   std::string failure;
   {
     EventRecordPipeline pipeline(sessionM.lookup(), sessionM.log(), settings);
-    if (pipeline.start()) showProgress(pipeline, begin, inputSize, err);
+    if (pipeline.start()) showProgress(pipeline, begin, inputSize, sessionM.progressLine());
     end = std::chrono::steady_clock::now();
     totals = pipeline.totals();
     failure = pipeline.failure();
@@ -138,30 +146,59 @@ int RunSession::run(std::ostream& err) {
   sessionM.finish();
 
   const double elapsed = seconds(end - begin);
-  err << fmt::format("{} records: {} found, {} not found, {} rejected in {:.3f} s ({:.0f} records/s)", totals.records,
-                     totals.found, totals.notFound, totals.rejected, elapsed,
-                     elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0)
+  err << fmt::format("{} records: {} found, {} not found, {} rejected in {:.3f} s ({:.0f} records/s); "
+                     "data lines: {} loaded, {} rejected",
+                     totals.records, totals.found, totals.notFound, totals.rejected, elapsed,
+                     elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0, data.linesTaken,
+                     data.linesRejected)
       << std::endl;
   if (!failure.empty()) return fail(ExitStatus::badInputCM, failure);
   return ExitStatus::doneCM;
 }
 
+bool RunSession::initShowingLoad() {
+  if (!ProgressLine::onTerminal()) return sessionM.init();
+  ProgressLine& line = sessionM.progressLine();
+  DAT::NumberPortability::PortabilityLookup& lookup = sessionM.lookup();
+  const std::string file = lookup.dataFileName();
+  const auto draw = [&] {
+    const auto figures = lookup.loadFigures();
+    std::string text = fmt::format("loading {}: {} data lines, {} rejected", file, figures.linesRead, figures.linesRejected);
+    if (figures.fileBytes > 0)
+      text += fmt::format(", {:.1f}%", 100.0 * static_cast<double>(figures.bytesRead) / static_cast<double>(figures.fileBytes));
+    line.show(std::move(text));
+  };
+  // Drawn at once, so that a person sees what the start waits for, then a few times a second
+  // until the load has ended.
+  draw();
+  std::promise<void> loaded;
+  std::thread drawer([&, ended = loaded.get_future()] {
+    while (ended.wait_for(std::chrono::milliseconds(250)) == std::future_status::timeout) draw();
+  });
+  const bool started = sessionM.init();
+  loaded.set_value();
+  drawer.join();
+  line.clear();
+  return started;
+}
+
 void RunSession::showProgress(EventRecordPipeline& pipeline, std::chrono::steady_clock::time_point begin,
-                              std::uintmax_t inputSize, std::ostream& err) {
+                              std::uintmax_t inputSize, ProgressLine& line) {
   // The progress line is for a person watching; a log file or a pipe gets the summary only.
-  const bool terminal = isatty(STDERR_FILENO) == 1;
-  bool drawn = false;
+  const bool terminal = ProgressLine::onTerminal();
   while (!pipeline.waitUntilDone(std::chrono::milliseconds(250))) {
-    if (SignalWatcher::takeHangUp()) sessionM.reopenLog(err);
+    if (SignalWatcher::takeHangUp()) {
+      line.clear();  // a failure to reopen is said on standard error, not inside the line
+      sessionM.reopenLog(std::cerr);
+    }
     if (!terminal) continue;
     const auto now = pipeline.totals();
     const double elapsed = seconds(std::chrono::steady_clock::now() - begin);
-    std::string line = fmt::format("\r{} records, {:.0f} records/s", now.records, elapsed > 0 ? now.records / elapsed : 0.0);
-    if (inputSize > 0) line += fmt::format(", {:.1f}%", 100.0 * static_cast<double>(now.bytes) / static_cast<double>(inputSize));
-    err << line << "\x1b[K" << std::flush;
-    drawn = true;
+    std::string text = fmt::format("{} records, {:.0f} records/s", now.records, elapsed > 0 ? now.records / elapsed : 0.0);
+    if (inputSize > 0) text += fmt::format(", {:.1f}%", 100.0 * static_cast<double>(now.bytes) / static_cast<double>(inputSize));
+    line.show(std::move(text));
   }
-  if (drawn) err << "\r\x1b[K" << std::flush;
+  line.clear();
 }
 
 }  // namespace Host

@@ -13,6 +13,7 @@ namespace Host {
 
 class EventRecordPipeline;
 class HostSession;
+class ProgressLine;
 
 class RunSession {
 public:
@@ -25,11 +26,14 @@ public:
   int run(std::ostream& err);
 
 private:
-  // Waits for the pipeline's end, drawing the progress line on `err` meanwhile if it is a
+  // Waits for the pipeline's end, drawing the progress line meanwhile if standard error is a
   // terminal, its rate counted from `begin`; `inputSize` is 0 when the input's size is not known.
   // Reopens the log when a SIGHUP asks for it.
   void showProgress(EventRecordPipeline& pipeline, std::chrono::steady_clock::time_point begin,
-                           std::uintmax_t inputSize, std::ostream& err);
+                    std::uintmax_t inputSize, ProgressLine& line);
+  // The plug-in's init, with the data file's load drawn as the progress line meanwhile if
+  // standard error is a terminal; the line is gone when it returns. Whether init succeeded.
+  bool initShowingLoad();
 
   HostSession& sessionM;
 };

@@ -10,6 +10,8 @@
 
 #include <cctype>
 #include <charconv>
+#include <cstdio>
+#include <ctime>
 #include <thread>
 
 namespace Host {
@@ -27,6 +29,18 @@ bool readNumber(const std::string& text, unsigned long long largest, unsigned lo
 
 const char* truth(bool value) { return value ? "true" : "false"; }
 
+// The log's form of a time: UTC, milliseconds.
+std::string isoTime(std::chrono::system_clock::time_point time) {
+  const auto sinceEpoch = std::chrono::floor<std::chrono::milliseconds>(time).time_since_epoch().count();
+  const std::time_t seconds = static_cast<std::time_t>(sinceEpoch / 1000);
+  std::tm utc{};
+  if (gmtime_r(&seconds, &utc) == nullptr) return "never";
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<int>(sinceEpoch % 1000));
+  return text;
+}
+
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i)
@@ -37,26 +51,33 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 }  // namespace
 
 CommandInterpreter::CommandInterpreter(PLG::DataPlugIn& plugIn, DAT::NumberPortability::PortabilityLookup& lookup,
-                                       const CountingLogSink& counts, Mode mode)
-    : plugInM(plugIn), lookupM(lookup), countsM(counts), modeM(mode) {}
+                                       const CountingLogSink& counts, std::atomic<std::uint64_t>& lookupsServed,
+                                       Mode mode)
+    : plugInM(plugIn), lookupM(lookup), countsM(counts), lookupsServedM(lookupsServed), modeM(mode) {}
 
 std::optional<std::string> CommandInterpreter::execute(std::string_view line) {
   const auto first = line.find_first_not_of(" \t\r");
   if (first == std::string_view::npos || line[first] == '#') return std::nullopt;
   if (!WordSplitter::split(line, wordsM)) return "error malformed quoting";
   if (wordsM.empty()) return std::nullopt;
+  pendingM.reset();
+  return dispatch(wordsM);
+}
 
-  const std::string& command = wordsM.front();
+std::string CommandInterpreter::dispatch(const Words& words) {
+  const std::string& command = words.front();
   if (modeM == Mode::CONTROL) {
-    if (auto refused = refusal(wordsM)) return refused;
+    if (auto refused = refusal(words)) return *refused;
   }
-  if (command == "search") return search(wordsM);
-  if (command == "usable") return usable(wordsM);
-  if (command == "update") return update(wordsM);
-  if (command == "probe") return probe(wordsM);
-  if (command == "await") return await(wordsM);
-  if (command == "sleep") return sleep(wordsM);
-  if (command == "shutdown") return shutdown(wordsM);
+  if (command == "search") return search(words);
+  if (command == "usable") return usable(words);
+  if (command == "status") return status(words);
+  if (command == "update") return update(words);
+  if (command == "probe") return probe(words);
+  if (command == "await") return await(words);
+  if (command == "after") return after(words);
+  if (command == "sleep") return sleep(words);
+  if (command == "shutdown") return shutdown(words);
   return "error unknown command " + command;
 }
 
@@ -68,6 +89,7 @@ std::string CommandInterpreter::search(const Words& words) {
   DAT::NumberPortability::PortabilityLookup::Answer answer;
   bool found = false;
   lookupM.lookUp(&number, &dateTime, 1, &answer, &found);
+  lookupsServedM.fetch_add(1, std::memory_order_relaxed);
   if (!found) return "not-found";
   return "found " + std::string(answer.networkOperator.view()) + " " + answer.validFrom.asString("%Y%m%d%H%M%S").str();
 }
@@ -75,6 +97,68 @@ std::string CommandInterpreter::search(const Words& words) {
 std::string CommandInterpreter::usable(const Words& words) {
   if (words.size() != 1) return "error usage: usable";
   return std::string("usable ") + truth(plugInM.isUsable());
+}
+
+std::string CommandInterpreter::status(const Words& words) {
+  if (words.size() != 1) return "error usage: status";
+  std::string line = "status";
+  const auto add = [&line](const char* key, const std::string& value) {
+    line += ' ';
+    line += key;
+    line += '=';
+    line += WordSplitter::quote(value);
+  };
+  const auto figures = lookupM.loadFigures();
+  add("records", std::to_string(lookupM.activeRecords()));
+  add("usable", truth(plugInM.isUsable()));
+  add("file", lookupM.dataFileName());
+  add("loading", truth(figures.loading));
+  add("lines_loaded", std::to_string(figures.linesTaken));
+  add("lines_rejected", std::to_string(figures.linesRejected));
+  // Reloads and delta loads come through registry updates and through the worker alike; both
+  // end in one of these events, which the log sees whatever road they took.
+  const auto lastOf = [this](const char* succeeded, const char* failed, std::string& time, std::string& result) {
+    const auto ok = countsM.lastTime(succeeded);
+    const auto bad = countsM.lastTime(failed);
+    if (!ok && !bad) {
+      time = "never";
+      result = "none";
+      return;
+    }
+    const bool lastOk = ok && (!bad || *ok >= *bad);
+    time = isoTime(lastOk ? *ok : *bad);
+    result = lastOk ? "ok" : "failed";
+  };
+  std::string time, result;
+  lastOf("EVT::RELOAD_SUCCESSFUL", "EVT::RELOAD_FAILED", time, result);
+  add("reload", time);
+  add("reload_result", result);
+  lastOf("EVT::ADD_NUM_PORT_DATA_SUCCESSFUL", "EVT::ADD_NUM_PORT_DATA_FAILED", time, result);
+  add("delta", time);
+  add("delta_result", result);
+  add("lookups", std::to_string(lookupsServedM.load(std::memory_order_relaxed)));
+  return line;
+}
+
+std::string CommandInterpreter::after(const Words& words) {
+  static constexpr const char* usage = "error usage: after ID TIMEOUT_MS COMMAND [ARGS...]";
+  if (words.size() < 4) return usage;
+  unsigned long long timeoutMs = 0;
+  if (!readNumber(words[2], longestWaitMsCM, timeoutMs))
+    return "error TIMEOUT_MS must be a whole number of milliseconds up to " + std::to_string(longestWaitMsCM);
+  if (words[3] == "after" || words[3] == "await") return "error after cannot wrap " + words[3];
+  const std::string& id = words[1];
+  // Noted before the command runs: only an entry logged after this counts, so an earlier
+  // reload's event cannot answer for the one this command starts.
+  const std::size_t target = countsM.count(id) + 1;
+  const std::string answer = dispatch(Words(words.begin() + 3, words.end()));
+  // A refused command started nothing to wait for.
+  if (answer.starts_with("error")) return answer;
+  if (modeM == Mode::CONTROL) {
+    pendingM = PendingWait{id, target, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs)};
+    return answer;
+  }
+  return answer + "\n" + waitAnswer(id, countsM.waitFor(id, target, std::chrono::milliseconds(timeoutMs)));
 }
 
 std::string CommandInterpreter::update(const Words& words) {

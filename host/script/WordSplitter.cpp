@@ -44,4 +44,16 @@ bool WordSplitter::split(std::string_view line, std::vector<std::string>& words)
   return true;
 }
 
+std::string WordSplitter::quote(std::string_view word) {
+  const bool quoted = word.empty() || word.front() == '#' || word.find_first_of(" \t\r\"\\") != std::string_view::npos;
+  if (!quoted) return std::string(word);
+  std::string text = "\"";
+  for (const char c : word) {
+    if (c == '"' || c == '\\') text += '\\';
+    text += c;
+  }
+  text += '"';
+  return text;
+}
+
 }  // namespace Host

@@ -17,6 +17,10 @@ public:
   // that file names need no escaping. Quoted and unquoted parts that touch form one word.
   // False (and `words` unspecified) when a quote is not closed.
   static bool split(std::string_view line, std::vector<std::string>& words);
+
+  // `word` as split() reads it back: quoted when it is empty, holds a blank, a quote or a
+  // backslash, or starts with '#'; as it is otherwise.
+  static std::string quote(std::string_view word);
 };
 
 }  // namespace Host

@@ -60,6 +60,9 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   auto* delimiterOption = run->add_option("--delimiter", delimiter, "Field delimiter, one character (default ';')");
   run->add_option("--control", controlSocket,
                   "Unix domain socket (mode 0600) on which 'nphost ctl' sends commands while records flow");
+  run->add_flag("--normalize", optionsM.normalize,
+                "Bring event numbers (+4930..., 030...) to the stored form with the plug-in's dialling codes "
+                "before the lookup; the output keeps them as they came");
 
   CLI::App* check = app.add_subcommand(
       "check", "Judge the registry's data file line by line as the plug-in would load it, without starting it");
@@ -78,11 +81,28 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   auto* checkPlugin = check->add_option("--plugin-dir", pluginDirectory,
                                         "Where bare library names are looked up (overrides Framework.PluginDirectory)");
 
-  CLI::App* ctl = app.add_subcommand("ctl", "Send one command to the control socket of a running 'nphost run' and print the answer");
+  CLI::App* ctl = app.add_subcommand(
+      "ctl",
+      "Send one command to the control socket of a running 'nphost run' and print the answer. Exit status 1 when "
+      "the answer starts with 'error', is 'update result=false ...' or '... taken=false', is 'probe NAME "
+      "result=false', or the wait timed out; also when the socket cannot be reached");
+  std::string waitFor;
+  auto* waitOption = ctl->add_option(
+      "--wait", waitFor,
+      "Wait until this message or event (e.g. EVT::RELOAD_SUCCESSFUL) is logged after the command began; "
+      "prints 'await ID ok' or 'await ID timeout' after the answer");
+  auto* timeoutOption = ctl->add_option("--timeout", optionsM.waitTimeoutMs, "Longest wait of --wait in ms (default 60000)")
+                            ->check(CLI::Range(0ull, 86'400'000ull));
   ctl->add_option("SOCKET", controlSocket, "The socket given to 'nphost run --control'")->required();
-  ctl->add_option("COMMAND", optionsM.command, "The command and its arguments, e.g. update NumberPortability.Reload=TRUE")
+  ctl->add_option("COMMAND", optionsM.command,
+                  "A command of the script grammar and its arguments (search, usable, status, update, probe, await); "
+                  "update takes the plug-in's keys bare, e.g. update Reload ReuseOnFailure=FALSE")
       ->required()
       ->expected(-1);
+  ctl->footer("Examples:\n"
+              "  nphost ctl /tmp/np.sock status\n"
+              "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL /tmp/np.sock update Reload ReuseOnFailure=FALSE\n"
+              "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL --timeout 600000 /tmp/np.sock probe reload FALSE");
   // Arguments of the command may start with '-'; they are not options of ctl.
   ctl->prefix_command();
 
@@ -110,6 +130,8 @@ bool CommandLine::parse(int argc, const char* const* argv) {
     optionsM.controlSocket = controlSocket;
     // prefix_command leaves the words after the first one to remaining().
     for (const std::string& word : ctl->remaining()) optionsM.command.push_back(word);
+    if (*timeoutOption && !*waitOption) return refuse("--timeout is the longest wait of --wait; give --wait too.");
+    if (*waitOption) optionsM.waitFor = waitFor;
     return true;
   }
 

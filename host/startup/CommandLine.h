@@ -28,9 +28,12 @@ public:
     unsigned threads = 0;      // 0: one per core
     char delimiter = ';';
     std::optional<std::string> controlSocket;
+    bool normalize = false;  // event numbers are brought to the stored form before the lookup
 
     // ctl: the socket (in controlSocket) and the command with its arguments
     std::vector<std::string> command;
+    std::optional<std::string> waitFor;      // an identifier the command's work is to log
+    unsigned long long waitTimeoutMs = 60'000;
   };
 
   // True when a subcommand is to run with options(). False when the program ends here with

@@ -62,7 +62,10 @@ bool HostSession::setUpLog(std::ostream& err) {
                      fmt::format("cannot open the log file '{}' for appending: {}.", path, std::strerror(errno)));
     return false;
   }
-  log.addSink(sink);
+  // The log's lines and the run's progress line share a terminal; the progress line's sink
+  // keeps them apart.
+  progressLineM = std::make_shared<ProgressLine>(sink, path == "-");
+  log.addSink(progressLineM);
   logFileM = sink;
   logPathM = path;
   countsM = std::make_shared<CountingLogSink>();

@@ -6,10 +6,13 @@
 #pragma once
 
 #include "host/common/CountingLogSink.h"
+#include "host/common/ProgressLine.h"
 #include "host/startup/CommandLine.h"
 #include "host/startup/PluginLibrary.h"
 #include "host/startup/RegistryFile.h"
 
+#include <atomic>
+#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -65,6 +68,9 @@ public:
   PLG::DataPlugIn& plugIn() { return *plugInM; }
   DAT::NumberPortability::PortabilityLookup& lookup() { return *lookupM; }
   CountingLogSink& counts() { return *countsM; }
+  ProgressLine& progressLine() { return *progressLineM; }
+  // Every lookup this process made: event records and "search" commands.
+  std::atomic<std::uint64_t>& lookupsServed() { return lookupsServedM; }
   BAS::Log& log();
   // Reopens a log file by its name (after log rotation moved it away); nothing for standard
   // error. When it cannot, says so on `err` and the log goes on into the file held before.
@@ -89,6 +95,10 @@ private:
   std::shared_ptr<CountingLogSink> countsM;
   std::shared_ptr<BAS::FileLogSink> logFileM;
   std::string logPathM;  // as the options or the registry name it; "-" for standard error
+  std::shared_ptr<ProgressLine> progressLineM;
+  // Atomic, so no lock: added to by the lookup threads a batch at a time and by the command
+  // thread, read by "status"; a count for people, so relaxed order suffices.
+  std::atomic<std::uint64_t> lookupsServedM{0};
   std::unique_ptr<PLG::DataPlugIn> plugInM;
   DAT::NumberPortability::PortabilityLookup* lookupM = nullptr;  // owned by plugInM
   bool startedM = false;

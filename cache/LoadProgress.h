@@ -1,0 +1,43 @@
+// DAT::NumberPortability::LoadProgress tells how far the load, reload or delta load in progress
+// has read its file, and how many data lines it took and rejected (once none runs: the last one).
+// The cache manager's operation in progress writes it once per batch of lines; the plug-in reads
+// it for a host's status and progress display, from any thread, while the load runs.
+// Thread contract: one writer at a time (operations never overlap); readers in any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace DAT::NumberPortability {
+
+struct LoadProgress {
+  // No lock for any field: each is a relaxed atomic that a reader takes on its own, for a
+  // display. A reader may see two fields a batch apart, never a torn value; the loader pays
+  // one store per field and batch, not per line.
+  std::atomic<bool> loadingM{false};          // an operation is reading its file
+  std::atomic<std::uint64_t> fileBytesM{0};   // size of that file; 0 when not known
+  std::atomic<std::uint64_t> bytesReadM{0};   // of it, read so far
+  std::atomic<std::uint64_t> linesReadM{0};   // data lines read so far
+  std::atomic<std::uint64_t> linesTakenM{0};  // of them, read into a record (duplicates included)
+  std::atomic<std::uint64_t> linesRejectedM{0};
+
+  // Starts the figures of an operation that reads a file of `fileBytes` bytes.
+  void begin(std::uint64_t fileBytes) {
+    linesReadM.store(0, std::memory_order_relaxed);
+    linesTakenM.store(0, std::memory_order_relaxed);
+    linesRejectedM.store(0, std::memory_order_relaxed);
+    bytesReadM.store(0, std::memory_order_relaxed);
+    fileBytesM.store(fileBytes, std::memory_order_relaxed);
+    loadingM.store(true, std::memory_order_relaxed);
+  }
+  // Adds one batch of lines, read up to byte `bytesRead` of the file.
+  void addBatch(std::uint64_t taken, std::uint64_t rejected, std::uint64_t bytesRead) {
+    linesTakenM.fetch_add(taken, std::memory_order_relaxed);
+    linesRejectedM.fetch_add(rejected, std::memory_order_relaxed);
+    linesReadM.fetch_add(taken + rejected, std::memory_order_relaxed);
+    bytesReadM.store(bytesRead, std::memory_order_relaxed);
+  }
+  void end() { loadingM.store(false, std::memory_order_relaxed); }
+};
+
+}  // namespace DAT::NumberPortability
