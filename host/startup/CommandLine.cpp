@@ -24,6 +24,19 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   CLI::App app{"Loads a data plug-in named in a registry file and drives it.", "nphost"};
   app.set_version_flag("--version", std::string("nphost ") + NP_VERSION);
   app.require_subcommand(1);
+  app.footer(
+      "The data file (the registry's FileName, a delta file): one record per line, three fields separated by blanks\n"
+      "or tabs: NUMBER VALID-FROM OPERATOR, e.g. '+4930123456  20230301000000  D052' (VALID-FROM as YYYYMMDDHHMMSS,\n"
+      "UTC). No header, no comments: every line is a record, and the last line needs its line end. 'nphost check'\n"
+      "shows what a load would skip. File names (FileName, delta and print files, --input, --output, --log) are\n"
+      "relative to the working folder.\n"
+      "Reloads: with ReuseOnFailure=TRUE, the default, a reload whose last line is rejected or whose file is empty\n"
+      "still replaces the data with whatever was read; ReuseOnFailure=FALSE keeps the old data then.\n"
+      "Signals (run): SIGINT or SIGTERM ends the run after writing the records read (status 0); a second one ends\n"
+      "it at once (128 + signal); SIGHUP reopens the log file.\n"
+      "Exit status: 0 done; 1 bad command line or registry file, unreadable input or unwritable output (ctl: a\n"
+      "failed answer; check: a rejected or suspicious line); 2 plug-in library or entry point not found (check: the\n"
+      "registry, library or data file cannot be used); 3 the plug-in object is not valid or did not start.");
 
   std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket;
   struct Shared {
@@ -82,10 +95,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
                                         "Where bare library names are looked up (overrides Framework.PluginDirectory)");
 
   CLI::App* ctl = app.add_subcommand(
-      "ctl",
-      "Send one command to the control socket of a running 'nphost run' and print the answer. Exit status 1 when "
-      "the answer starts with 'error', is 'update result=false ...' or '... taken=false', is 'probe NAME "
-      "result=false', or the wait timed out; also when the socket cannot be reached");
+      "ctl", "Send one command to the control socket of a running 'nphost run' and print the answer");
   std::string waitFor;
   auto* waitOption = ctl->add_option(
       "--wait", waitFor,
@@ -99,7 +109,9 @@ bool CommandLine::parse(int argc, const char* const* argv) {
                   "update takes the plug-in's keys bare, e.g. update Reload ReuseOnFailure=FALSE")
       ->required()
       ->expected(-1);
-  ctl->footer("Examples:\n"
+  ctl->footer("Exit status 1 when the answer starts with 'error', is 'update result=false ...' or '... taken=false',\n"
+              "is 'probe NAME result=false', or the wait timed out; also when the socket cannot be reached.\n"
+              "Examples:\n"
               "  nphost ctl /tmp/np.sock status\n"
               "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL /tmp/np.sock update Reload ReuseOnFailure=FALSE\n"
               "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL --timeout 600000 /tmp/np.sock probe reload FALSE");
