@@ -1,5 +1,6 @@
 // Records, histories and the portability tree: the answers of the search methods, the insert
 // rules, the batched walks against single ones, and the dump's order and format.
+#include "store/NumberPortabilityList.h"
 #include "store/NumberPortabilityTree.h"
 
 #include <gtest/gtest.h>

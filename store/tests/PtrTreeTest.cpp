@@ -129,10 +129,10 @@ TEST(HistoryArena, ReusesReleasedArraysByLengthOnly) {
   HistoryArena arena;
   auto* const two = arena.allocate(2);
   auto* const three = arena.allocate(3);
-  arena.release(two, 2);
+  arena.release(two);
   EXPECT_NE(arena.allocate(3), two);
   EXPECT_EQ(arena.allocate(2), two);
-  arena.release(three, 3);
+  arena.release(three);
   EXPECT_EQ(arena.allocate(3), three);
 }
 
