@@ -5,6 +5,7 @@
 // tree owns; anyone may read them. No synchronisation: reads may run concurrently, changes alone.
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstdint>
 
@@ -28,10 +29,8 @@ public:
   bool hasChildren() const noexcept { return digitsM != 0; }
   bool hasChild(int digit) const noexcept { return (digitsM >> digit & 1u) != 0; }
   // The position of the child for `digit` among this node's children, which must exist.
-  unsigned childRank(int digit) const noexcept {
-    return static_cast<unsigned>(std::popcount(static_cast<unsigned>(digitsM) & ((1u << digit) - 1u)));
-  }
-  unsigned childCount() const noexcept { return static_cast<unsigned>(std::popcount(static_cast<unsigned>(digitsM))); }
+  unsigned childRank(int digit) const noexcept { return bitCount(digitsM & ((1u << digit) - 1u)); }
+  unsigned childCount() const noexcept { return bitCount(digitsM); }
 
 private:
   // The trie and its walks, which read and link nodes on the hot paths without accessors.
@@ -43,6 +42,15 @@ private:
   friend class PtrTreeKeyOrderWalk;
   template <class>
   friend class PtrTreeWalker;
+
+  // Without a population-count instruction in the base instruction set, std::popcount is a
+  // library call; a table of 256 counts stays in the first-level cache and takes two loads.
+  static constexpr std::array<std::uint8_t, 256> BIT_COUNT = [] {
+    std::array<std::uint8_t, 256> counts{};
+    for (unsigned i = 0; i < 256; ++i) counts[i] = static_cast<std::uint8_t>(std::popcount(i));
+    return counts;
+  }();
+  static unsigned bitCount(unsigned bits) noexcept { return BIT_COUNT[bits & 0xFFu] + BIT_COUNT[bits >> 8 & 0xFFu]; }
 
   std::uint32_t childrenM = 0;  // index of the first child in the tree's node array; 0 (the root) when none
   std::uint16_t digitsM = 0;    // bit d set: there is a child for digit d
