@@ -136,7 +136,10 @@ TEST(NumberPortabilityTree, SearchMethodsInsertRulesDumpAndCopy) {
   tree.clearAndDestroy();
   EXPECT_EQ(find(tree, "0049301234", "20230101000000", Tree::BEST_MATCH) + dump(tree) + std::to_string(tree.recordCount()), "-0");
   ASSERT_TRUE(tree.insert("0033", record("20100101000000", "OPF"), true));
+  ASSERT_TRUE(tree.insert("004930", record("20160101000000", "OPG"), true));
   EXPECT_EQ(find(tree, "00331", "20230101000000", Tree::BEST_MATCH), "OPF");
+  // The copy shares nothing with the tree it was made from, which was emptied and refilled.
+  EXPECT_EQ(dump(copy) + find(copy, "0049301", "20230101000000", Tree::BEST_MATCH), lines + "OPB");
 }
 
 TEST(NumberPortabilityTree, BestMatchFallsBackThroughMorePrefixesThanItsInlineRoom) {
@@ -161,7 +164,12 @@ TEST(NumberPortabilityTree, BatchedWalksAnswerAsSingleOnesAndTheDumpIsInKeyOrder
     for (std::uint64_t digits = random() % 10; digits != 0; --digits) number += static_cast<char>('0' + random() % 10);
     return number;
   };
-  const auto randomDate = [&random] { return std::to_string(1950 + random() % 70) + "0101000000"; };
+  // Years 1 and 9999 too: the ends of what a stored record's date must hold.
+  const auto randomDate = [&random] {
+    const std::uint64_t pick = random() % 100;
+    return pick == 0 ? std::string("00010101000000") : pick == 1 ? std::string("99991231235959")
+                                                                 : std::to_string(1950 + random() % 70) + "0101000000";
+  };
   std::vector<std::string> numbers;
   std::vector<NumberPortabilityData> records;
   std::map<std::string, std::map<std::string, std::string, std::greater<>>> expected;  // number, date, operator
@@ -174,7 +182,9 @@ TEST(NumberPortabilityTree, BatchedWalksAnswerAsSingleOnesAndTheDumpIsInKeyOrder
   add("123", "20210101000000", "B");
   add("+-", "20200101000000", "X");
   add("123", "20200101000000", "C");
-  for (int i = 0; i < 60000; ++i) add(randomNumber(5), randomDate(), std::string(i % 3 == 0 ? 30 : 1, 'L') + std::to_string(i % 97));
+  // Over a thousand distinct operators, some too long to sit inline, so that an operator index
+  // cut to a byte or a text copied badly shows in the dump.
+  for (int i = 0; i < 60000; ++i) add(randomNumber(5), randomDate(), std::string(i % 3 == 0 ? 30 : 1, 'L') + std::to_string(i % 997));
   const std::vector<std::string_view> views(numbers.begin(), numbers.end());
   Tree single, many;
   std::string singleAccepted;

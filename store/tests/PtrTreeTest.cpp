@@ -70,6 +70,38 @@ TEST(PtrTree, AgreesWithASortedMapOnRandomKeysAndDumpsInItsOrder) {
   }
 }
 
+// A copy answers as the tree did when it was copied, whatever the tree does afterwards; the
+// tree goes on growing in the copied node array's free places.
+TEST(PtrTree, CopyAnswersAsTheOriginalDidAndSharesNothingWithIt) {
+  std::mt19937 random(99);
+  const auto randomKey = [&random] { return std::to_string(random() % 4000); };
+  Tree tree(10);
+  std::map<std::string, std::string> reference;
+  const auto fill = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const std::string key = randomKey();
+      if (reference.emplace(key, key).second) tree.insert(BAS::String(key), new Tag(key));
+    }
+  };
+  fill(1500);
+  Tree copy(10);
+  copy.insert("999999", new Tag("stale"));
+  copy.copyFrom(tree, [](const Tag* tag) { return new Tag(tag->name); });
+  const std::map<std::string, std::string> copied = reference;
+  const std::size_t nodesAtCopy = tree.nodeCount();
+  fill(1500);
+  for (const std::string key : {"1", "12", "123", "1234", "3999", "40000", "999999"}) {
+    const auto found = copied.find(key);
+    EXPECT_EQ(nameOf(copy.search(BAS::String(key), true)), found != copied.end() ? found->second : "null") << key;
+  }
+  std::string dump;
+  for (const auto& [key, name] : copied) dump += key + '=' + name + '\n';
+  std::ostringstream out;
+  copy.printTree(out);
+  EXPECT_EQ(out.str(), dump);
+  EXPECT_EQ(copy.nodeCount(), nodesAtCopy);
+}
+
 TEST(PtrTree, ReadsTheDigitsOfItsRadixOnlyAndPrintsHexUpperCase) {
   struct Case {
     int radix;
