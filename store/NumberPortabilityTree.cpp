@@ -28,15 +28,17 @@ bool NumberPortabilityTree::insert(const BAS::String& number, const NumberPortab
 
 void NumberPortabilityTree::insertMany(const std::string_view* numbers, const NumberPortabilityData* records,
                                        std::size_t count, bool ordered, bool* accepted) {
+  StoredHistory** slots[batchCM];
   for (std::size_t first = 0; first < count; first += batchCM) {
     const std::size_t batch = std::min(count - first, batchCM);
-    // The paths and histories of the whole batch are fetched together; the inserts then walk
-    // them again one by one, in order, since a number may come twice in one batch and the
-    // first of two equal dates must win, and since a new child moves its siblings.
-    ptrTreeM.prefetchPaths(numbers + first, batch);
+    ptrTreeM.payloadSlots(numbers + first, batch, slots);
+    // The histories are fetched for the whole batch before any is changed.
     for (std::size_t i = 0; i < batch; ++i) {
-      StoredHistory** const slot = ptrTreeM.payloadSlot(numbers[first + i]);
-      accepted[first + i] = slot != nullptr && addToHistory(slot, records[first + i], ordered);
+      if (slots[i] != nullptr && *slots[i] != nullptr) __builtin_prefetch(*slots[i]);
+    }
+    // In order: a number may come twice in one batch, and the first of two equal dates must win.
+    for (std::size_t i = 0; i < batch; ++i) {
+      accepted[first + i] = slots[i] != nullptr && addToHistory(slots[i], records[first + i], ordered);
     }
   }
 }

@@ -91,11 +91,13 @@ public:
     return digitRead ? &nodesM[node].dataM : nullptr;
   }
 
-  // Asks the processor for the nodes on the paths of several keys and for the payloads at
-  // their ends, walking them together a level at a time, so that the inserts that follow find
-  // them in the cache instead of waiting for each in turn. Changes nothing.
-  void prefetchPaths(const std::string_view* keys, std::size_t count) const {
-    PtrTreeBatchWalk<T, Release>::prefetchPaths(*this, keys, count);
+  // payloadSlot for several keys at once: slots[i] for keys[i], each valid until the next
+  // insert. The walks advance together, one level at a time, and each reads the next node of
+  // its path only after asking the processor to fetch it, so the cache misses of all the walks
+  // overlap instead of following one another. Keys may share paths or be equal. Out of memory
+  // propagates; what was linked in before stays.
+  void payloadSlots(const std::string_view* keys, std::size_t count, T** slots[]) {
+    PtrTreeBatchWalk<T, Release>::payloadSlots(*this, keys, count, slots);
   }
 
   // exact true: the payload stored for exactly `key`. exact false: the payload of the shortest
