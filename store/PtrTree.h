@@ -260,10 +260,8 @@ private:
     std::size_t capacity = std::max(capacityM * 2, firstCapacityCM);
     while (capacity < count) capacity *= 2;
     capacity = std::min<std::size_t>(capacity, std::size_t{std::numeric_limits<std::uint32_t>::max()} + 1);
-    Node* const nodes = static_cast<Node*>(BAS::LargeBlock::allocate(capacity * sizeof(Node), capacity > hugePageCapacityCM));
-    if (usedM != 0) std::memcpy(static_cast<void*>(nodes), nodesM, std::size_t{usedM} * sizeof(Node));
-    BAS::LargeBlock::release(nodesM, capacityM * sizeof(Node));
-    nodesM = nodes;
+    nodesM = static_cast<Node*>(
+        BAS::LargeBlock::resize(nodesM, capacityM * sizeof(Node), capacity * sizeof(Node), capacity > hugePageCapacityCM));
     capacityM = capacity;
   }
 
