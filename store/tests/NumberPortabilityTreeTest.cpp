@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -150,6 +151,27 @@ TEST(NumberPortabilityTree, BestMatchFallsBackThroughMorePrefixesThanItsInlineRo
     ASSERT_TRUE(tree.insert(BAS::String(number), record(std::to_string(2000 + length) + "0101000000", "P" + std::to_string(length)), true));
   }
   EXPECT_EQ(find(tree, number, "20010601000000", Tree::BEST_MATCH) + find(tree, number, "20300601000000", Tree::BEST_MATCH), "P1P30");
+}
+
+// A number ported more often than the arena keeps pooled lengths for: its history moves through
+// blocks of every length, pooled and not, and stays newest first; emptying the tree gives them
+// all back, and the tree fills again.
+TEST(NumberPortabilityTree, LongHistoriesStayOrderedThroughEveryBlockLength) {
+  Tree tree;
+  std::mt19937 random(3);
+  std::vector<int> years(60);
+  for (int round = 0; round < 2; ++round) {
+    for (std::size_t i = 0; i < years.size(); ++i) years[i] = 1960 + static_cast<int>(i);
+    std::shuffle(years.begin(), years.end(), random);
+    for (const int year : years) ASSERT_TRUE(tree.insert("004930", record(std::to_string(year) + "0601000000", "Y" + std::to_string(year)), true));
+    ASSERT_TRUE(tree.insert("0049301", record("20000101000000", "SHORT"), true));
+    std::string expected;
+    for (int year = 2019; year >= 1960; --year) expected += "004930  " + std::to_string(year) + "0601000000  Y" + std::to_string(year) + "\n";
+    EXPECT_EQ(dump(tree), expected + "0049301  20000101000000  SHORT\n");
+    EXPECT_EQ(find(tree, "0049309", "19990101000000", Tree::BEST_MATCH) + find(tree, "0049301", "19990101000000", Tree::BEST_MATCH),
+              "Y1998Y1998");
+    tree.clearAndDestroy();
+  }
 }
 
 // Numbers from a few short blocks, so that keys share paths, end above and below stored

@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace PBC {
@@ -40,33 +41,38 @@ std::string answers(const Tree& tree, const std::string& key) {
   return text + '|' + out.str();
 }
 
-// Keys of few distinct digits share many prefixes; the reference is a sorted map.
+// Keys of few distinct digits share many prefixes; the reference is a sorted map. The digits
+// are taken from both ends of the radix, so that every position of a node's digit set, and a
+// group of children as large as the radix, is used.
 TEST(PtrTree, AgreesWithASortedMapOnRandomKeysAndDumpsInItsOrder) {
-  std::mt19937 random(20240607);
-  const auto randomKey = [&random] {
-    std::string key(static_cast<std::size_t>(std::uniform_int_distribution<int>(1, 7)(random)), '0');
-    for (char& c : key) c = static_cast<char>(std::uniform_int_distribution<int>('0', '3')(random));
-    return key;
-  };
-  Tree tree(10);
-  std::map<std::string, std::string> reference;
-  for (int i = 0; i < 800; ++i) {
-    const std::string key = randomKey();
-    if (reference.emplace(key, "v" + std::to_string(i)).second) tree.insert(BAS::String(key), new Tag("v" + std::to_string(i)));
-  }
-  std::string dump;
-  for (const auto& [key, name] : reference) dump += key + '=' + name + '\n';
-  for (int i = 0; i < 3000; ++i) {
-    const std::string key = randomKey();
-    std::string shortest = "null", all;
-    for (std::size_t n = 1; n <= key.size(); ++n) {
-      const auto found = reference.find(key.substr(0, n));
-      if (found == reference.end()) continue;
-      if (all.empty()) shortest = found->second;
-      all += found->second + ',';
+  for (const auto& [radix, digits] : std::vector<std::pair<int, std::string>>{{10, "0123"}, {10, "0189"}, {16, "07AF"}}) {
+    SCOPED_TRACE(digits);
+    std::mt19937 random(20240607);
+    const auto randomKey = [&random, &digits = digits] {
+      std::string key(static_cast<std::size_t>(std::uniform_int_distribution<int>(1, 7)(random)), '0');
+      for (char& c : key) c = digits[std::uniform_int_distribution<std::size_t>(0, digits.size() - 1)(random)];
+      return key;
+    };
+    Tree tree(radix);
+    std::map<std::string, std::string> reference;
+    for (int i = 0; i < 800; ++i) {
+      const std::string key = randomKey();
+      if (reference.emplace(key, "v" + std::to_string(i)).second) tree.insert(BAS::String(key), new Tag("v" + std::to_string(i)));
     }
-    const auto exact = reference.find(key);
-    ASSERT_EQ(answers(tree, key), (exact != reference.end() ? exact->second : "null") + '|' + shortest + '|' + all + '|' + dump) << key;
+    std::string dump;
+    for (const auto& [key, name] : reference) dump += key + '=' + name + '\n';
+    for (int i = 0; i < 3000; ++i) {
+      const std::string key = randomKey();
+      std::string shortest = "null", all;
+      for (std::size_t n = 1; n <= key.size(); ++n) {
+        const auto found = reference.find(key.substr(0, n));
+        if (found == reference.end()) continue;
+        if (all.empty()) shortest = found->second;
+        all += found->second + ',';
+      }
+      const auto exact = reference.find(key);
+      ASSERT_EQ(answers(tree, key), (exact != reference.end() ? exact->second : "null") + '|' + shortest + '|' + all + '|' + dump) << key;
+    }
   }
 }
 
