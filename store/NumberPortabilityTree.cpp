@@ -110,8 +110,8 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
   std::size_t nextWritten = 0;  // the next piece to write
   std::size_t heldBytes = 0;    // in the texts of pieces taken but not yet written
 
-  // A history found by a walker is formatted two turns later: one turn for the history object
-  // to arrive, one for its records.
+  // A history found by a walker is formatted two turns later: one turn for its count and first
+  // records to arrive, one for the rest of its records.
   struct Found {
     const StoredHistory* list = nullptr;
     std::string key;
@@ -120,7 +120,7 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
     Trie::Walker walker;
     std::size_t piece = 0;
     bool busy = false;
-    Found found[2];      // [0] waits for its records, [1] for its history object
+    Found found[2];      // [0] waits for the rest of its records, [1] for its first line
     bool holding[2] = {false, false};
   };
   std::vector<Lane> lanes(printLanesCM);

@@ -112,7 +112,9 @@ public:
   void clearAndDestroy();
 
   // Makes this tree hold exactly the records of `other`, histories in the same order, and the
-  // same record count. `other` must not be changed meanwhile.
+  // same record count: a copy of the node array and of each history, without walking the trie
+  // or inserting anything, so a loader builds one tree and copies it. `other` must not be
+  // changed meanwhile. Out of memory propagates; this tree is then empty.
   void copyFrom(const NumberPortabilityTree& other);
 
   // Writes every record as a data-file line (number, 14-digit UTC date, operator), numbers in

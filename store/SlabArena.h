@@ -1,5 +1,5 @@
 // PBC::SlabArena hands out blocks carved one after another from large slabs that it owns. The
-// trie takes its nodes and slot arrays from one, the portability tree its histories. Blocks
+// portability tree's HistoryArena takes its history blocks from one. Blocks
 // are never returned one by one: reset() takes them all back at once and keeps the slabs, so a
 // tree that is emptied and filled again neither frees millions of blocks nor faults fresh
 // pages in. Slabs come from BAS::LargeBlock; an arena that has grown past a few slabs asks for
