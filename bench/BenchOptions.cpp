@@ -14,6 +14,8 @@ std::optional<int> BenchOptions::parse(int argc, char** argv, BenchOptions& opti
   app.add_option("--work-dir", options.workDirM, "Folder for the generated files (default: a new temporary folder)");
   app.add_flag("--sparse", options.sparseM, "Uniform numbers instead of number blocks");
   app.add_flag("--keep-data", options.keepDataM, "Leave the generated files in place");
+  app.add_flag("--no-reference", options.noReferenceM,
+               "Build no reference trie (for data sets too large for it beside the store); ratios to it are not measured");
   app.add_option("--npgen", options.npgenM, "The data generator to run");
   app.add_option("--nphost", options.nphostM, "The host program to run end to end");
   app.add_option("--events", options.eventsM, "Lookup events to generate (default: records, at most 1000000)");

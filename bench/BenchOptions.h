@@ -16,6 +16,7 @@ struct BenchOptions {
   std::string workDirM;
   bool sparseM = false;
   bool keepDataM = false;
+  bool noReferenceM = false;  // no reference trie: no comparison, no cross-check
   std::string npgenM = NPBENCH_NPGEN;
   std::string nphostM = NPBENCH_NPHOST;
   std::uint64_t eventsM = 0;  // 0: as many as records, at most a million

@@ -23,7 +23,8 @@
 namespace Bench {
 
 namespace fs = std::filesystem;
-using DAT::NumberPortability::NumberPortabilityList;
+using DAT::NumberPortability::StoredHistory;
+using DAT::NumberPortability::StoredRecord;
 using DAT::NumberPortability::PlugIn;
 
 namespace {
@@ -134,16 +135,16 @@ void BenchRun::printSizes() {
   const std::size_t refChildArray = ReferenceTrie::radixCM * sizeof(RefNode*);
   TextTable sizes("Sizes (bytes, from sizeof)", {"object", "store", "reference trie"});
   sizes.addRow({"trie node", std::to_string(sizeof(StoreNode)), std::to_string(sizeof(RefNode))});
-  sizes.addRow({"child slots of a node", fmt::format("{} (inner nodes only)", slotArrayCM),
+  sizes.addRow({"child slots of a node", "none (children side by side, a digit set in the node)",
                 fmt::format("{} (every node)", refChildArray)});
-  sizes.addRow({"history of a number", std::to_string(sizeof(NumberPortabilityList)),
+  sizes.addRow({"history of a number", fmt::format("{} (a count before its records)", sizeof(StoredHistory)),
                 std::to_string(sizeof(ReferenceTrie::History))});
-  sizes.addRow({"record", std::to_string(sizeof(NumberPortabilityData)), std::to_string(sizeof(ReferenceTrie::Record))});
+  sizes.addRow({"record", fmt::format("{} (operator text once per tree)", sizeof(StoredRecord)),
+                std::to_string(sizeof(ReferenceTrie::Record))});
   sizes.print(outM);
   reportM["sizes"] = Json{{"store_node", sizeof(StoreNode)},
-                          {"store_slot_array", slotArrayCM},
-                          {"store_history", sizeof(NumberPortabilityList)},
-                          {"store_record", sizeof(NumberPortabilityData)},
+                          {"store_history", sizeof(StoredHistory)},
+                          {"store_record", sizeof(StoredRecord)},
                           {"reference_node", sizeof(RefNode)},
                           {"reference_child_array", refChildArray},
                           {"reference_history", sizeof(ReferenceTrie::History)},

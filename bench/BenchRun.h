@@ -17,7 +17,8 @@
 #include "BAS/String.h"
 #include "cache/CacheManager.h"
 #include "plugin/NumberPortabilityPlugIn.h"
-#include "store/NumberPortabilityList.h"
+#include "store/StoredHistory.h"
+#include "store/StoredRecord.h"
 #include "store/NumberPortabilityTree.h"
 #include "store/PtrTreeNode.h"
 
@@ -46,11 +47,10 @@ public:
 
 private:
   using Json = nlohmann::ordered_json;
-  using StoreNode = PBC::PtrTreeNode<DAT::NumberPortability::NumberPortabilityList>;
+  using StoreNode = PBC::PtrTreeNode<DAT::NumberPortability::StoredHistory>;
 
   static constexpr const char* plugInNameCM = "NumberPortability";
   static constexpr const char* methodNamesCM[] = {"BEST_MATCH", "EXACT_MATCH", "ANY_PREFIX_MATCH"};
-  static constexpr std::size_t slotArrayCM = 10 * sizeof(StoreNode*);
   // Numbers a PlugIn::searchMany call gets, as nphost looks them up.
   static constexpr std::size_t batchCM = 64;
 
@@ -71,6 +71,7 @@ private:
   void removeData();
   // BenchRunLoading.cpp: 1 parsing, 3 the reference trie, 2 init, and the cross-check.
   bool measureLoading();
+  void classifyByStore();
   void crossCheck();
   // BenchRunLookups.cpp: 4 lookup rates and the batched rate.
   void measureLookups();
@@ -121,6 +122,7 @@ private:
   double initPerRecordM = 0;
   double refPerRecordM = 0;
   double refLookupRateM = 0;
+  double refRateM = 0;  // lines per second into the reference trie (one tree)
   std::uint32_t treeRecordsM = 0;
   std::size_t disagreementsM = 0;
   double lockedBest1M = 0;

@@ -70,7 +70,9 @@ void BenchRun::measureLookups() {
     }
   }
   lookupTable.print(outM);
-  outM << "  (reference trie, BEST_MATCH, mixed, 1 thread, no lock: " << rateText(refLookupRateM) << ")\n";
+  if (!optionsM.noReferenceM) {
+    outM << "  (reference trie, BEST_MATCH, mixed, 1 thread, no lock: " << rateText(refLookupRateM) << ")\n";
+  }
   reportM["lookups"] = lookupJson;
   const double batched = batchedRate();
   outM << "  (PlugIn::searchMany, BEST_MATCH, mixed, 1 thread, " << batchCM << " numbers a call as nphost looks them up: "

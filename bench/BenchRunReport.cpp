@@ -38,7 +38,13 @@ void BenchRun::reportTargets() {
   const double idle999 = static_cast<double>(idleM.percentile(0.999));
   std::vector<Target> targets = {
       {"init rate / parse rate", initRateM / parseRateM, true, 0.1, ""},
-      {"memory per record, both trees / reference two trees", initPerRecordM / (2 * refPerRecordM), false, 0.6, ""},
+      {"memory per record, both trees / reference two trees",
+       refPerRecordM > 0 ? std::optional<double>(initPerRecordM / (2 * refPerRecordM)) : std::nullopt, false,
+       optionsM.sparseM ? 0.30 : 0.18, ""},
+      {"locked search 1 thread / reference trie search (BEST_MATCH, mixed)",
+       refLookupRateM > 0 ? std::optional<double>(lockedBest1M / refLookupRateM) : std::nullopt, true, 2.0, ""},
+      {"init rate, both trees / reference trie rate, one tree",
+       refRateM > 0 ? std::optional<double>(initRateM / refRateM) : std::nullopt, true, 6.0, ""},
       {"locked / bare search, 1 thread (BEST_MATCH, mixed)", bareBest1M > 0 ? lockedBest1M / bareBest1M : 0.0, true, 0.9, ""},
       {"locked search 2 threads / 1 thread (BEST_MATCH, mixed)",
        optionsM.threadsMaxM >= 2 ? std::optional<double>(lockedBest2M / lockedBest1M) : std::nullopt, true, 1.8, ""},

@@ -87,11 +87,12 @@ void CacheManager::reportDuplicate(unsigned long lineNumber, const BAS::String& 
                          record.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC)});
 }
 
-bool CacheManager::batchLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader,
-                             NumberPortabilityTree* first, NumberPortabilityTree* second) {
+bool CacheManager::batchLine(const BAS::String& line, unsigned long lineNumber, std::size_t kept,
+                             const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
   LineBatch& batch = batchM;
   const std::size_t index = batch.linesM++;
   batch.lineNumbersM[index] = lineNumber;
+  batch.keptM[index] = kept;
   const std::size_t parsed = batch.parsedM;
   const bool good = parseLine(line, lineNumber, reader, 0, batch.numbersM[parsed], batch.recordsM[parsed]);
   if (good) {
@@ -102,34 +103,40 @@ bool CacheManager::batchLine(const BAS::String& line, unsigned long lineNumber, 
     batch.parsedIndexM[index] = batchCM;
     batch.rejectedM[index] = line;
   }
-  if (batch.linesM == batchCM) flushBatch(reader, first, second);
+  if (batch.linesM == batchCM) flushBatch(reader, tree, reports);
   return good;
 }
 
-void CacheManager::flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* first,
-                              NumberPortabilityTree* second) {
+void CacheManager::flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
   LineBatch& batch = batchM;
-  if (!secondPassM && batch.linesM > 0) {
-    // Once per batch, so that a display reading the figures costs the loader nothing per line.
-    const long position = reader.stream() != nullptr ? std::ftell(reader.stream()) : -1;
-    progressM.addBatch(batch.parsedM, batch.linesM - batch.parsedM,
-                       position >= 0 ? static_cast<std::uint64_t>(position) : progressM.bytesReadM.load(std::memory_order_relaxed));
-  }
-  first->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.firstAcceptedM);
-  if (second != nullptr) second->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.secondAcceptedM);
-  const int trees = second != nullptr ? 2 : 1;
+  tree->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.acceptedM);
+  std::size_t taken = 0;  // lines whose record the tree kept
   for (std::size_t i = 0; i < batch.linesM; ++i) {
     const unsigned long lineNumber = batch.lineNumbersM[i];
     const std::size_t parsed = batch.parsedIndexM[i];
     if (parsed == batchCM) {
       // Parsed again only to report it, now that the lines before it have had their messages.
-      parseLine(batch.rejectedM[i], lineNumber, reader, trees, numberM, recordM);
+      parseLine(batch.rejectedM[i], lineNumber, reader, reports, numberM, recordM);
+      if (flaggedM != nullptr) flaggedM->push_back(FlaggedLine{batch.keptM[i], true, batch.rejectedM[i], {}});
       continue;
     }
-    if (!batch.firstAcceptedM[parsed]) reportDuplicate(lineNumber, batch.numbersM[parsed], batch.recordsM[parsed], reader);
-    if (second != nullptr && !batch.secondAcceptedM[parsed]) {
+    if (batch.acceptedM[parsed]) {
+      ++taken;
+      continue;
+    }
+    for (int report = 0; report < reports; ++report) {
       reportDuplicate(lineNumber, batch.numbersM[parsed], batch.recordsM[parsed], reader);
     }
+    if (flaggedM != nullptr) {
+      flaggedM->push_back(FlaggedLine{batch.keptM[i], false, batch.numbersM[parsed], batch.recordsM[parsed]});
+    }
+  }
+  if (!secondPassM && batch.linesM > 0) {
+    // Once per batch, so that a display reading the figures costs the loader nothing per line.
+    const long position = reader.stream() != nullptr ? std::ftell(reader.stream()) : -1;
+    progressM.addBatch(taken, batch.linesM - taken,
+                       position >= 0 ? static_cast<std::uint64_t>(position)
+                                     : progressM.bytesReadM.load(std::memory_order_relaxed));
   }
   batch.linesM = 0;
   batch.parsedM = 0;
@@ -161,11 +168,14 @@ bool CacheManager::load() {
     lineM = BAS::NULL_STRING;
     const bool delivered = dataFileReaderM.readLine(lineM);
     if (!delivered || atEnd(dataFileReaderM)) break;
-    // Parsed once, inserted into both trees; a rejected line is still reported once per tree.
-    batchLine(lineM, lineNumber, dataFileReaderM, active(), standby());
+    // Parsed and inserted once, and the standby tree made a copy of the active one below; a
+    // rejected line is still reported once per tree.
+    batchLine(lineM, lineNumber, lineNumber - 1, dataFileReaderM, active(), 2);
     ++lineNumber;
   }
-  flushBatch(dataFileReaderM, active(), standby());
+  flushBatch(dataFileReaderM, active(), 2);
+  standby()->copyFrom(*active());
+  standbyStaleM = false;
   if (atEnd(dataFileReaderM)) {
     plugInM->reportStatus("INF_FILE_EOF", BAS::Status::NORMAL, dataFileReaderM.fileName());
     dataFileReaderM.closeFile();
@@ -180,23 +190,27 @@ void CacheManager::exchangeTrees() {
   std::swap(activeTreeM, standbyTreeM);
 }
 
-bool CacheManager::readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reader, KeptLines& kept) {
+bool CacheManager::readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reader, KeptLines* kept,
+                            std::vector<FlaggedLine>* flagged) {
   const ProgressScope progress(progressM, reader);
   bool lastResult = false;
   unsigned long lineNumber = 1;
+  std::size_t processed = 0;
   unsigned failedInRow = 0;
+  flaggedM = flagged;
   while (!atEnd(reader) && failedInRow < maxFailedReadsInRow) {
     lineM = BAS::NULL_STRING;
     const bool delivered = reader.readLine(lineM);
     if (delivered && !atEnd(reader)) {
-      lastResult = batchLine(lineM, lineNumber, reader, tree, nullptr);
-      kept.append(lineM.view());
+      lastResult = batchLine(lineM, lineNumber, processed++, reader, tree, 1);
+      if (kept != nullptr) kept->append(lineM.view());
     }
     // A line that the reader failed to deliver before the end is skipped but still counted.
     failedInRow = delivered ? 0 : failedInRow + 1;
     ++lineNumber;
   }
-  flushBatch(reader, tree, nullptr);
+  flushBatch(reader, tree, 1);
+  flaggedM = nullptr;
   return lastResult;
 }
 
@@ -205,10 +219,20 @@ void CacheManager::insertKeptLines(NumberPortabilityTree* tree, const KeptLines&
   for (std::size_t i = 0; i < lines.size(); ++i) {
     const std::string_view text = lines[i];
     lineM.assign(text.data(), text.size());
-    batchLine(lineM, i + 1, reader, tree, nullptr);
+    batchLine(lineM, i + 1, i, reader, tree, 1);
   }
-  flushBatch(reader, tree, nullptr);
+  flushBatch(reader, tree, 1);
   secondPassM = false;
+}
+
+void CacheManager::reportFlaggedLines(const std::vector<FlaggedLine>& flagged, const STR::FileIoTurbo& reader) {
+  for (const FlaggedLine& line : flagged) {
+    if (line.rejectedM) {
+      parseLine(line.textM, line.keptM + 1, reader, 1, numberM, recordM);
+    } else {
+      reportDuplicate(line.keptM + 1, line.textM, line.recordM, reader);
+    }
+  }
 }
 
 bool CacheManager::cacheReload(const bool& reuseOnFailure) {
@@ -218,9 +242,8 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
 
   NumberPortabilityTree* fresh = standby();
   fresh->clearAndDestroy();
-  KeptLines kept;
-  kept.reserveFor(fileNameM);
-  const bool loadResult = readInto(fresh, dataFileReaderM, kept);
+  std::vector<FlaggedLine> flagged;
+  const bool loadResult = readInto(fresh, dataFileReaderM, nullptr, &flagged);
 
   if (!loadResult && !reuseOnFailure) {
     fresh->clearAndDestroy();
@@ -232,10 +255,10 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
 
   exchangeTrees();
   standbyStaleM = false;
-  NumberPortabilityTree* old = standby();
-  old->clearAndDestroy();
-  insertKeptLines(old, kept, dataFileReaderM);
-  kept.release();
+  // The old tree gets the same records as the fresh one: a copy, and the reports that
+  // inserting the same lines into it would give, in the same order.
+  reportFlaggedLines(flagged, dataFileReaderM);
+  standby()->copyFrom(*active());
 
   if (dataFileReaderM.closeFile()) {
     plugInM->reportStatus("INF_DELETE_OLD_DATA", BAS::Status::NORMAL, plugInM->registeredName());
@@ -260,7 +283,7 @@ bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
 
   KeptLines kept;
   kept.reserveFor(deltaFileName);
-  readInto(standby(), deltaFileReaderM, kept);
+  readInto(standby(), deltaFileReaderM, &kept, nullptr);
 
   exchangeTrees();
   insertKeptLines(standby(), kept, deltaFileReaderM);

@@ -22,6 +22,7 @@
 
 #include <cstddef>
 #include <string_view>
+#include <vector>
 
 namespace DAT::NumberPortability {
 
@@ -87,11 +88,17 @@ private:
   NumberPortabilityTree* active() const NO_THREAD_SAFETY_ANALYSIS { return activeTreeM; }
   NumberPortabilityTree* standby() const NO_THREAD_SAFETY_ANALYSIS { return standbyTreeM; }
   void exchangeTrees();
-  // Reads the rest of the reader's file into `tree` by the reading rule, keeping every
-  // processed line; the result of insertCache for the last processed line (false if none).
-  bool readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reader, KeptLines& kept);
+  // Reads the rest of the reader's file into `tree` by the reading rule; the result of
+  // insertCache for the last processed line (false if none). With `kept`, every processed line
+  // is kept for a second pass; with `flagged`, the lines that gave a report are noted instead.
+  struct FlaggedLine;
+  bool readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reader, KeptLines* kept,
+                std::vector<FlaggedLine>* flagged);
   // Inserts the kept lines into `tree`, numbered from 1, as the second pass of an operation.
   void insertKeptLines(NumberPortabilityTree* tree, const KeptLines& lines, STR::FileIoTurbo& reader);
+  // Reports the flagged lines again, as a second pass over the same lines into an empty tree
+  // would: numbered by their place among the processed lines, in the same order.
+  void reportFlaggedLines(const std::vector<FlaggedLine>& flagged, const STR::FileIoTurbo& reader);
   // Makes the standby tree hold the active tree's records again after a reload that failed
   // without reuse had emptied it.
   void restoreStandby();
@@ -100,16 +107,26 @@ private:
   // it waits in the batch) and gives false.
   bool parseLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader, int reports,
                  BAS::String& number, NumberPortabilityData& record);
-  // Reports that `tree` refused the record of `number` as a duplicate.
+  // Reports that a tree refused the record of `number` as a duplicate.
   void reportDuplicate(unsigned long lineNumber, const BAS::String& number, const NumberPortabilityData& record,
                        const STR::FileIoTurbo& reader);
-  // Parses a line into the batch, which is inserted into `first` and (when not null) `second`
-  // once it is full; the result is what insertCache gives for the line.
-  bool batchLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader,
-                 NumberPortabilityTree* first, NumberPortabilityTree* second);
-  // Inserts the batch into the trees and reports its rejected lines and duplicates, line by
-  // line in file order, each line first for `first` and then for `second`, as single inserts would.
-  void flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* first, NumberPortabilityTree* second);
+  // Parses a line into the batch, which is inserted into `tree` once it is full; the result is
+  // what insertCache gives for the line. `kept` is the line's place among the processed lines.
+  bool batchLine(const BAS::String& line, unsigned long lineNumber, std::size_t kept, const STR::FileIoTurbo& reader,
+                 NumberPortabilityTree* tree, int reports);
+  // Inserts the batch into the tree and reports its rejected lines and duplicates, line by
+  // line in file order, each `reports` times: once per tree that gets (or will get by a copy)
+  // the same lines, as single inserts into each would.
+  void flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports);
+
+  // A processed line that gave a report in the first pass: its place among the processed
+  // lines and what the report needs again (the line if it was rejected, else the duplicate).
+  struct FlaggedLine {
+    std::size_t keptM = 0;
+    bool rejectedM = false;
+    BAS::String textM;  // the line, or the normalised number of the duplicate
+    NumberPortabilityData recordM;
+  };
 
   static constexpr std::size_t batchCM = 64;
 
@@ -119,13 +136,13 @@ private:
     std::size_t linesM = 0;   // lines in the batch
     std::size_t parsedM = 0;  // of them parsed into numbersM and recordsM
     unsigned long lineNumbersM[batchCM] = {};
+    std::size_t keptM[batchCM] = {};  // each line's place among the processed lines
     std::size_t parsedIndexM[batchCM] = {};  // index into numbersM and recordsM, or batchCM for a rejected line
     BAS::String rejectedM[batchCM];          // the text of each rejected line, reported when the batch is inserted
     BAS::String numbersM[batchCM];
     std::string_view numberViewsM[batchCM];
     NumberPortabilityData recordsM[batchCM];
-    bool firstAcceptedM[batchCM] = {};
-    bool secondAcceptedM[batchCM] = {};
+    bool acceptedM[batchCM] = {};
   };
 
   BAS::String fileNameM;
@@ -152,6 +169,7 @@ private:
   BAS::String numberM;            // the normalised number of a line parsed on its own
   NumberPortabilityData recordM;  // the record of a line parsed on its own
   LineBatch batchM;               // lines waiting to be inserted together
+  std::vector<FlaggedLine>* flaggedM = nullptr;  // where flushBatch notes the lines it reported
   bool secondPassM = false;       // the kept lines are inserted again: the figures have them already
   LoadProgress progressM;         // written by the operation in progress only; see its fields
 };

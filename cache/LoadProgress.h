@@ -18,7 +18,7 @@ struct LoadProgress {
   std::atomic<std::uint64_t> fileBytesM{0};   // size of that file; 0 when not known
   std::atomic<std::uint64_t> bytesReadM{0};   // of it, read so far
   std::atomic<std::uint64_t> linesReadM{0};   // data lines read so far
-  std::atomic<std::uint64_t> linesTakenM{0};  // of them, read into a record (duplicates included)
+  std::atomic<std::uint64_t> linesTakenM{0};  // of them, kept as a record (a duplicate counts as rejected)
   std::atomic<std::uint64_t> linesRejectedM{0};
 
   // Starts the figures of an operation that reads a file of `fileBytes` bytes.

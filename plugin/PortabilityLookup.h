@@ -56,7 +56,8 @@ public:
     std::uint64_t fileBytes = 0;    // its size; 0 when not known
     std::uint64_t bytesRead = 0;
     std::uint64_t linesRead = 0;    // data lines
-    std::uint64_t linesTaken = 0;   // of them, read into a record (a duplicate record included)
+    std::uint64_t linesTaken = 0;   // of them, kept as a record
+    // of them, skipped: not three fields, no valid date-time, or a duplicate of an earlier record
     std::uint64_t linesRejected = 0;
   };
   // The figures of the load in progress, or when none runs, of the last one. Never waits.

@@ -1,13 +1,13 @@
-// DAT::NumberPortability::HistoryArena holds the record arrays of one portability tree's
-// histories. A history grows by one record at a time into an array of exactly its length, so
-// the arrays of up to pooledLengthsCM records come from slabs with one free list per length:
-// the array that a growing history leaves behind is taken by the next history of that length.
-// Longer arrays (rare: numbers ported dozens of times) are single heap blocks, linked so that
-// reset() finds them. The owning tree uses it alone; not synchronised.
+// DAT::NumberPortability::HistoryArena holds the history blocks of one portability tree. A
+// history grows by one record at a time into a block of exactly its length, so the blocks of up
+// to pooledLengthsCM records come from slabs with one free list per length: the block that a
+// growing history leaves behind is taken by the next history of that length. Longer blocks
+// (rare: numbers ported dozens of times) are single heap blocks, linked so that reset() finds
+// them. The owning tree uses it alone; not synchronised.
 #pragma once
 
-#include "store/NumberPortabilityData.h"
 #include "store/SlabArena.h"
+#include "store/StoredHistory.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,32 +18,30 @@ class HistoryArena {
 public:
   static constexpr std::uint32_t pooledLengthsCM = 32;
 
-  HistoryArena() = default;
-  ~HistoryArena() { releaseLongArrays(); }
+  HistoryArena() : slabsM(PBC::SlabArena::defaultSlabBytesCM, alignof(StoredHistory)) {}
+  ~HistoryArena() { releaseLongBlocks(); }
   HistoryArena(const HistoryArena&) = delete;
   HistoryArena& operator=(const HistoryArena&) = delete;
 
-  // Uninitialised room for `count` (at least 1) records. Out of memory propagates.
-  NumberPortabilityData* allocate(std::uint32_t count);
-  // Gives back an array that allocate(count) returned; its records must be dead or moved away.
-  void release(NumberPortabilityData* records, std::uint32_t count) noexcept;
-  // Takes back every array at once and keeps the slabs for the next fill.
+  // A history of `count` (at least 1) records whose records are left for the caller to write.
+  // Out of memory propagates.
+  StoredHistory* allocate(std::uint32_t count);
+  // Gives back a history that allocate returned; its records need no clean-up.
+  void release(StoredHistory* history) noexcept;
+  // Takes back every block at once and keeps the slabs for the next fill.
   void reset() noexcept;
 
 private:
-  struct FreeArray {
-    FreeArray* next;
-  };
-  struct LongArray {
-    LongArray* previous;
-    LongArray* next;
+  struct LongBlock {
+    LongBlock* previous;
+    LongBlock* next;
   };
 
-  void releaseLongArrays() noexcept;
+  void releaseLongBlocks() noexcept;
 
   PBC::SlabArena slabsM;
-  FreeArray* freeM[pooledLengthsCM + 1] = {};  // by length; index 0 unused
-  LongArray* longM = nullptr;                  // every array longer than pooledLengthsCM
+  void* freeM[pooledLengthsCM + 1] = {};  // by length; index 0 unused; each block holds its successor
+  LongBlock* longM = nullptr;             // every block longer than pooledLengthsCM
 };
 
 }  // namespace DAT::NumberPortability

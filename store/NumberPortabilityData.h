@@ -1,5 +1,5 @@
 // One portability record: from validFromM on, the number is served by networkOperatorM.
-// Histories (NumberPortabilityList) store them, the loader builds them and lookups hand out
+// The loader builds them, histories store them in a compact form (StoredRecord) and lookups hand out
 // copies. A value type without shared state; records are compared by their date alone.
 #pragma once
 

@@ -1,6 +1,8 @@
 #include "store/NumberPortabilityTree.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <new>
 #include <ostream>
 #include <string>
@@ -20,22 +22,19 @@ void writeLine(std::ostream& out, std::string_view line) { out.write(line.data()
 
 bool NumberPortabilityTree::insert(const BAS::String& number, const NumberPortabilityData& record, bool ordered) {
   // One walk finds the number's node or creates its path.
-  NumberPortabilityList** const slot = ptrTreeM.payloadSlot(number.view());
+  StoredHistory** const slot = ptrTreeM.payloadSlot(number.view());
   return slot != nullptr && addToHistory(slot, record, ordered);
 }
 
 void NumberPortabilityTree::insertMany(const std::string_view* numbers, const NumberPortabilityData* records,
                                        std::size_t count, bool ordered, bool* accepted) {
-  NumberPortabilityList** slots[batchCM];
+  StoredHistory** slots[batchCM];
   for (std::size_t first = 0; first < count; first += batchCM) {
     const std::size_t batch = std::min(count - first, batchCM);
     ptrTreeM.payloadSlots(numbers + first, batch, slots);
-    // The histories and then their arrays are fetched for the whole batch before any is changed.
+    // The histories are fetched for the whole batch before any is changed.
     for (std::size_t i = 0; i < batch; ++i) {
       if (slots[i] != nullptr && *slots[i] != nullptr) __builtin_prefetch(*slots[i]);
-    }
-    for (std::size_t i = 0; i < batch; ++i) {
-      if (slots[i] != nullptr && *slots[i] != nullptr) __builtin_prefetch((*slots[i])->records().data());
     }
     // In order: a number may come twice in one batch, and the first of two equal dates must win.
     for (std::size_t i = 0; i < batch; ++i) {
@@ -44,45 +43,50 @@ void NumberPortabilityTree::insertMany(const std::string_view* numbers, const Nu
   }
 }
 
-bool NumberPortabilityTree::addToHistory(NumberPortabilityList** slot, const NumberPortabilityData& record,
-                                         bool ordered) {
-  if (*slot == nullptr) *slot = ::new (listsM.allocate(sizeof(NumberPortabilityList))) NumberPortabilityList();
-  NumberPortabilityList& list = **slot;
-  if (ordered) {
-    if (!list.insertAt(record, &historiesM)) return false;
-  } else {
-    list.insert(record, &historiesM);
+bool NumberPortabilityTree::addToHistory(StoredHistory** slot, const NumberPortabilityData& record, bool ordered) {
+  StoredHistory* const old = *slot;
+  const std::uint32_t count = old != nullptr ? old->size() : 0;
+  std::uint32_t position = count;
+  if (ordered && old != nullptr) {
+    position = StoredHistory::findPosition(old->records(), record.validFromM);
+    if (position == StoredHistory::takenCM) return false;
   }
-  if (record.networkOperatorM.length() > BAS::SimpleString::inlineCapacityCM) ++longTextRecordsM;
+  // A count that no longer fits is a block that cannot be had: reported like any other
+  // allocation failure. Everything that can fail comes before the history changes.
+  if (count == std::numeric_limits<std::uint32_t>::max()) throw std::bad_array_new_length();
+  const StoredRecord stored(record.validFromM, operatorsM.intern(record.networkOperatorM));
+  StoredHistory* const grown = historiesM.allocate(count + 1);
+  StoredRecord* const to = grown->data();
+  if (old != nullptr) {
+    std::copy_n(old->data(), position, to);
+    std::copy_n(old->data() + position, count - position, to + position + 1);
+  }
+  to[position] = stored;
+  historiesM.release(old);
+  *slot = grown;
   ++recordCountM;
   return true;
 }
 
-void NumberPortabilityTree::releaseRecordTexts() noexcept {
-  if (longTextRecordsM == 0) return;
-  listsM.forEachUsed([](char* begin, char* end) {
-    auto* const first = reinterpret_cast<NumberPortabilityList*>(begin);
-    auto* const last = reinterpret_cast<NumberPortabilityList*>(end);
-    for (NumberPortabilityList* list = first; list != last; ++list) list->releaseRecords();
-  });
-  longTextRecordsM = 0;
-}
-
 void NumberPortabilityTree::clearAndDestroy() {
-  releaseRecordTexts();
   ptrTreeM.destroy();
-  listsM.reset();
   historiesM.reset();
+  operatorsM.clear();
   ptrTreeM.createRoot();
   recordCountM = 0;
 }
 
 void NumberPortabilityTree::copyFrom(const NumberPortabilityTree& other) {
   clearAndDestroy();
-  other.ptrTreeM.forEach([this](const BAS::String& number, const NumberPortabilityList& list) {
-    // Appending keeps each history in the order it has, newest first, without re-sorting.
-    for (const NumberPortabilityData& record : list.records()) insert(number, record, false);
+  operatorsM = other.operatorsM;
+  // Node for node, and each history into a block of its own length: the free blocks that the
+  // other tree's growing histories left behind are not copied.
+  ptrTreeM.copyFrom(other.ptrTreeM, [this](const StoredHistory* history) {
+    StoredHistory* const copy = historiesM.allocate(history->size());
+    std::copy_n(history->data(), history->size(), copy->data());
+    return copy;
   });
+  recordCountM = other.recordCountM;
 }
 
 void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const {
@@ -106,17 +110,17 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
   std::size_t nextWritten = 0;  // the next piece to write
   std::size_t heldBytes = 0;    // in the texts of pieces taken but not yet written
 
-  // A history found by a walker is formatted two turns later: one turn for the history object
-  // to arrive, one for its records.
+  // A history found by a walker is formatted two turns later: one turn for its count and first
+  // records to arrive, one for the rest of its records.
   struct Found {
-    const NumberPortabilityList* list = nullptr;
+    const StoredHistory* list = nullptr;
     std::string key;
   };
   struct Lane {
     Trie::Walker walker;
     std::size_t piece = 0;
     bool busy = false;
-    Found found[2];      // [0] waits for its records, [1] for its history object
+    Found found[2];      // [0] waits for the rest of its records, [1] for its first line
     bool holding[2] = {false, false};
   };
   std::vector<Lane> lanes(printLanesCM);
@@ -124,7 +128,7 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
   const auto format = [&](Lane& lane, Found& found) {
     std::string& text = texts[lane.piece % printWindowCM];
     const std::size_t before = text.size();
-    found.list->appendLines(text, found.key);
+    StoredHistory::appendLines(found.list->records(), operatorsM, text, found.key);
     heldBytes += text.size() - before;
   };
   // One turn of a lane: format the oldest history, move the next one up, and take a step.
@@ -133,10 +137,10 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
     lane.holding[0] = lane.holding[1];
     if (lane.holding[1]) {
       std::swap(lane.found[0], lane.found[1]);
-      lane.found[0].list->prefetch();
+      __builtin_prefetch(lane.found[0].list->data() + 1);
       lane.holding[1] = false;
     }
-    const NumberPortabilityList* list = nullptr;
+    const StoredHistory* list = nullptr;
     if (lane.walker.step(list, radixCM)) {
       // Not a look at the history yet: it has only just been asked for.
       if (list != nullptr) {

@@ -2,18 +2,19 @@
 // trie, with the count of accepted records. The cache manager owns two (active and standby).
 // No lock of its own: search and printTree may run concurrently, insert and clearAndDestroy alone.
 //
-// Memory: the trie's nodes and slot arrays, the history objects and their record arrays all
-// come from arenas that the tree owns. clearAndDestroy resets them and keeps their memory, so
-// a reload refills pages that are already mapped, and emptying ten million numbers costs no
-// more than a few resets.
+// Memory: the trie's nodes lie in one array, each number's history (a count and its records,
+// StoredHistory) in a block of the tree's HistoryArena, and a record holds the index of its
+// operator text in the tree's OperatorTable instead of the text. clearAndDestroy resets them
+// and keeps their memory, so a reload refills pages that are already mapped, and emptying ten
+// million numbers costs no more than a few resets.
 #pragma once
 
 #include "store/HistoryArena.h"
 #include "store/NumberPortabilityData.h"
-#include "store/NumberPortabilityList.h"
+#include "store/OperatorTable.h"
 #include "store/PrefixStack.h"
 #include "store/PtrTree.h"
-#include "store/SlabArena.h"
+#include "store/StoredHistory.h"
 
 #include "BAS/DateTime.h"
 #include "BAS/String.h"
@@ -39,7 +40,7 @@ public:
   static constexpr std::uint32_t ANY_PREFIX_MATCH = 2;
 
   NumberPortabilityTree() : ptrTreeM(radixCM) {}
-  ~NumberPortabilityTree() { releaseRecordTexts(); }
+  ~NumberPortabilityTree() = default;
   NumberPortabilityTree(const NumberPortabilityTree&) = delete;
   NumberPortabilityTree& operator=(const NumberPortabilityTree&) = delete;
 
@@ -63,16 +64,16 @@ public:
   bool search(const BAS::String& number, const BAS::DateTime& dateTime, NumberPortabilityData& result,
               std::uint32_t method) const {
     if (method == BEST_MATCH) {
-      PrefixStack<const NumberPortabilityList*, prefixRoomCM> lists;
-      ptrTreeM.search(number, lists);
-      const NumberPortabilityList* list = nullptr;
-      while (lists.pop(list)) {
-        if (list->search(dateTime, result)) return true;
+      PrefixStack<const StoredHistory*, prefixRoomCM> histories;
+      ptrTreeM.search(number, histories);
+      const StoredHistory* history = nullptr;
+      while (histories.pop(history)) {
+        if (answer(*history, dateTime, result)) return true;
       }
       return false;
     }
-    const NumberPortabilityList* const list = ptrTreeM.search(number, method == EXACT_MATCH);
-    return list != nullptr && list->search(dateTime, result);
+    const StoredHistory* const history = ptrTreeM.search(number, method == EXACT_MATCH);
+    return history != nullptr && answer(*history, dateTime, result);
   }
 
   // search for count numbers at once: found[i] and results[i] as search(numbers[i], dateTimes[i],
@@ -81,30 +82,27 @@ public:
   // records in hand looks them up several times faster than one by one. Inline, as search.
   void searchMany(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
                   std::uint32_t method, NumberPortabilityData* results, bool* found) const {
-    using Lists = PrefixStack<const NumberPortabilityList*, searchPrefixRoomCM>;
+    using Lists = PrefixStack<const StoredHistory*, searchPrefixRoomCM>;
     for (std::size_t first = 0; first < count; first += batchCM) {
       const std::size_t batch = std::min(count - first, batchCM);
       Lists lists[batchCM];
       // EXACT_MATCH keeps the number's own history only, ANY_PREFIX_MATCH the shortest prefix's.
       ptrTreeM.searchMany(numbers + first, batch,
-                          [&](std::size_t i, const NumberPortabilityList* list, bool whole) {
+                          [&](std::size_t i, const StoredHistory* list, bool whole) {
                             Lists& stack = lists[i];
                             if (method == BEST_MATCH || (method == EXACT_MATCH ? whole : stack.empty())) {
                               stack.push_back(list);
                             }
                           });
-      const NumberPortabilityList* top = nullptr;
+      const StoredHistory* top = nullptr;
       for (Lists& stack : std::span(lists, batch)) {
         if (stack.top(top)) __builtin_prefetch(top);
-      }
-      for (Lists& stack : std::span(lists, batch)) {
-        if (stack.top(top)) top->prefetch();
       }
       for (std::size_t i = 0; i < batch; ++i) {
         bool& hit = found[first + i];
         hit = false;
-        const NumberPortabilityList* list = nullptr;
-        while (!hit && lists[i].pop(list)) hit = list->search(dateTimes[first + i], results[first + i]);
+        const StoredHistory* list = nullptr;
+        while (!hit && lists[i].pop(list)) hit = answer(*list, dateTimes[first + i], results[first + i]);
       }
     }
   }
@@ -114,7 +112,9 @@ public:
   void clearAndDestroy();
 
   // Makes this tree hold exactly the records of `other`, histories in the same order, and the
-  // same record count. `other` must not be changed meanwhile.
+  // same record count: a copy of the node array and of each history, without walking the trie
+  // or inserting anything, so a loader builds one tree and copies it. `other` must not be
+  // changed meanwhile. Out of memory propagates; this tree is then empty.
   void copyFrom(const NumberPortabilityTree& other);
 
   // Writes every record as a data-file line (number, 14-digit UTC date, operator), numbers in
@@ -143,15 +143,18 @@ private:
   static constexpr std::size_t printHeldBytesCM = std::size_t{32} << 20;
 
   // Adds `record` to the history in `*slot`, creating the history when there is none yet.
-  bool addToHistory(NumberPortabilityList** slot, const NumberPortabilityData& record, bool ordered);
-  // Ends the lives of records whose operator text lives in a heap block; the arenas drop
-  // every other record without looking at it.
-  void releaseRecordTexts() noexcept;
+  bool addToHistory(StoredHistory** slot, const NumberPortabilityData& record, bool ordered);
+  // The record of `history` that holds at `dateTime`, with its operator text, into `result`.
+  bool answer(const StoredHistory& history, const BAS::DateTime& dateTime, NumberPortabilityData& result) const {
+    const StoredRecord* const found = StoredHistory::find(history.records(), dateTime);
+    if (found == nullptr) return false;
+    StoredHistory::expand(*found, operatorsM, result);
+    return true;
+  }
 
-  PBC::PtrTree<NumberPortabilityList, PBC::PayloadsOwnedElsewhere> ptrTreeM;
-  PBC::SlabArena listsM;     // every history object of the trie, nothing else
-  HistoryArena historiesM;   // the record arrays of those histories
-  std::size_t longTextRecordsM = 0;  // stored records whose operator text is too long to sit inline
+  PBC::PtrTree<StoredHistory, PBC::PayloadsOwnedElsewhere> ptrTreeM;
+  HistoryArena historiesM;   // the histories of the trie's numbers
+  OperatorTable operatorsM;  // the operator texts that the records refer to
 
 public:
   // Records accepted since construction or the last clearAndDestroy. Readable directly by the

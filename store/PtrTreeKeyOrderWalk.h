@@ -32,18 +32,18 @@ public:
   // a key before the keys that extend it.
   template <class Visitor>
   static void forEach(const Tree& tree, Visitor&& visit) {
-    if (tree.rootM == nullptr) return;
+    const Node* node = tree.root();
+    if (node == nullptr) return;
     const int radix = tree.radixM;
-    // The key of the node being visited, and the nodes above it; the slot to continue with in
+    // The key of the node being visited, and the nodes above it; the digit to continue with in
     // a parent follows from the last character of the key.
     BAS::String path;
     std::string& pathText = path.mutableStr();
     std::vector<const Node*> parents;
-    const Node* node = tree.rootM;
     int slot = 0;
     for (;;) {
-      if (slot == 0) prefetchChildren(node, radix);
-      while (slot < radix && node->child(slot) == nullptr) ++slot;
+      if (slot == 0) prefetchChildren(tree, *node);
+      while (slot < radix && !node->hasChild(slot)) ++slot;
       if (slot < radix) {
         if (pathText.size() == pathText.capacity()) {
           // Telephone numbers need a step or two of ten characters. Keys far deeper than any
@@ -53,7 +53,7 @@ public:
         }
         parents.push_back(node);
         pathText.push_back(PtrTreeDigits::character(slot));
-        node = node->child(slot);
+        node = tree.child(*node, slot);
         slot = 0;
         if (node->dataM != nullptr) visit(static_cast<const BAS::String&>(path), static_cast<const T&>(*node->dataM));
         continue;
@@ -71,21 +71,21 @@ public:
   // payloads in the order of forEach, the root's left out.
   static std::vector<Piece> pieces(const Tree& tree, std::size_t least, std::size_t deepest) {
     std::vector<Piece> cut;
-    if (tree.rootM == nullptr) return cut;
-    const int radix = tree.radixM;
-    appendChildPieces(*tree.rootM, std::string(), radix, cut);
+    const Node* const root = tree.root();
+    if (root == nullptr) return cut;
+    appendChildPieces(tree, *root, std::string(), cut);
     for (std::size_t depth = 1; depth < deepest && cut.size() < least; ++depth) {
       std::vector<Piece> next;
       next.reserve(cut.size() * 4);
       bool deeper = false;
       for (Piece& piece : cut) {
-        if (piece.ownOnly || piece.node->childrenM == nullptr) {
+        if (piece.ownOnly || !piece.node->hasChildren()) {
           next.push_back(std::move(piece));
           continue;
         }
         deeper = true;
-        if (piece.node->dataM != nullptr) next.push_back(Piece{piece.node, piece.key, true});
-        appendChildPieces(*piece.node, piece.key, radix, next);
+        if (piece.node->dataM != nullptr) next.push_back(Piece{piece.node, piece.key, true, piece.nodes});
+        appendChildPieces(tree, *piece.node, piece.key, next);
       }
       cut = std::move(next);
       if (!deeper) break;
@@ -97,36 +97,28 @@ private:
   static constexpr std::size_t pathStepCM = 10;
   static constexpr std::size_t deepPathCM = 100;
 
-  // The walk visits a node's children one after the other, and nodes lie in the order they were
-  // created, not in key order; so before the first child is visited, all children, then their
-  // slot arrays and payloads, then the grandchildren are requested, each round for all children
+  // The walk visits a node's children one after the other; they lie side by side, but their
+  // payloads and their own children lie elsewhere. So before the first child is visited, the
+  // children, then their payloads and child groups are requested, each round for all children
   // at once, and the cache misses of the siblings overlap.
-  static void prefetchChildren(const Node* node, int radix) noexcept {
-    Node* const* const slots = node->childrenM;
-    if (slots == nullptr) return;
-    for (int slot = 0; slot < radix; ++slot) {
-      if (slots[slot] != nullptr) __builtin_prefetch(slots[slot]);
-    }
-    for (int slot = 0; slot < radix; ++slot) {
-      if (const Node* const child = slots[slot]) {
-        if (child->childrenM != nullptr) __builtin_prefetch(child->childrenM);
-        if (child->dataM != nullptr) __builtin_prefetch(child->dataM);
-      }
-    }
-    // One level further, so that the grandchildren are on their way while the children are visited.
-    for (int slot = 0; slot < radix; ++slot) {
-      const Node* const child = slots[slot];
-      if (child == nullptr || child->childrenM == nullptr) continue;
-      for (int below = 0; below < radix; ++below) {
-        if (child->childrenM[below] != nullptr) __builtin_prefetch(child->childrenM[below]);
-      }
+  static void prefetchChildren(const Tree& tree, const Node& node) noexcept {
+    const unsigned count = node.childCount();
+    if (count == 0) return;
+    const Node* const children = tree.firstChild(node);
+    __builtin_prefetch(children);
+    __builtin_prefetch(children + count - 1);
+    for (unsigned i = 0; i < count; ++i) {
+      const Node& child = children[i];
+      if (child.hasChildren()) __builtin_prefetch(tree.firstChild(child));
+      if (child.dataM != nullptr) __builtin_prefetch(child.dataM);
     }
   }
 
-  static void appendChildPieces(const Node& node, const std::string& key, int radix, std::vector<Piece>& out) {
-    if (node.childrenM == nullptr) return;
-    for (int slot = 0; slot < radix; ++slot) {
-      if (const Node* const child = node.childrenM[slot]) out.push_back(Piece{child, key + PtrTreeDigits::character(slot), false});
+  static void appendChildPieces(const Tree& tree, const Node& node, const std::string& key, std::vector<Piece>& out) {
+    for (int slot = 0; slot < tree.radixM; ++slot) {
+      if (const Node* const child = tree.child(node, slot)) {
+        out.push_back(Piece{child, key + PtrTreeDigits::character(slot), false, tree.nodesM});
+      }
     }
   }
 };

@@ -8,6 +8,7 @@
 #include "store/PtrTreeDigits.h"
 #include "store/PtrTreeNode.h"
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,17 +21,20 @@ public:
   using Node = PtrTreeNode<T>;
 
   // A part of the trie for a walk in key order: the subtree under `node` (the node's own payload
-  // included), or with `ownOnly` the node's payload alone. `key` is the node's key.
+  // included), or with `ownOnly` the node's payload alone. `key` is the node's key, `nodes` the
+  // node array of its trie.
   struct Piece {
     const Node* node;
     std::string key;
     bool ownOnly;
+    const Node* nodes;
   };
 
   // Begins a new piece; whatever the walker walked before is forgotten.
   void start(const Piece& piece) {
     framesM.clear();
     keyM.assign(piece.key);
+    nodesM = piece.nodes;
     pendingM = piece.node;
     ownOnlyM = piece.ownOnly;
     __builtin_prefetch(pendingM);
@@ -44,26 +48,25 @@ public:
       const Node* const node = std::exchange(pendingM, nullptr);
       payload = node->dataM;
       // A leaf gets a frame too, so that every frame but the first stands for one key character.
-      Node* const* const slots = ownOnlyM ? nullptr : node->childrenM;
-      if (slots != nullptr) {
-        // Ten slots span two cache lines more often than not.
-        __builtin_prefetch(slots);
-        __builtin_prefetch(slots + radix - 1);
+      const bool descend = !ownOnlyM && node->hasChildren();
+      const Node* const children = descend ? nodesM + node->childrenM : nullptr;
+      if (children != nullptr) {
+        __builtin_prefetch(children);
+        __builtin_prefetch(children + node->childCount() - 1);
       }
-      framesM.push_back(Frame{slots, 0});
+      framesM.push_back(Frame{children, descend ? node->digitsM : std::uint16_t{0}, 0, 0});
       return true;
     }
     while (!framesM.empty()) {
       Frame& frame = framesM.back();
-      if (frame.slots != nullptr) {
-        while (frame.slot < radix && frame.slots[frame.slot] == nullptr) ++frame.slot;
-        if (frame.slot < radix) {
-          pendingM = frame.slots[frame.slot];
-          keyM.push_back(PtrTreeDigits::character(frame.slot));
-          ++frame.slot;
-          __builtin_prefetch(pendingM);
-          return true;
-        }
+      while (frame.slot < radix && (frame.digits >> frame.slot & 1u) == 0) ++frame.slot;
+      if (frame.slot < radix) {
+        pendingM = frame.children + frame.rank;
+        keyM.push_back(PtrTreeDigits::character(frame.slot));
+        ++frame.slot;
+        ++frame.rank;
+        __builtin_prefetch(pendingM);
+        return true;
       }
       framesM.pop_back();
       if (!framesM.empty()) keyM.pop_back();
@@ -76,11 +79,14 @@ public:
 
 private:
   struct Frame {
-    Node* const* slots;  // null for a node without children
-    int slot;            // the next slot to look at
+    const Node* children;  // null for a node without children
+    unsigned digits;       // the digits that have a child
+    int slot;              // the next digit to look at
+    unsigned rank;         // the position of the next child among the children
   };
   std::vector<Frame> framesM;
   std::string keyM;
+  const Node* nodesM = nullptr;
   const Node* pendingM = nullptr;  // visited by the next step
   bool ownOnlyM = false;
 };

@@ -1,5 +1,5 @@
 // PBC::SlabArena hands out blocks carved one after another from large slabs that it owns. The
-// trie takes its nodes and slot arrays from one, the portability tree its histories. Blocks
+// portability tree's HistoryArena takes its history blocks from one. Blocks
 // are never returned one by one: reset() takes them all back at once and keeps the slabs, so a
 // tree that is emptied and filled again neither frees millions of blocks nor faults fresh
 // pages in. Slabs come from BAS::LargeBlock; an arena that has grown past a few slabs asks for
@@ -20,14 +20,15 @@ namespace PBC {
 
 class SlabArena {
 public:
-  // Blocks are aligned to alignCM and at most slabBytes long; slabBytes is rounded up to alignCM.
+  // Blocks are aligned to alignCM (or the smaller power of two given) and at most slabBytes
+  // long; slabBytes is rounded up to the alignment.
   static constexpr std::size_t alignCM = 8;
   static constexpr std::size_t defaultSlabBytesCM = BAS::LargeBlock::alignCM;
   // Slabs taken before the arena asks for huge pages.
   static constexpr std::size_t smallPageSlabsCM = 4;
 
-  explicit SlabArena(std::size_t slabBytes = defaultSlabBytesCM) noexcept
-      : slabBytesM(roundUp(slabBytes == 0 ? alignCM : slabBytes)) {}
+  explicit SlabArena(std::size_t slabBytes = defaultSlabBytesCM, std::size_t align = alignCM) noexcept
+      : alignM(align), slabBytesM(roundUp(slabBytes == 0 ? align : slabBytes)) {}
   ~SlabArena() { freeSlabs(); }
   SlabArena(const SlabArena&) = delete;
   SlabArena& operator=(const SlabArena&) = delete;
@@ -75,7 +76,7 @@ private:
     std::size_t used;  // bytes handed out from this slab; valid for slabs before currentM
   };
 
-  static constexpr std::size_t roundUp(std::size_t bytes) noexcept { return (bytes + alignCM - 1) & ~(alignCM - 1); }
+  std::size_t roundUp(std::size_t bytes) const noexcept { return (bytes + alignM - 1) & ~(alignM - 1); }
 
   void nextSlab() {
     if (currentM < slabsM.size()) {
@@ -100,6 +101,7 @@ private:
     slabsM.clear();
   }
 
+  std::size_t alignM;
   std::size_t slabBytesM;
   std::vector<Slab> slabsM;
   std::size_t currentM = 0;  // the slab being filled; slabsM.size() before the first block

@@ -79,7 +79,7 @@ TEST(CacheManager, ReloadAndDeltaLoadChangeBothTreesAndTheMainFile) {
     bool delta, reuse;
     const char* fileContent;  // of the main data file (reload) or the delta file; null: absent
     bool result;
-    std::vector<int> reports;  // 0 short last line, 1 duplicate, 2 old data deleted, 3 one field
+    std::vector<int> reports;  // 0 short last line, 1 duplicate, 2 old data deleted, 3 one field, 4 short line 3
     std::string content;
     bool vanishes = false;        // the file goes after its check, before the cache opens it
     bool reloadFailed = false;    // a reload without reuse failed before the delta load
@@ -90,6 +90,10 @@ TEST(CacheManager, ReloadAndDeltaLoadChangeBothTreesAndTheMainFile) {
       {"reload, short last line, no reuse: old data stays", false, false, shortLast, false, {0}, initialDump},
       {"reload, short last line, reuse: new data", false, true, shortLast, true, {0, 0, 2}, newDump},
       {"reload, a duplicate last line counts as good", false, false, duplicateLast, true, {1, 1, 2}, newDump},
+      // The second tree's reports repeat the first's in line order, kinds mixed.
+      {"reload, a duplicate then a short line, reuse", false, true,
+       "030700001 20200101000000 NEW1\n+4930700001 20200101000000 NEW2\n030700002 20200101000000\n", true,
+       {1, 4, 1, 4, 2}, newDump},
       {"reload, empty file, no reuse", false, false, "", false, {}, initialDump},
       {"reload, empty file, reuse: both trees end empty", false, true, "", true, {2}, ""},
       {"reload, file check fails, reuse", false, true, nullptr, false, {}, initialDump},
@@ -115,7 +119,8 @@ TEST(CacheManager, ReloadAndDeltaLoadChangeBothTreesAndTheMainFile) {
     const Report possible[] = {NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", file, 2, {"2", "3", "030700002 20200101000000"}),
                                NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", file, 2, {"004930700001", "20200101000000"}),
                                {"INF_DELETE_OLD_DATA", 1, {"NumberPortability"}},
-                               NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", file, 1, {"1", "3", "bad"})};
+                               NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", file, 1, {"1", "3", "bad"}),
+                               NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", file, 3, {"2", "3", "030700002 20200101000000"})};
     Reports expected;
     for (int i : row.reports) expected.push_back(possible[i]);
     EXPECT_EQ(c.owner.take(), expected);

@@ -29,6 +29,16 @@ void* LargeBlock::allocate(std::size_t bytes, bool hugePages) {
   return reinterpret_cast<void*>(aligned);
 }
 
+void* LargeBlock::resize(void* block, std::size_t bytes, std::size_t newBytes, bool hugePages) {
+  if (block == nullptr) return allocate(newBytes, hugePages);
+  const std::size_t oldSize = roundUp(bytes == 0 ? 1 : bytes);
+  const std::size_t size = roundUp(newBytes == 0 ? 1 : newBytes);
+  void* const moved = mremap(block, oldSize, size, MREMAP_MAYMOVE);
+  if (moved == MAP_FAILED) throw std::bad_alloc();
+  if (hugePages) madvise(moved, size, MADV_HUGEPAGE);
+  return moved;
+}
+
 void LargeBlock::release(void* block, std::size_t bytes) noexcept {
   if (block != nullptr) munmap(block, roundUp(bytes == 0 ? 1 : bytes));
 }

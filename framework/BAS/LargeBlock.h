@@ -21,7 +21,13 @@ public:
   // it, pages are faulted in one by one as touched, so a block that is barely used costs little.
   // Throws std::bad_alloc when the system has no memory to map.
   static void* allocate(std::size_t bytes, bool hugePages);
-  // Gives back a block from allocate with the same `bytes`. Null is ignored.
+  // Makes a block from allocate (or resize) of `bytes` hold `newBytes`, keeping its content;
+  // the pages already touched move along without being copied or cleared again, so an array
+  // that doubles over and over costs its final size once. The block may move, and is then
+  // aligned to small pages only. Throws std::bad_alloc, with the block unchanged, when the
+  // system has no room.
+  static void* resize(void* block, std::size_t bytes, std::size_t newBytes, bool hugePages);
+  // Gives back a block from allocate or resize with the same `bytes`. Null is ignored.
   static void release(void* block, std::size_t bytes) noexcept;
 };
 

@@ -1,9 +1,11 @@
 // Records, histories and the portability tree: the answers of the search methods, the insert
 // rules, the batched walks against single ones, and the dump's order and format.
+#include "store/NumberPortabilityList.h"
 #include "store/NumberPortabilityTree.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -135,7 +137,10 @@ TEST(NumberPortabilityTree, SearchMethodsInsertRulesDumpAndCopy) {
   tree.clearAndDestroy();
   EXPECT_EQ(find(tree, "0049301234", "20230101000000", Tree::BEST_MATCH) + dump(tree) + std::to_string(tree.recordCount()), "-0");
   ASSERT_TRUE(tree.insert("0033", record("20100101000000", "OPF"), true));
+  ASSERT_TRUE(tree.insert("004930", record("20160101000000", "OPG"), true));
   EXPECT_EQ(find(tree, "00331", "20230101000000", Tree::BEST_MATCH), "OPF");
+  // The copy shares nothing with the tree it was made from, which was emptied and refilled.
+  EXPECT_EQ(dump(copy) + find(copy, "0049301", "20230101000000", Tree::BEST_MATCH), lines + "OPB");
 }
 
 TEST(NumberPortabilityTree, BestMatchFallsBackThroughMorePrefixesThanItsInlineRoom) {
@@ -146,6 +151,27 @@ TEST(NumberPortabilityTree, BestMatchFallsBackThroughMorePrefixesThanItsInlineRo
     ASSERT_TRUE(tree.insert(BAS::String(number), record(std::to_string(2000 + length) + "0101000000", "P" + std::to_string(length)), true));
   }
   EXPECT_EQ(find(tree, number, "20010601000000", Tree::BEST_MATCH) + find(tree, number, "20300601000000", Tree::BEST_MATCH), "P1P30");
+}
+
+// A number ported more often than the arena keeps pooled lengths for: its history moves through
+// blocks of every length, pooled and not, and stays newest first; emptying the tree gives them
+// all back, and the tree fills again.
+TEST(NumberPortabilityTree, LongHistoriesStayOrderedThroughEveryBlockLength) {
+  Tree tree;
+  std::mt19937 random(3);
+  std::vector<int> years(60);
+  for (int round = 0; round < 2; ++round) {
+    for (std::size_t i = 0; i < years.size(); ++i) years[i] = 1960 + static_cast<int>(i);
+    std::shuffle(years.begin(), years.end(), random);
+    for (const int year : years) ASSERT_TRUE(tree.insert("004930", record(std::to_string(year) + "0601000000", "Y" + std::to_string(year)), true));
+    ASSERT_TRUE(tree.insert("0049301", record("20000101000000", "SHORT"), true));
+    std::string expected;
+    for (int year = 2019; year >= 1960; --year) expected += "004930  " + std::to_string(year) + "0601000000  Y" + std::to_string(year) + "\n";
+    EXPECT_EQ(dump(tree), expected + "0049301  20000101000000  SHORT\n");
+    EXPECT_EQ(find(tree, "0049309", "19990101000000", Tree::BEST_MATCH) + find(tree, "0049301", "19990101000000", Tree::BEST_MATCH),
+              "Y1998Y1998");
+    tree.clearAndDestroy();
+  }
 }
 
 // Numbers from a few short blocks, so that keys share paths, end above and below stored
@@ -160,7 +186,12 @@ TEST(NumberPortabilityTree, BatchedWalksAnswerAsSingleOnesAndTheDumpIsInKeyOrder
     for (std::uint64_t digits = random() % 10; digits != 0; --digits) number += static_cast<char>('0' + random() % 10);
     return number;
   };
-  const auto randomDate = [&random] { return std::to_string(1950 + random() % 70) + "0101000000"; };
+  // Years 1 and 9999 too: the ends of what a stored record's date must hold.
+  const auto randomDate = [&random] {
+    const std::uint64_t pick = random() % 100;
+    return pick == 0 ? std::string("00010101000000") : pick == 1 ? std::string("99991231235959")
+                                                                 : std::to_string(1950 + random() % 70) + "0101000000";
+  };
   std::vector<std::string> numbers;
   std::vector<NumberPortabilityData> records;
   std::map<std::string, std::map<std::string, std::string, std::greater<>>> expected;  // number, date, operator
@@ -173,7 +204,9 @@ TEST(NumberPortabilityTree, BatchedWalksAnswerAsSingleOnesAndTheDumpIsInKeyOrder
   add("123", "20210101000000", "B");
   add("+-", "20200101000000", "X");
   add("123", "20200101000000", "C");
-  for (int i = 0; i < 60000; ++i) add(randomNumber(5), randomDate(), std::string(i % 3 == 0 ? 30 : 1, 'L') + std::to_string(i % 97));
+  // Over a thousand distinct operators, some too long to sit inline, so that an operator index
+  // cut to a byte or a text copied badly shows in the dump.
+  for (int i = 0; i < 60000; ++i) add(randomNumber(5), randomDate(), std::string(i % 3 == 0 ? 30 : 1, 'L') + std::to_string(i % 997));
   const std::vector<std::string_view> views(numbers.begin(), numbers.end());
   Tree single, many;
   std::string singleAccepted;

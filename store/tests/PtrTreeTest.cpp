@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace PBC {
@@ -40,34 +41,71 @@ std::string answers(const Tree& tree, const std::string& key) {
   return text + '|' + out.str();
 }
 
-// Keys of few distinct digits share many prefixes; the reference is a sorted map.
+// Keys of few distinct digits share many prefixes; the reference is a sorted map. The digits
+// are taken from both ends of the radix, so that every position of a node's digit set, and a
+// group of children as large as the radix, is used.
 TEST(PtrTree, AgreesWithASortedMapOnRandomKeysAndDumpsInItsOrder) {
-  std::mt19937 random(20240607);
-  const auto randomKey = [&random] {
-    std::string key(static_cast<std::size_t>(std::uniform_int_distribution<int>(1, 7)(random)), '0');
-    for (char& c : key) c = static_cast<char>(std::uniform_int_distribution<int>('0', '3')(random));
-    return key;
-  };
+  for (const auto& [radix, digits] : std::vector<std::pair<int, std::string>>{{10, "0123"}, {10, "0189"}, {16, "07AF"}}) {
+    SCOPED_TRACE(digits);
+    std::mt19937 random(20240607);
+    const auto randomKey = [&random, &digits = digits] {
+      std::string key(static_cast<std::size_t>(std::uniform_int_distribution<int>(1, 7)(random)), '0');
+      for (char& c : key) c = digits[std::uniform_int_distribution<std::size_t>(0, digits.size() - 1)(random)];
+      return key;
+    };
+    Tree tree(radix);
+    std::map<std::string, std::string> reference;
+    for (int i = 0; i < 800; ++i) {
+      const std::string key = randomKey();
+      if (reference.emplace(key, "v" + std::to_string(i)).second) tree.insert(BAS::String(key), new Tag("v" + std::to_string(i)));
+    }
+    std::string dump;
+    for (const auto& [key, name] : reference) dump += key + '=' + name + '\n';
+    for (int i = 0; i < 3000; ++i) {
+      const std::string key = randomKey();
+      std::string shortest = "null", all;
+      for (std::size_t n = 1; n <= key.size(); ++n) {
+        const auto found = reference.find(key.substr(0, n));
+        if (found == reference.end()) continue;
+        if (all.empty()) shortest = found->second;
+        all += found->second + ',';
+      }
+      const auto exact = reference.find(key);
+      ASSERT_EQ(answers(tree, key), (exact != reference.end() ? exact->second : "null") + '|' + shortest + '|' + all + '|' + dump) << key;
+    }
+  }
+}
+
+// A copy answers as the tree did when it was copied, whatever the tree does afterwards; the
+// tree goes on growing in the copied node array's free places.
+TEST(PtrTree, CopyAnswersAsTheOriginalDidAndSharesNothingWithIt) {
+  std::mt19937 random(99);
+  const auto randomKey = [&random] { return std::to_string(random() % 4000); };
   Tree tree(10);
   std::map<std::string, std::string> reference;
-  for (int i = 0; i < 800; ++i) {
-    const std::string key = randomKey();
-    if (reference.emplace(key, "v" + std::to_string(i)).second) tree.insert(BAS::String(key), new Tag("v" + std::to_string(i)));
+  const auto fill = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const std::string key = randomKey();
+      if (reference.emplace(key, key).second) tree.insert(BAS::String(key), new Tag(key));
+    }
+  };
+  fill(1500);
+  Tree copy(10);
+  copy.insert("999999", new Tag("stale"));
+  copy.copyFrom(tree, [](const Tag* tag) { return new Tag(tag->name); });
+  const std::map<std::string, std::string> copied = reference;
+  const std::size_t nodesAtCopy = tree.nodeCount();
+  fill(1500);
+  for (const std::string key : {"1", "12", "123", "1234", "3999", "40000", "999999"}) {
+    const auto found = copied.find(key);
+    EXPECT_EQ(nameOf(copy.search(BAS::String(key), true)), found != copied.end() ? found->second : "null") << key;
   }
   std::string dump;
-  for (const auto& [key, name] : reference) dump += key + '=' + name + '\n';
-  for (int i = 0; i < 3000; ++i) {
-    const std::string key = randomKey();
-    std::string shortest = "null", all;
-    for (std::size_t n = 1; n <= key.size(); ++n) {
-      const auto found = reference.find(key.substr(0, n));
-      if (found == reference.end()) continue;
-      if (all.empty()) shortest = found->second;
-      all += found->second + ',';
-    }
-    const auto exact = reference.find(key);
-    ASSERT_EQ(answers(tree, key), (exact != reference.end() ? exact->second : "null") + '|' + shortest + '|' + all + '|' + dump) << key;
-  }
+  for (const auto& [key, name] : copied) dump += key + '=' + name + '\n';
+  std::ostringstream out;
+  copy.printTree(out);
+  EXPECT_EQ(out.str(), dump);
+  EXPECT_EQ(copy.nodeCount(), nodesAtCopy);
 }
 
 TEST(PtrTree, ReadsTheDigitsOfItsRadixOnlyAndPrintsHexUpperCase) {
@@ -129,10 +167,10 @@ TEST(HistoryArena, ReusesReleasedArraysByLengthOnly) {
   HistoryArena arena;
   auto* const two = arena.allocate(2);
   auto* const three = arena.allocate(3);
-  arena.release(two, 2);
+  arena.release(two);
   EXPECT_NE(arena.allocate(3), two);
   EXPECT_EQ(arena.allocate(2), two);
-  arena.release(three, 3);
+  arena.release(three);
   EXPECT_EQ(arena.allocate(3), three);
 }
 

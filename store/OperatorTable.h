@@ -1,0 +1,40 @@
+// DAT::NumberPortability::OperatorTable keeps each distinct operator identifier once and gives
+// it a small index, which the owner's records hold instead of the text: a national data set has
+// a few hundred operators and hundreds of millions of records. Each portability tree and each
+// history list owns one. Not synchronised: intern runs alone (while the owner is filled), text
+// may run in any number of threads while nothing is interned.
+#pragma once
+
+#include "BAS/SimpleString.h"
+
+#include <cstdint>
+#include <deque>
+#include <string_view>
+#include <unordered_map>
+
+namespace DAT::NumberPortability {
+
+class OperatorTable {
+public:
+  OperatorTable() = default;
+  OperatorTable(const OperatorTable& other) { *this = other; }
+  OperatorTable& operator=(const OperatorTable& other);
+
+  // The index of `text`, added when new. Out of memory propagates, and so does a table that
+  // already holds StoredRecord::operatorLimitCM texts (as std::bad_alloc); the table is
+  // unchanged then.
+  std::uint32_t intern(const BAS::SimpleString& text);
+  // The text of an index that intern gave.
+  const BAS::SimpleString& text(std::uint32_t index) const noexcept { return textsM[index]; }
+  std::size_t size() const noexcept { return textsM.size(); }
+  void clear() noexcept;
+
+private:
+  // Texts keep their places when more are added, so the map's keys may view them.
+  std::deque<BAS::SimpleString> textsM;
+  std::unordered_map<std::string_view, std::uint32_t> indexM;
+  // The index intern gave last: consecutive records of a data file often share the operator.
+  std::uint32_t lastM = 0;
+};
+
+}  // namespace DAT::NumberPortability
