@@ -3,14 +3,13 @@
 // summary's figures, the exit status, and a progress line only on a terminal.
 #include "Nphost.h"
 #include "ProgramFolderTest.h"
+#include "TerminalRun.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <pty.h>
 #include <algorithm>
 #include <sstream>
-#include <sys/wait.h>
 
 namespace {
 
@@ -149,24 +148,8 @@ TEST_F(NphostCheck, ShowsProgressOnATerminalForALargeFileAndErasesIt) {
   std::string data;
   for (int i = 0; data.size() < (std::size_t{5} << 20); ++i) data += "0301" + std::to_string(i) + " 20200101000000 OP\n";
   writeFile("np.txt", data);
-  int terminal = -1;
-  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    if (chdir(folderM.c_str()) != 0) _exit(99);
-    execl(NPHOST_PROGRAM, NPHOST_PROGRAM, "check", "reg.toml", static_cast<char*>(nullptr));
-    _exit(98);
-  }
-  std::string screen;
-  for (char chunk[4096];;) {
-    const ssize_t n = read(terminal, chunk, sizeof chunk);  // fails with EIO once the program has ended
-    if (n <= 0) break;
-    screen.append(chunk, static_cast<std::size_t>(n));
-  }
-  close(terminal);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_EQ(WEXITSTATUS(status), 0) << screen;
+  const auto [status, screen] = runOnTerminal(folderM, {"check", "reg.toml"});
+  EXPECT_EQ(status, 0) << screen;
   const auto progress = screen.find("\rchecking np.txt: ");
   const auto erased = screen.rfind("\r\x1b[K");
   const auto summary = screen.find("checked np.txt: ");

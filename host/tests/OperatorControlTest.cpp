@@ -5,12 +5,11 @@
 #include "Nphost.h"
 #include "ProgramFolderTest.h"
 #include "SocketClient.h"
+#include "TerminalRun.h"
 #include "host/script/WordSplitter.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <pty.h>
 
 #include <map>
 
@@ -185,22 +184,9 @@ TEST_F(OperatorControl, NormalizeFindsEveryWrittenFormAndKeepsTheNumberAsItCame)
 // summary, which says how many data lines were loaded and rejected.
 TEST_F(OperatorControl, LoadProgressIsDrawnOnATerminalAndErasedBeforeTheLogAndTheSummary) {
   writeFile("events.txt", "004930123456;20240101000000\n");
-  int terminal = -1;
-  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    if (chdir(folderM.c_str()) == 0)
-      execl(NPHOST_PROGRAM, NPHOST_PROGRAM, "run", "reg.toml", "--input", "events.txt", "--output", "out.txt",
-            static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  std::string screen;
-  char chunk[4096];
-  for (ssize_t n; (n = read(terminal, chunk, sizeof chunk)) > 0;) screen.append(chunk, static_cast<std::size_t>(n));
-  close(terminal);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << screen;
+  const auto [status, screen] =
+      runOnTerminal(folderM, {"run", "reg.toml", "--input", "events.txt", "--output", "out.txt"});
+  EXPECT_EQ(status, 0) << screen;
 
   EXPECT_THAT(screen, HasSubstr("\rloading np.txt: ")) << screen;
   // Every log line and the summary start on an erased line; the progress text is never followed
