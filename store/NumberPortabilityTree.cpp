@@ -23,7 +23,7 @@ void writeLine(std::ostream& out, std::string_view line) { out.write(line.data()
 bool NumberPortabilityTree::insert(const BAS::String& number, const NumberPortabilityData& record, bool ordered) {
   // One walk finds the number's node or creates its path.
   StoredHistory** const slot = ptrTreeM.payloadSlot(number.view());
-  return slot != nullptr && addToHistory(slot, record, ordered);
+  return slot != nullptr && addToHistory(slot, StoredRecord(record.validFromM, operatorsM.intern(record.networkOperatorM)), ordered);
 }
 
 void NumberPortabilityTree::insertMany(const std::string_view* numbers, const NumberPortabilityData* records,
@@ -38,23 +38,108 @@ void NumberPortabilityTree::insertMany(const std::string_view* numbers, const Nu
     }
     // In order: a number may come twice in one batch, and the first of two equal dates must win.
     for (std::size_t i = 0; i < batch; ++i) {
-      accepted[first + i] = slots[i] != nullptr && addToHistory(slots[i], records[first + i], ordered);
+      const NumberPortabilityData& record = records[first + i];
+      accepted[first + i] = slots[i] != nullptr &&
+                            addToHistory(slots[i], StoredRecord(record.validFromM, operatorsM.intern(record.networkOperatorM)), ordered);
     }
   }
 }
 
-bool NumberPortabilityTree::addToHistory(StoredHistory** slot, const NumberPortabilityData& record, bool ordered) {
+void NumberPortabilityTree::insertChunk(const RecordChunk& chunk, std::vector<std::size_t>& refused) {
+  std::vector<std::uint32_t> operators(chunk.operators().size());
+  for (std::size_t i = 0; i < operators.size(); ++i) operators[i] = operatorsM.intern(chunk.operators().text(i));
+
+  std::vector<std::pair<StoredRecord, std::size_t>> run;  // buildHistory's room
+  const std::size_t keyed = chunk.keyedCount();
+  const bool built = recordCountM == 0 && [&] {
+    try {
+      return ptrTreeM.buildSorted(
+          keyed, [&chunk](std::size_t place) { return chunk.key(place); },
+          [&](std::size_t first, std::size_t length) { return buildHistory(chunk, first, length, operators, refused, run); });
+    } catch (...) {
+      clearAndDestroy();
+      throw;
+    }
+  }();
+  if (built) {
+    // The build passes over numbers without a digit, which insert refuses; they sort first.
+    for (std::size_t place = 0; place < keyed && chunk.key(place).length() == 0; ++place) refused.push_back(place);
+  } else {
+    insertSorted(chunk, operators, refused);
+  }
+  // Numbers with more digits than a key holds, one by one; their digits differ from every key's.
+  for (std::size_t place = keyed; place < chunk.size(); ++place) {
+    StoredHistory** const slot = ptrTreeM.payloadSlot(chunk.number(place).view());
+    if (slot == nullptr || !addToHistory(slot, translated(chunk, place, operators), true)) refused.push_back(place);
+  }
+}
+
+StoredHistory* NumberPortabilityTree::buildHistory(const RecordChunk& chunk, std::size_t first, std::size_t length,
+                                                   const std::vector<std::uint32_t>& operators,
+                                                   std::vector<std::size_t>& refused,
+                                                   std::vector<std::pair<StoredRecord, std::size_t>>& run) {
+  if (length == 1) {
+    StoredHistory* const history = historiesM.allocate(1);
+    history->data()[0] = translated(chunk, first, operators);
+    ++recordCountM;
+    return history;
+  }
+  // Newest first; among records of one date, the one added first stays and the rest are
+  // refused, as ordered inserts in the order of add would do.
+  run.clear();
+  for (std::size_t place = first; place < first + length; ++place) run.emplace_back(translated(chunk, place, operators), place);
+  std::stable_sort(run.begin(), run.end(), [](const auto& a, const auto& b) { return a.first.secs() > b.first.secs(); });
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < run.size(); ++i) {
+    if (kept != 0 && run[kept - 1].first.secs() == run[i].first.secs()) {
+      refused.push_back(run[i].second);
+      continue;
+    }
+    run[kept++] = run[i];
+  }
+  StoredHistory* const history = historiesM.allocate(static_cast<std::uint32_t>(kept));
+  for (std::size_t i = 0; i < kept; ++i) history->data()[i] = run[i].first;
+  recordCountM += static_cast<std::uint32_t>(kept);
+  return history;
+}
+
+void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::vector<std::uint32_t>& operators,
+                                         std::vector<std::size_t>& refused) {
+  char digits[batchCM][PBC::DigitKey::maxDigitsCM];
+  std::string_view numbers[batchCM];
+  StoredHistory** slots[batchCM];
+  const std::size_t count = chunk.keyedCount();
+  for (std::size_t first = 0; first < count; first += batchCM) {
+    const std::size_t batch = std::min(count - first, batchCM);
+    for (std::size_t i = 0; i < batch; ++i) {
+      const PBC::DigitKey key = chunk.key(first + i);
+      const unsigned length = key.length();
+      for (unsigned d = 0; d < length; ++d) digits[i][d] = PBC::PtrTreeDigits::character(key.digit(d));
+      numbers[i] = std::string_view(digits[i], length);
+    }
+    ptrTreeM.payloadSlots(numbers, batch, slots);
+    for (std::size_t i = 0; i < batch; ++i) {
+      if (slots[i] != nullptr && *slots[i] != nullptr) __builtin_prefetch(*slots[i]);
+    }
+    for (std::size_t i = 0; i < batch; ++i) {
+      if (slots[i] == nullptr || !addToHistory(slots[i], translated(chunk, first + i, operators), true)) {
+        refused.push_back(first + i);
+      }
+    }
+  }
+}
+
+bool NumberPortabilityTree::addToHistory(StoredHistory** slot, const StoredRecord& stored, bool ordered) {
   StoredHistory* const old = *slot;
   const std::uint32_t count = old != nullptr ? old->size() : 0;
   std::uint32_t position = count;
   if (ordered && old != nullptr) {
-    position = StoredHistory::findPosition(old->records(), record.validFromM);
+    position = StoredHistory::findPosition(old->records(), stored.validFrom());
     if (position == StoredHistory::takenCM) return false;
   }
   // A count that no longer fits is a block that cannot be had: reported like any other
   // allocation failure. Everything that can fail comes before the history changes.
   if (count == std::numeric_limits<std::uint32_t>::max()) throw std::bad_array_new_length();
-  const StoredRecord stored(record.validFromM, operatorsM.intern(record.networkOperatorM));
   StoredHistory* const grown = historiesM.allocate(count + 1);
   StoredRecord* const to = grown->data();
   if (old != nullptr) {

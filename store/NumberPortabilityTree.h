@@ -14,6 +14,7 @@
 #include "store/OperatorTable.h"
 #include "store/PrefixStack.h"
 #include "store/PtrTree.h"
+#include "store/RecordChunk.h"
 #include "store/StoredHistory.h"
 
 #include "BAS/DateTime.h"
@@ -25,6 +26,8 @@
 #include <iosfwd>
 #include <span>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace DAT::NumberPortability {
 
@@ -56,6 +59,15 @@ public:
   // overlap their cache misses, which makes loading several times faster.
   void insertMany(const std::string_view* numbers, const NumberPortabilityData* records, std::size_t count,
                   bool ordered, bool* accepted);
+
+  // Ordered insert of every record of `chunk`, after chunk.sort(), as single inserts in the
+  // order of add would do it: the places (RecordChunk) of the records refused are appended to
+  // `refused`, in no particular order. An empty tree builds itself from the sorted numbers in
+  // one pass, each node and history written once and in key order; a tree that holds records
+  // takes them in key order, so that the walks of neighbouring numbers share the nodes they
+  // wait for. Only reads the chunk: trees may take the same chunk at the same time. Out of
+  // memory propagates; an empty tree is then empty again, a filled one keeps what it took.
+  void insertChunk(const RecordChunk& chunk, std::vector<std::size_t>& refused);
 
   // True and `result` set to a copy of the record that holds for `number` at `dateTime` under
   // `method`; false and `result` untouched when none does. The number is used as given, its
@@ -143,7 +155,21 @@ private:
   static constexpr std::size_t printHeldBytesCM = std::size_t{32} << 20;
 
   // Adds `record` to the history in `*slot`, creating the history when there is none yet.
-  bool addToHistory(StoredHistory** slot, const NumberPortabilityData& record, bool ordered);
+  bool addToHistory(StoredHistory** slot, const StoredRecord& record, bool ordered);
+  // The history of the records of `chunk` at places first to first + length, all of one number,
+  // for the one-pass build: newest first, the first record of each date only; the places of
+  // the others go to `refused`. `run` is room that the calls share.
+  StoredHistory* buildHistory(const RecordChunk& chunk, std::size_t first, std::size_t length,
+                              const std::vector<std::uint32_t>& operators, std::vector<std::size_t>& refused,
+                              std::vector<std::pair<StoredRecord, std::size_t>>& run);
+  // insertChunk into a tree that holds records: in sorted order, a batch of walks at a time.
+  void insertSorted(const RecordChunk& chunk, const std::vector<std::uint32_t>& operators,
+                    std::vector<std::size_t>& refused);
+  // The record at `place` of `chunk` with this tree's operator index.
+  static StoredRecord translated(const RecordChunk& chunk, std::size_t place, const std::vector<std::uint32_t>& operators) {
+    const StoredRecord& record = chunk.stored(place);
+    return StoredRecord(record.validFrom(), operators[record.operatorIndex()]);
+  }
   // The record of `history` that holds at `dateTime`, with its operator text, into `result`.
   bool answer(const StoredHistory& history, const BAS::DateTime& dateTime, NumberPortabilityData& result) const {
     const StoredRecord* const found = StoredHistory::find(history.records(), dateTime);

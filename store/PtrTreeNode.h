@@ -17,6 +17,8 @@ template <class T, class Release>
 class PtrTreeBatchWalk;
 template <class T, class Release>
 class PtrTreeKeyOrderWalk;
+template <class T, class Release>
+class PtrTreeSortedBuild;
 template <class T>
 class PtrTreeWalker;
 
@@ -40,6 +42,8 @@ private:
   friend class PtrTreeBatchWalk;
   template <class, class>
   friend class PtrTreeKeyOrderWalk;
+  template <class, class>
+  friend class PtrTreeSortedBuild;
   template <class>
   friend class PtrTreeWalker;
 

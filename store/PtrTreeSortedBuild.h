@@ -1,0 +1,113 @@
+// Builds an empty decimal PBC::PtrTree from keys in sorted order, in one pass and without a
+// single move: each node is written once, in its final group, when the last key below its
+// parent has gone by. Inserting keys in file order instead waits on a random place of the node
+// array at every level and moves a node's children each time it gains one, which made loading
+// a national data set memory-bound. PtrTree::buildSorted hands its work to it. Runs alone, as
+// every change of the trie.
+#pragma once
+
+#include "store/DigitKey.h"
+#include "store/PtrTreeNode.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace PBC {
+
+template <class T, class Release>
+class PtrTree;
+
+template <class T, class Release>
+class PtrTreeSortedBuild {
+public:
+  using Tree = PtrTree<T, Release>;
+  using Node = PtrTreeNode<T>;
+
+  // PtrTree::buildSorted: keyAt(i) for i below count are the keys, sorted; for each run of equal
+  // keys with a digit, the node of that key gets payload make(first, length) (null for none).
+  // Runs of keys without a digit are passed over. The tree must hold its root only.
+  template <class KeyAt, class Make>
+  static void build(Tree& tree, std::size_t count, KeyAt&& keyAt, Make&& make) {
+    PtrTreeSortedBuild build(tree);
+    try {
+      DigitKey previous;
+      for (std::size_t first = 0; first < count;) {
+        const DigitKey key = keyAt(first);
+        std::size_t end = first + 1;
+        while (end < count && keyAt(end) == key) ++end;
+        if (key.length() != 0) {
+          build.openPath(key, key.commonPrefix(previous));
+          build.openNode(key.length()).dataM = make(first, end - first);
+          previous = key;
+        }
+        first = end;
+      }
+      build.closeDownTo(0);
+      build.close(0);
+    } catch (...) {
+      build.releaseStaged();
+      throw;
+    }
+    tree.nodesM[0] = build.rootM;
+  }
+
+private:
+  // The staged children of one open node.
+  struct Level {
+    Node nodes[16];
+    unsigned count = 0;
+  };
+
+  explicit PtrTreeSortedBuild(Tree& tree) : treeM(tree), rootM(tree.nodesM[0]) {}
+
+  // The open node at `depth`: the root, or the last child staged below the open node above.
+  Node& openNode(unsigned depth) noexcept {
+    return depth == 0 ? rootM : levelsM[depth - 1].nodes[levelsM[depth - 1].count - 1];
+  }
+
+  // Closes the open nodes deeper than `shared` and opens the nodes of `key` below it.
+  void openPath(const DigitKey& key, unsigned shared) {
+    closeDownTo(shared);
+    const unsigned length = key.length();
+    for (unsigned depth = shared; depth < length; ++depth) {
+      Node& parent = openNode(depth);
+      parent.digitsM = static_cast<std::uint16_t>(parent.digitsM | (1u << key.digit(depth)));
+      Level& level = levelsM[depth];
+      level.nodes[level.count++] = Node();
+    }
+    openM = length;
+  }
+
+  void closeDownTo(unsigned depth) {
+    for (; openM > depth; --openM) close(openM);
+  }
+
+  // The children of the open node at `depth` are final: they go to the array as one group.
+  void close(unsigned depth) {
+    Level& level = levelsM[depth];
+    if (level.count == 0) return;
+    const std::uint32_t group = treeM.newGroup(level.count);
+    std::memcpy(static_cast<void*>(treeM.nodesM + group), level.nodes, level.count * sizeof(Node));
+    treeM.liveM += level.count;
+    openNode(depth).childrenM = group;
+    level.count = 0;
+  }
+
+  // After a failure: the staged nodes' payloads are in no node of the array, where the tree's
+  // own clean-up would find them.
+  void releaseStaged() noexcept {
+    for (const Level& level : levelsM) {
+      for (unsigned i = 0; i < level.count; ++i) {
+        if (level.nodes[i].dataM != nullptr) Release()(level.nodes[i].dataM);
+      }
+    }
+  }
+
+  Tree& treeM;
+  Node rootM;  // written back to the array once the build is done
+  Level levelsM[DigitKey::maxDigitsCM + 1];  // levelsM[d]: the children of the open node at depth d
+  unsigned openM = 0;                        // depth of the deepest open node
+};
+
+}  // namespace PBC
