@@ -1,5 +1,7 @@
 #include "BAS/DateTime.h"
 
+#include <array>
+#include <cstring>
 #include <ctime>
 #include <ostream>
 
@@ -146,12 +148,21 @@ String DateTime::asString(std::string_view format, Zone zone) const {
 
 std::size_t DateTime::writeCompact(char (&out)[14]) const noexcept {
   if (!isValid()) return 0;
-  const Fields f = fieldsOf(secsM);
-  const int parts[] = {f.year / 100, f.year % 100, f.month, f.day, f.hour, f.minute, f.second};
-  for (int i = 0; i < 7; ++i) {
-    out[2 * i] = static_cast<char>('0' + parts[i] / 10);
-    out[2 * i + 1] = static_cast<char>('0' + parts[i] % 10);
-  }
+  // A dump writes one per record, tens of millions: the civil date alone (no day of the year)
+  // and two digits per table lookup.
+  static constexpr auto pairs = [] {
+    std::array<char, 200> table{};
+    for (int i = 0; i < 100; ++i) {
+      table[static_cast<std::size_t>(2 * i)] = static_cast<char>('0' + i / 10);
+      table[static_cast<std::size_t>(2 * i + 1)] = static_cast<char>('0' + i % 10);
+    }
+    return table;
+  }();
+  const Civil c = civilFromDays(static_cast<std::int64_t>(secsM / secsPerDay) + epochDays);
+  const auto rest = static_cast<unsigned>(secsM % secsPerDay);
+  const unsigned year = static_cast<unsigned>(c.year);
+  const unsigned parts[] = {year / 100, year % 100, c.month, c.day, rest / 3600, rest / 60 % 60, rest % 60};
+  for (std::size_t i = 0; i < 7; ++i) std::memcpy(out + 2 * i, pairs.data() + 2 * parts[i], 2);
   return 14;
 }
 
