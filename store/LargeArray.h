@@ -1,8 +1,9 @@
-// PBC::LargeArray is a growable array of plain values (trivially copyable) in one BAS::LargeBlock
-// backed by huge pages: growing it remaps the pages instead of copying them, and filling it
-// faults one huge page per two megabytes instead of one page per four kilobytes. A loader's
-// chunk of records (RecordChunk) keeps tens of millions of entries in one. Not synchronised:
-// one thread changes it; any number may read it while nobody does.
+// PBC::LargeArray is a growable array of plain values (trivially copyable) in one BAS::LargeBlock:
+// growing it remaps the pages instead of copying them. A loader's chunk of records (RecordChunk)
+// keeps tens of millions of entries in one for the length of one load. Small pages only: asking
+// for huge pages for memory that lives that briefly made the system compact memory at every
+// reload, moving pages under the lookups that read the active tree and stalling them for
+// milliseconds. Not synchronised: one thread changes it; any number may read it while nobody does.
 #pragma once
 
 #include "BAS/LargeBlock.h"
@@ -63,7 +64,7 @@ private:
   void grow(std::size_t least) {
     std::size_t capacity = std::max(capacityM * 2, BAS::LargeBlock::alignCM / sizeof(T));
     while (capacity < least) capacity *= 2;
-    dataM = static_cast<T*>(BAS::LargeBlock::resize(dataM, capacityM * sizeof(T), capacity * sizeof(T), true));
+    dataM = static_cast<T*>(BAS::LargeBlock::resize(dataM, capacityM * sizeof(T), capacity * sizeof(T), false));
     capacityM = capacity;
   }
 

@@ -174,7 +174,7 @@ void NumberPortabilityTree::copyFrom(const NumberPortabilityTree& other) {
   recordCountM = other.recordCountM;
 }
 
-void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const {
+void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner, const PBC::BothJobs& both) const {
   if (withBanner) {
     // The banner reaches a console or FIFO before the walk begins, so someone watching sees
     // that a dump has started even while a large tree is still being walked.
@@ -183,18 +183,42 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
       out.flush();
     }
   }
-  // A walk in key order waits on every node, since nodes lie in the order they were created.
-  // So the trie is cut into pieces, and several walkers take turns, one node each, each asking
-  // for its next node before the turn passes; their waits overlap. Each piece's lines collect
-  // in a text of their own, written out in piece order.
-  using Trie = decltype(ptrTreeM);
-  const std::vector<Trie::Piece> pieces = ptrTreeM.pieces(printPiecesCM, printCutDepthCM);
-  std::vector<std::string> texts(printWindowCM);  // piece i in texts[i % printWindowCM]
-  std::vector<bool> finished(printWindowCM, false);
-  std::size_t nextPiece = 0;    // the next piece a walker takes
-  std::size_t nextWritten = 0;  // the next piece to write
-  std::size_t heldBytes = 0;    // in the texts of pieces taken but not yet written
+  // The trie is cut into pieces whose lines collect in a text each. A window of pieces at a
+  // time is formatted by the two jobs, the first taking the smaller share, as it also writes
+  // out the window before in piece order; so no more than two windows' text is held.
+  const std::vector<Piece> pieces = ptrTreeM.pieces(printPiecesCM, printCutDepthCM);
+  std::vector<std::string> texts[2] = {std::vector<std::string>(printWindowCM), std::vector<std::string>(printWindowCM)};
+  const auto writeWindow = [&out](std::vector<std::string>& window) {
+    for (std::string& text : window) {
+      out.write(text.data(), static_cast<std::streamsize>(text.size()));
+      text.clear();
+    }
+  };
+  std::size_t window = 0;
+  for (std::size_t first = 0; first < pieces.size(); first += printWindowCM, ++window) {
+    const std::size_t end = std::min(first + printWindowCM, pieces.size());
+    const std::size_t middle = first + (end - first) * printFirstShareCM / 100;
+    std::vector<std::string>& current = texts[window % 2];
+    std::vector<std::string>& before = texts[(window + 1) % 2];
+    both(
+        [&] {
+          formatPieces(pieces, first, middle, current.data());
+          writeWindow(before);
+        },
+        [&] { formatPieces(pieces, middle, end, current.data() + (middle - first)); });
+  }
+  writeWindow(texts[(window + 1) % 2]);
+  // Deliberately not line by line, as a history's own printTree flushes: the records go out
+  // in the large texts of whole pieces and are flushed once, at the end, which makes the dump
+  // of millions of records many times faster than a flush per line would. A reader of a
+  // console or FIFO therefore sees them in large bursts; a file is finished by its close.
+  out.flush();
+}
 
+void NumberPortabilityTree::formatPieces(const std::vector<Piece>& pieces, std::size_t first, std::size_t end,
+                                         std::string* texts) const {
+  // A walk in key order waits on every node. So several walkers take turns, one node each,
+  // each asking for its next node before the turn passes; their waits overlap.
   // A history found by a walker is formatted two turns later: one turn for its count and first
   // records to arrive, one for the rest of its records.
   struct Found {
@@ -203,7 +227,7 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
   };
   struct Lane {
     Trie::Walker walker;
-    std::size_t piece = 0;
+    std::string* text = nullptr;
     bool busy = false;
     Found found[2];      // [0] waits for the rest of its records, [1] for its first line
     bool holding[2] = {false, false};
@@ -211,10 +235,7 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
   std::vector<Lane> lanes(printLanesCM);
 
   const auto format = [&](Lane& lane, Found& found) {
-    std::string& text = texts[lane.piece % printWindowCM];
-    const std::size_t before = text.size();
-    StoredHistory::appendLines(found.list->records(), operatorsM, text, found.key);
-    heldBytes += text.size() - before;
+    StoredHistory::appendLines(found.list->records(), operatorsM, *lane.text, found.key);
   };
   // One turn of a lane: format the oldest history, move the next one up, and take a step.
   const auto turn = [&](Lane& lane) {
@@ -238,38 +259,24 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner) const 
     }
     if (lane.holding[0]) format(lane, lane.found[0]);
     lane.holding[0] = false;
-    finished[lane.piece % printWindowCM] = true;
     lane.busy = false;
   };
 
+  std::size_t next = first;  // the next piece a walker takes
   for (;;) {
     bool anyBusy = false;
     for (Lane& lane : lanes) {
-      if (!lane.busy && nextPiece < pieces.size() && nextPiece < nextWritten + printWindowCM &&
-          heldBytes < printHeldBytesCM) {
-        lane.piece = nextPiece++;
+      if (!lane.busy && next < end) {
+        lane.text = texts + (next - first);
         lane.busy = true;
-        lane.walker.start(pieces[lane.piece]);
+        lane.walker.start(pieces[next++]);
       }
       if (!lane.busy) continue;
       anyBusy = true;
       turn(lane);
     }
-    while (nextWritten < nextPiece && finished[nextWritten % printWindowCM]) {
-      std::string& text = texts[nextWritten % printWindowCM];
-      out.write(text.data(), static_cast<std::streamsize>(text.size()));
-      heldBytes -= text.size();
-      text.clear();
-      finished[nextWritten % printWindowCM] = false;
-      ++nextWritten;
-    }
-    if (!anyBusy && nextPiece == pieces.size()) break;
+    if (!anyBusy) break;
   }
-  // Deliberately not line by line, as a history's own printTree flushes: the records go out
-  // in the large texts of whole pieces and are flushed once, at the end, which makes the dump
-  // of millions of records many times faster than a flush per line would. A reader of a
-  // console or FIFO therefore sees them in large bursts; a file is finished by its close.
-  out.flush();
 }
 
 }  // namespace DAT::NumberPortability

@@ -9,6 +9,7 @@
 // million numbers costs no more than a few resets.
 #pragma once
 
+#include "store/BothJobs.h"
 #include "store/HistoryArena.h"
 #include "store/NumberPortabilityData.h"
 #include "store/OperatorTable.h"
@@ -25,6 +26,7 @@
 #include <algorithm>
 #include <iosfwd>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -132,7 +134,8 @@ public:
   // Writes every record as a data-file line (number, 14-digit UTC date, operator), numbers in
   // key order, each history newest first; with the banner, three banner lines before them,
   // each flushed before anything else is written. The records are flushed once, at the end.
-  void printTree(std::ostream& out, bool withBanner) const;
+  // The formatting is split in two jobs for `both`, window by window.
+  void printTree(std::ostream& out, bool withBanner, const PBC::BothJobs& both = PBC::oneAfterTheOther) const;
 
   std::uint32_t recordCount() const noexcept { return recordCountM; }
   // Nodes of the trie, the root included.
@@ -145,14 +148,20 @@ private:
   static constexpr std::size_t searchPrefixRoomCM = 8;
 
   static constexpr std::size_t batchCM = 32;
+
+  using Trie = PBC::PtrTree<StoredHistory, PBC::PayloadsOwnedElsewhere>;
+  using Piece = Trie::Piece;
+  // The dump's lines of pieces first to end, piece first + i into texts[i].
+  void formatPieces(const std::vector<Piece>& pieces, std::size_t first, std::size_t end, std::string* texts) const;
   // The dump: pieces of the trie to cut (down to a depth that telephone numbers reach, so that
-  // a single long chain is not cut level by level), walkers taking turns, pieces and bytes of
-  // text held at most before the oldest piece is written.
+  // a single long chain is not cut level by level), walkers taking turns, and the pieces whose
+  // text is held before it is written (a thirty-second of a large tree).
   static constexpr std::size_t printPiecesCM = 16384;
   static constexpr std::size_t printCutDepthCM = 16;
   static constexpr std::size_t printLanesCM = 16;
-  static constexpr std::size_t printWindowCM = 4096;
-  static constexpr std::size_t printHeldBytesCM = std::size_t{32} << 20;
+  static constexpr std::size_t printWindowCM = 512;
+  // The share (percent) of a window that the first job formats: it also writes.
+  static constexpr std::size_t printFirstShareCM = 45;
 
   // Adds `record` to the history in `*slot`, creating the history when there is none yet.
   bool addToHistory(StoredHistory** slot, const StoredRecord& record, bool ordered);
@@ -178,7 +187,7 @@ private:
     return true;
   }
 
-  PBC::PtrTree<StoredHistory, PBC::PayloadsOwnedElsewhere> ptrTreeM;
+  Trie ptrTreeM;
   HistoryArena historiesM;   // the histories of the trie's numbers
   OperatorTable operatorsM;  // the operator texts that the records refer to
 

@@ -42,7 +42,7 @@ void RecordChunk::release() noexcept {
   std::vector<std::pair<std::uint32_t, std::string>>().swap(textsM);
 }
 
-void RecordChunk::sort(const Both& both) {
+void RecordChunk::sort(const PBC::BothJobs& both) {
   // A stable radix sort on the high words, a byte per pass, least significant first. Keys share
   // their leading digits (the access and country codes), and short numbers end in zeros, so
   // the passes over a byte that all keys share are left out. Each pass is split in two halves

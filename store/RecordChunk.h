@@ -6,6 +6,7 @@
 // reads. Used by one thread at a time; once sorted, any number of trees may read it at once.
 #pragma once
 
+#include "store/BothJobs.h"
 #include "store/DigitKey.h"
 #include "store/LargeArray.h"
 #include "store/NumberPortabilityData.h"
@@ -16,7 +17,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -59,17 +59,9 @@ public:
   // Forgets every record and returns the memory.
   void release() noexcept;
 
-  // Orders the records by number, in the order of add among equal numbers. `both(first,
-  // second)` must run the two jobs, at once where it can, and return when both have ended; the
-  // sort splits its passes between them.
-  using Both = std::function<void(const std::function<void()>&, const std::function<void()>&)>;
-  void sort(const Both& both);
-  void sort() {
-    sort([](const std::function<void()>& first, const std::function<void()>& second) {
-      first();
-      second();
-    });
-  }
+  // Orders the records by number, in the order of add among equal numbers; each pass of the
+  // sort is split in two jobs for `both`.
+  void sort(const PBC::BothJobs& both = PBC::oneAfterTheOther);
 
   // The records are read by place: places below keyedCount() are the records whose number has
   // at most DigitKey::maxDigitsCM digits, in sorted order once sort() ran; the places after
