@@ -8,6 +8,10 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <exception>
+#include <thread>
+#include <utility>
+#include <algorithm>
 #include <iostream>
 #include <string>
 #include <string_view>
@@ -87,60 +91,208 @@ void CacheManager::reportDuplicate(unsigned long lineNumber, const BAS::String& 
                          record.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC)});
 }
 
-bool CacheManager::batchLine(const BAS::String& line, unsigned long lineNumber, std::size_t kept,
+void CacheManager::chunkLine(const BAS::String& line, unsigned long lineNumber, std::size_t kept,
                              const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
-  LineBatch& batch = batchM;
-  const std::size_t index = batch.linesM++;
-  batch.lineNumbersM[index] = lineNumber;
-  batch.keptM[index] = kept;
-  const std::size_t parsed = batch.parsedM;
-  const bool good = parseLine(line, lineNumber, reader, 0, batch.numbersM[parsed], batch.recordsM[parsed]);
-  if (good) {
-    batch.numberViewsM[parsed] = batch.numbersM[parsed].view();
-    batch.parsedIndexM[index] = parsed;
-    ++batch.parsedM;
-  } else {
-    batch.parsedIndexM[index] = batchCM;
-    batch.rejectedM[index] = line;
-  }
-  if (batch.linesM == batchCM) flushBatch(reader, tree, reports);
-  return good;
+  LineBlock& block = blocksM[fillingM];
+  block.append(line.view(), lineNumber, kept);
+  if (block.full()) blockFilled(reader, tree, reports);
 }
 
-void CacheManager::flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
-  LineBatch& batch = batchM;
-  tree->insertMany(batch.numberViewsM, batch.recordsM, batch.parsedM, true, batch.acceptedM);
-  std::size_t taken = 0;  // lines whose record the tree kept
-  for (std::size_t i = 0; i < batch.linesM; ++i) {
-    const unsigned long lineNumber = batch.lineNumbersM[i];
-    const std::size_t parsed = batch.parsedIndexM[i];
-    if (parsed == batchCM) {
-      // Parsed again only to report it, now that the lines before it have had their messages.
-      parseLine(batch.rejectedM[i], lineNumber, reader, reports, numberM, recordM);
-      if (flaggedM != nullptr) flaggedM->push_back(FlaggedLine{batch.keptM[i], true, batch.rejectedM[i], {}});
-      continue;
-    }
-    if (batch.acceptedM[parsed]) {
-      ++taken;
-      continue;
-    }
-    for (int report = 0; report < reports; ++report) {
-      reportDuplicate(lineNumber, batch.numbersM[parsed], batch.recordsM[parsed], reader);
-    }
-    if (flaggedM != nullptr) {
-      flaggedM->push_back(FlaggedLine{batch.keptM[i], false, batch.numbersM[parsed], batch.recordsM[parsed]});
-    }
+void CacheManager::skipLine(unsigned long lineNumber, std::size_t kept, const STR::FileIoTurbo& reader,
+                            NumberPortabilityTree* tree, int reports) {
+  LineBlock& block = blocksM[fillingM];
+  block.appendFailed(lineNumber, kept);
+  if (block.full()) blockFilled(reader, tree, reports);
+}
+
+void CacheManager::blockFilled(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
+  // Parsing is most of the work of reading a data file. A full block goes to the helper thread
+  // when it is free, and is parsed here otherwise; the blocks go into the chunk in file order,
+  // each once it is parsed, so that this thread reads and adds while the helper parses.
+  const std::size_t full = fillingM;
+  if (helperM != nullptr && helpedBlockM == noBlockCM) {
+    helpedBlockM = full;
+    helperM->start([this, full, &reader] { blocksM[full].parse(parserM, reader.fileName()); });
+  } else {
+    blocksM[full].parse(parserM, reader.fileName());
   }
-  if (!secondPassM && batch.linesM > 0) {
-    // Once per batch, so that a display reading the figures costs the loader nothing per line.
+  pendingBlocksM[pendingCountM++] = full;
+  addParsedBlocks(reader, pendingCountM == blockCountCM - 1);
+  // The next block to fill is one that is not waiting.
+  fillingM = 0;
+  while (std::find(pendingBlocksM, pendingBlocksM + pendingCountM, fillingM) != pendingBlocksM + pendingCountM) ++fillingM;
+  if (chunkM.recordsM.size() + chunkM.skippedM.size() >= chunkLinesM) insertChunk(reader, tree, reports);
+}
+
+void CacheManager::addParsedBlocks(const STR::FileIoTurbo& reader, bool wait) {
+  std::size_t added = 0;
+  for (; added < pendingCountM; ++added) {
+    const std::size_t block = pendingBlocksM[added];
+    if (block == helpedBlockM) {
+      if (!wait && helperM->busy()) break;
+      helpedBlockM = noBlockCM;
+      helperM->finish();
+    }
+    addBlock(blocksM[block], reader);
+    blocksM[block].clear();
+  }
+  std::copy(pendingBlocksM + added, pendingBlocksM + pendingCountM, pendingBlocksM);
+  pendingCountM -= added;
+}
+
+void CacheManager::takeBlocks(const STR::FileIoTurbo& reader) {
+  LineBlock& last = blocksM[fillingM];
+  if (!last.empty()) {
+    last.parse(parserM, reader.fileName());
+    pendingBlocksM[pendingCountM++] = fillingM;
+  }
+  addParsedBlocks(reader, true);
+  fillingM = 0;
+}
+
+void CacheManager::addBlock(const LineBlock& block, const STR::FileIoTurbo& reader) {
+  if (block.empty()) return;
+  LineChunk& chunk = chunkM;
+  RecordChunk& records = chunk.recordsM;
+  if (chunk.empty()) {
+    chunk.firstLineM = block.firstLine();
+    chunk.firstKeptM = block.firstKept();
+  }
+  // The block's operator indexes to the chunk's.
+  std::vector<std::uint32_t>& operators = chunk.operatorsM;
+  operators.resize(block.operators().size());
+  for (std::size_t i = 0; i < operators.size(); ++i) operators[i] = records.intern(block.operators().text(i));
+  std::size_t taken = 0;
+  std::size_t rejected = 0;
+  for (std::size_t i = 0; i < block.size(); ++i) {
+    switch (block.kind(i)) {
+      case LineBlock::Kind::failed:
+        chunk.skippedM.push_back(SkippedLine{records.size(), false, {}});
+        continue;
+      case LineBlock::Kind::rejected:
+        chunk.skippedM.push_back(SkippedLine{records.size(), true, BAS::String(block.line(i))});
+        ++rejected;
+        break;
+      case LineBlock::Kind::parsed: {
+        const StoredRecord& record = block.record(i);
+        records.add(block.number(i), block.numberText(i), StoredRecord(record.validFrom(), operators[record.operatorIndex()]));
+        ++taken;
+        break;
+      }
+    }
+    chunk.lastGoodM = block.kind(i) == LineBlock::Kind::parsed;
+  }
+  if (!secondPassM) {
+    // Once per block, so that a display reading the figures costs the loader nothing per line.
+    // A duplicate is known only once the chunk is inserted: until then it counts as taken.
     const long position = reader.stream() != nullptr ? std::ftell(reader.stream()) : -1;
-    progressM.addBatch(taken, batch.linesM - taken,
+    progressM.addBatch(taken, rejected,
                        position >= 0 ? static_cast<std::uint64_t>(position)
                                      : progressM.bytesReadM.load(std::memory_order_relaxed));
   }
-  batch.linesM = 0;
-  batch.parsedM = 0;
 }
+
+PBC::BothJobs CacheManager::bothJobs() {
+  if (helperM == nullptr) return PBC::oneAfterTheOther;
+  return [helper = helperM](const std::function<void()>& first, const std::function<void()>& second) {
+    helper->start(second);
+    try {
+      first();
+    } catch (...) {
+      helper->finish();
+      throw;
+    }
+    helper->finish();
+  };
+}
+
+void CacheManager::flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
+  takeBlocks(reader);
+  insertChunk(reader, tree, reports);
+}
+
+void CacheManager::insertChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
+  LineChunk& chunk = chunkM;
+  RecordChunk& records = chunk.recordsM;
+  records.sort(bothJobs());
+  std::vector<std::size_t>& refused = chunk.refusedM;
+  refused.clear();
+  if (mirrorM == nullptr) {
+    tree->insertChunk(records, refused);
+  } else {
+    // The mirror takes the same sorted records beside the tree, instead of being copied
+    // afterwards; it refuses the same ones.
+    std::vector<std::size_t> mirrorRefused;
+    bothJobs()([&] { tree->insertChunk(records, refused); }, [&] { mirrorM->insertChunk(records, mirrorRefused); });
+  }
+
+  // The reports in file order: the skipped lines fall between the records.
+  std::vector<std::pair<std::uint32_t, std::size_t>>& refusals = chunk.refusalsM;  // index and place
+  refusals.clear();
+  for (const std::size_t place : refused) refusals.emplace_back(records.index(place), place);
+  std::sort(refusals.begin(), refusals.end());
+  unsigned long lineNumber = chunk.firstLineM;
+  std::size_t kept = chunk.firstKeptM;
+  auto skipped = chunk.skippedM.cbegin();
+  const auto passSkipped = [&](std::size_t recordsBefore) {
+    for (; skipped != chunk.skippedM.cend() && skipped->recordsBeforeM == recordsBefore; ++skipped, ++lineNumber) {
+      if (!skipped->rejectedM) continue;
+      // Parsed again only to report it, now that the lines before it have had their messages.
+      parseLine(skipped->textM, lineNumber, reader, reports, numberM, recordM);
+      if (flaggedM != nullptr) flaggedM->push_back(FlaggedLine{kept, true, skipped->textM, {}});
+      ++kept;
+    }
+  };
+  auto refusal = refusals.cbegin();
+  for (std::size_t i = 0;; ++i) {
+    passSkipped(i);
+    if (i == records.size()) break;
+    if (refusal != refusals.cend() && refusal->first == i) {
+      const BAS::String number = records.number(refusal->second);
+      const NumberPortabilityData record = records.record(refusal->second);
+      for (int report = 0; report < reports; ++report) reportDuplicate(lineNumber, number, record, reader);
+      if (flaggedM != nullptr) flaggedM->push_back(FlaggedLine{kept, false, number, record});
+      ++refusal;
+    }
+    ++lineNumber;
+    ++kept;
+  }
+  if (!secondPassM) progressM.refuse(refused.size());
+  records.clear();
+  chunk.skippedM.clear();
+}
+
+// The helper thread of an operation that reads a file; at its end, the memory that the chunk
+// took goes back, as it would otherwise stay with the manager beside the trees.
+struct CacheManager::OperationScope {
+  explicit OperationScope(CacheManager& manager) : managerM(manager) { managerM.helperM = &helperM; }
+  ~OperationScope() {
+    // After a failure, blocks may still wait; the helper's job, if any, has ended once the
+    // helper is gone, so they are forgotten at the very end.
+    managerM.helperM = nullptr;
+    managerM.mirrorM = nullptr;
+    managerM.chunkM.recordsM.release();
+    std::vector<std::size_t>().swap(managerM.chunkM.refusedM);
+    std::vector<std::pair<std::uint32_t, std::size_t>>().swap(managerM.chunkM.refusalsM);
+    std::vector<SkippedLine>().swap(managerM.chunkM.skippedM);
+  }
+  // Runs last: the helper thread has ended.
+  struct Forget {
+    ~Forget() {
+      for (LineBlock& block : managerM.blocksM) block.clear();
+      managerM.pendingCountM = 0;
+      managerM.fillingM = 0;
+      managerM.helpedBlockM = noBlockCM;
+    }
+    CacheManager& managerM;
+  };
+  OperationScope(const OperationScope&) = delete;
+  OperationScope& operator=(const OperationScope&) = delete;
+
+  CacheManager& managerM;
+  Forget forgetM{managerM};
+  HelperThread helperM;
+};
 
 bool CacheManager::insertCache(NumberPortabilityTree* tree, const BAS::String& line, unsigned long lineNumber,
                                bool orderedInsert, STR::FileIoTurbo& reader) {
@@ -163,18 +315,23 @@ bool CacheManager::load() {
     return true;
   }
 
+  const OperationScope operation(*this);
+  // Into two empty trees, the standby tree takes each chunk beside the active one; otherwise it
+  // becomes a copy of the active tree at the end.
+  mirrorM = active()->recordCount() == 0 && standby()->recordCount() == 0 ? standby() : nullptr;
   unsigned long lineNumber = 1;
   while (true) {
     lineM = BAS::NULL_STRING;
     const bool delivered = dataFileReaderM.readLine(lineM);
     if (!delivered || atEnd(dataFileReaderM)) break;
-    // Parsed and inserted once, and the standby tree made a copy of the active one below; a
+    // Parsed once and inserted into both trees (or copied into the standby one below); a
     // rejected line is still reported once per tree.
-    batchLine(lineM, lineNumber, lineNumber - 1, dataFileReaderM, active(), 2);
+    chunkLine(lineM, lineNumber, lineNumber - 1, dataFileReaderM, active(), 2);
     ++lineNumber;
   }
-  flushBatch(dataFileReaderM, active(), 2);
-  standby()->copyFrom(*active());
+  flushChunk(dataFileReaderM, active(), 2);
+  if (mirrorM == nullptr) standby()->copyFrom(*active());
+  mirrorM = nullptr;
   standbyStaleM = false;
   if (atEnd(dataFileReaderM)) {
     plugInM->reportStatus("INF_FILE_EOF", BAS::Status::NORMAL, dataFileReaderM.fileName());
@@ -193,7 +350,7 @@ void CacheManager::exchangeTrees() {
 bool CacheManager::readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reader, KeptLines* kept,
                             std::vector<FlaggedLine>* flagged) {
   const ProgressScope progress(progressM, reader);
-  bool lastResult = false;
+  chunkM.lastGoodM = false;
   unsigned long lineNumber = 1;
   std::size_t processed = 0;
   unsigned failedInRow = 0;
@@ -202,16 +359,19 @@ bool CacheManager::readInto(NumberPortabilityTree* tree, STR::FileIoTurbo& reade
     lineM = BAS::NULL_STRING;
     const bool delivered = reader.readLine(lineM);
     if (delivered && !atEnd(reader)) {
-      lastResult = batchLine(lineM, lineNumber, processed++, reader, tree, 1);
+      chunkLine(lineM, lineNumber, processed++, reader, tree, 1);
       if (kept != nullptr) kept->append(lineM.view());
+    } else if (!delivered) {
+      skipLine(lineNumber, processed, reader, tree, 1);
     }
     // A line that the reader failed to deliver before the end is skipped but still counted.
     failedInRow = delivered ? 0 : failedInRow + 1;
     ++lineNumber;
   }
-  flushBatch(reader, tree, 1);
+  flushChunk(reader, tree, 1);
   flaggedM = nullptr;
-  return lastResult;
+  // As insertCache gives it for the last processed line.
+  return chunkM.lastGoodM;
 }
 
 void CacheManager::insertKeptLines(NumberPortabilityTree* tree, const KeptLines& lines, STR::FileIoTurbo& reader) {
@@ -219,9 +379,9 @@ void CacheManager::insertKeptLines(NumberPortabilityTree* tree, const KeptLines&
   for (std::size_t i = 0; i < lines.size(); ++i) {
     const std::string_view text = lines[i];
     lineM.assign(text.data(), text.size());
-    batchLine(lineM, i + 1, i, reader, tree, 1);
+    chunkLine(lineM, i + 1, i, reader, tree, 1);
   }
-  flushBatch(reader, tree, 1);
+  flushChunk(reader, tree, 1);
   secondPassM = false;
 }
 
@@ -240,6 +400,7 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
   if (dataFileReaderM.isOpen()) dataFileReaderM.closeFile();
   dataFileReaderM.openFile(fileNameM, openModeCM);
 
+  const OperationScope operation(*this);
   NumberPortabilityTree* fresh = standby();
   fresh->clearAndDestroy();
   std::vector<FlaggedLine> flagged;
@@ -280,6 +441,7 @@ bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
   if (deltaFileReaderM.isOpen()) deltaFileReaderM.closeFile();
   deltaFileReaderM.openFile(deltaFileName, openModeCM);
   if (standbyStaleM) restoreStandby();
+  const OperationScope operation(*this);
 
   KeptLines kept;
   kept.reserveFor(deltaFileName);
@@ -291,7 +453,7 @@ bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
 
   {
     STR::FileIo output(fileNameM, std::ios_base::out);
-    standby()->printTree(output.stream(), false);
+    standby()->printTree(output.stream(), false, bothJobs());
     output.closeFile();
   }
 
@@ -304,12 +466,13 @@ bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
 }
 
 bool CacheManager::printData(const BAS::String& fileName) {
+  const OperationScope operation(*this);
   BAS::ReadLocker locker(cacheLockM);
   if (fileName == BAS::NULL_STRING) {
-    activeTreeM->printTree(std::cout, true);
+    activeTreeM->printTree(std::cout, true, bothJobs());
   } else {
     STR::FileIo output(fileName, std::ios_base::out);
-    activeTreeM->printTree(output.stream(), true);
+    activeTreeM->printTree(output.stream(), true, bothJobs());
     output.closeFile();
   }
   return true;

@@ -4,7 +4,9 @@
 //
 // Thread contract: search() may run in any number of threads at once. load, cacheReload,
 // cacheDeltaLoad and printData must not run at the same time as one another; the plug-in
-// serialises them. Lookups wait only while the two tree pointers are exchanged.
+// serialises them. Lookups wait only while the two tree pointers are exchanged. Each of those
+// operations starts a helper thread of its own (parsing, sorting, filling the second tree,
+// formatting a dump beside it) and ends it before it returns.
 #pragma once
 
 #include "BAS/DateTime.h"
@@ -15,12 +17,16 @@
 #include "STR/FileIoTurbo.h"
 #include "cache/CacheOwner.h"
 #include "cache/DataLineParser.h"
+#include "cache/HelperThread.h"
+#include "cache/LineBlock.h"
 #include "cache/KeptLines.h"
 #include "cache/LoadProgress.h"
 #include "store/NumberPortabilityData.h"
 #include "store/NumberPortabilityTree.h"
+#include "store/RecordChunk.h"
 
 #include <cstddef>
+#include <utility>
 #include <string_view>
 #include <vector>
 
@@ -79,10 +85,20 @@ public:
   void normalize(BAS::String& number) const { parserM.normalize(number); }
   // The parser that reads the data lines, with the owner's codes; the benchmark times it alone.
   const DataLineParser& parser() const { return parserM; }
+  // Lines that a load, reload or delta load gathers before it inserts them into a tree (a block
+  // of lines at least): fewer keep less memory aside while a file is read, more load faster, as
+  // an empty tree is built from its first chunk in one pass. 16 Mi lines unless set. Not while
+  // an operation runs.
+  void setChunkLines(std::size_t lines) { chunkLinesM = lines; }
   // How far the operation in progress has read its file; readable from any thread.
   const LoadProgress& progress() const { return progressM; }
 
 private:
+  // Lines parsed and waiting to be inserted together: a tree takes a whole chunk sorted by
+  // number, which builds an empty tree in one pass. Bounded, so that what a chunk holds (about
+  // fifty bytes a record) stays small beside the trees of a national data set.
+  std::size_t chunkLinesM = std::size_t{1} << 24;
+
   // The operation in progress is the only writer of the tree pointers, so it may read them
   // without the lock; lookups only ever read them too.
   NumberPortabilityTree* active() const NO_THREAD_SAFETY_ANALYSIS { return activeTreeM; }
@@ -104,20 +120,38 @@ private:
   void restoreStandby();
   // Reads one data line into `number` and `record` with the parser, as insertCache does; a
   // rejected line is reported `reports` times (once per tree it was meant for; 0 while
-  // it waits in the batch) and gives false.
+  // it waits in the chunk) and gives false.
   bool parseLine(const BAS::String& line, unsigned long lineNumber, const STR::FileIoTurbo& reader, int reports,
                  BAS::String& number, NumberPortabilityData& record);
   // Reports that a tree refused the record of `number` as a duplicate.
   void reportDuplicate(unsigned long lineNumber, const BAS::String& number, const NumberPortabilityData& record,
                        const STR::FileIoTurbo& reader);
-  // Parses a line into the batch, which is inserted into `tree` once it is full; the result is
-  // what insertCache gives for the line. `kept` is the line's place among the processed lines.
-  bool batchLine(const BAS::String& line, unsigned long lineNumber, std::size_t kept, const STR::FileIoTurbo& reader,
+  // Takes line `lineNumber` into the chunk, which is inserted into `tree` once it is full.
+  // `kept` is the line's place among the processed lines.
+  void chunkLine(const BAS::String& line, unsigned long lineNumber, std::size_t kept, const STR::FileIoTurbo& reader,
                  NumberPortabilityTree* tree, int reports);
-  // Inserts the batch into the tree and reports its rejected lines and duplicates, line by
+  // Notes line `lineNumber`, which the reader failed to deliver, in the chunk's line count.
+  void skipLine(unsigned long lineNumber, std::size_t kept, const STR::FileIoTurbo& reader, NumberPortabilityTree* tree,
+                int reports);
+  // The lines read have filled a block: it is parsed (on the helper thread when that is free),
+  // the parsed blocks go into the chunk, and the chunk is inserted once it is full.
+  void blockFilled(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports);
+  // Adds the parsed blocks at the front of the waiting ones to the chunk; with `wait`, all of
+  // them, waiting for the helper where it still parses one.
+  void addParsedBlocks(const STR::FileIoTurbo& reader, bool wait);
+  // Parses the block being filled and adds every waiting block to the chunk.
+  void takeBlocks(const STR::FileIoTurbo& reader);
+  // Adds what a parsed block gave to the chunk.
+  void addBlock(const LineBlock& block, const STR::FileIoTurbo& reader);
+  // Inserts what was read into the tree and reports its rejected lines and duplicates, line by
   // line in file order, each `reports` times: once per tree that gets (or will get by a copy)
   // the same lines, as single inserts into each would.
-  void flushBatch(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports);
+  void flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports);
+  // Two jobs at once, the second on the operation's helper thread; one after the other outside
+  // an operation.
+  PBC::BothJobs bothJobs();
+  // flushChunk for the chunk alone, its blocks taken.
+  void insertChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports);
 
   // A processed line that gave a report in the first pass: its place among the processed
   // lines and what the report needs again (the line if it was rejected, else the duplicate).
@@ -128,21 +162,27 @@ private:
     NumberPortabilityData recordM;
   };
 
-  static constexpr std::size_t batchCM = 64;
 
-  // Lines parsed and waiting to be inserted together; the loaders insert a data file in
-  // batches, so that the trie walks of a batch overlap their cache misses.
-  struct LineBatch {
-    std::size_t linesM = 0;   // lines in the batch
-    std::size_t parsedM = 0;  // of them parsed into numbersM and recordsM
-    unsigned long lineNumbersM[batchCM] = {};
-    std::size_t keptM[batchCM] = {};  // each line's place among the processed lines
-    std::size_t parsedIndexM[batchCM] = {};  // index into numbersM and recordsM, or batchCM for a rejected line
-    BAS::String rejectedM[batchCM];          // the text of each rejected line, reported when the batch is inserted
-    BAS::String numbersM[batchCM];
-    std::string_view numberViewsM[batchCM];
-    NumberPortabilityData recordsM[batchCM];
-    bool acceptedM[batchCM] = {};
+  // A line of the chunk that gave no record: a rejected line (with its text), or one that the
+  // reader failed to deliver; after `recordsBeforeM` records of the chunk.
+  struct SkippedLine {
+    std::size_t recordsBeforeM = 0;
+    bool rejectedM = false;
+    BAS::String textM;
+  };
+
+  struct OperationScope;
+
+  struct LineChunk {
+    RecordChunk recordsM;
+    std::vector<SkippedLine> skippedM;  // in file order
+    unsigned long firstLineM = 0;       // the line number of the chunk's first line
+    std::size_t firstKeptM = 0;         // and its place among the processed lines
+    std::vector<std::uint32_t> operatorsM;  // addBlock's room: a block's operator indexes to the chunk's
+    std::vector<std::size_t> refusedM;  // the places of the records the tree refused
+    std::vector<std::pair<std::uint32_t, std::size_t>> refusalsM;  // their indexes and places, in file order
+    bool lastGoodM = false;             // the last line processed gave a record
+    bool empty() const { return recordsM.empty() && skippedM.empty(); }
   };
 
   BAS::String fileNameM;
@@ -168,8 +208,19 @@ private:
   BAS::String lineM;              // the line being read, reused across lines
   BAS::String numberM;            // the normalised number of a line parsed on its own
   NumberPortabilityData recordM;  // the record of a line parsed on its own
-  LineBatch batchM;               // lines waiting to be inserted together
-  std::vector<FlaggedLine>* flaggedM = nullptr;  // where flushBatch notes the lines it reported
+  LineChunk chunkM;               // lines waiting to be inserted together
+  static constexpr std::size_t blockCountCM = 4;
+  static constexpr std::size_t noBlockCM = blockCountCM;
+  LineBlock blocksM[blockCountCM];  // lines read, to be parsed and added to the chunk
+  std::size_t fillingM = 0;         // the block that takes the next line
+  std::size_t pendingBlocksM[blockCountCM] = {};  // the full blocks not yet added, in file order
+  std::size_t pendingCountM = 0;
+  // The block that the helper thread parses, or noBlockCM. The helper writes only into that
+  // block, and this thread touches it only after HelperThread::finish.
+  std::size_t helpedBlockM = noBlockCM;
+  HelperThread* helperM = nullptr;  // the operation's helper thread; null outside an operation
+  std::vector<FlaggedLine>* flaggedM = nullptr;  // where flushChunk notes the lines it reported
+  NumberPortabilityTree* mirrorM = nullptr;      // a tree that flushChunk fills beside the one it is given
   bool secondPassM = false;       // the kept lines are inserted again: the figures have them already
   LoadProgress progressM;         // written by the operation in progress only; see its fields
 };

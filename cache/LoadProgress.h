@@ -37,6 +37,12 @@ struct LoadProgress {
     linesReadM.fetch_add(taken + rejected, std::memory_order_relaxed);
     bytesReadM.store(bytesRead, std::memory_order_relaxed);
   }
+  // Moves `lines` counted as taken to the rejected ones: duplicates, found once their lines
+  // are inserted.
+  void refuse(std::uint64_t lines) {
+    linesTakenM.fetch_sub(lines, std::memory_order_relaxed);
+    linesRejectedM.fetch_add(lines, std::memory_order_relaxed);
+  }
   void end() { loadingM.store(false, std::memory_order_relaxed); }
 };
 

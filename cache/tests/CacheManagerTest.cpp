@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <random>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -24,7 +26,8 @@ const std::string initialDump =
 const std::string newDump = "004930700001  20200101000000  NEW1\n";
 
 struct Cache {
-  explicit Cache(const std::string& content = initialData) {
+  explicit Cache(const std::string& content = initialData, std::size_t chunkLines = 0) {
+    if (chunkLines != 0) cache.setChunkLines(chunkLines);
     NpTest::writeText(data, content);
     EXPECT_TRUE(cache.load());
     loadReports = owner.take();
@@ -132,6 +135,81 @@ TEST(CacheManager, ReloadAndDeltaLoadChangeBothTreesAndTheMainFile) {
     Cache again(NpTest::readText(c.data));  // the rewritten main file loads without a rejection
     EXPECT_EQ(again.loadReports, (Reports{{"INF_FILE_EOF", 1, {again.data}}}));
     EXPECT_EQ(again.content(), row.content);
+  }
+}
+
+// Lines are read in blocks, parsed on two threads and inserted a chunk at a time, each chunk
+// sorted by number: a line lost or counted twice at a block's or a chunk's edge, a report out
+// of line order or naming the wrong line, or a later record of a date winning over the first
+// would show here against what inserting the lines one by one gives.
+// Thousands of reports: the first that differs, rather than both lists whole.
+void expectSameReports(const Reports& actual, const Reports& expected) {
+  const auto [differs, wanted] = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
+  if (differs == actual.end() && wanted == expected.end()) return;
+  ADD_FAILURE() << "report " << (differs - actual.begin()) << " of " << actual.size() << " (expected " << expected.size()
+                << "): " << (differs == actual.end() ? std::string("none") : testing::PrintToString(*differs))
+                << ", expected " << (wanted == expected.end() ? std::string("none") : testing::PrintToString(*wanted));
+}
+
+TEST(CacheManager, ManyBlocksAndChunksGiveTheReportsAndRecordsOfSingleInsertsInLineOrder) {
+  std::mt19937 random(5);
+  const std::string file = NpTest::TempDirectory().path("np.txt");  // the name only, for the reports
+  std::string text;
+  std::vector<std::string> numbers;
+  Reports reports;  // of one pass over the lines, in line order
+  DAT::NumberPortability::NumberPortabilityTree reference;
+  for (unsigned long line = 1; line <= 70000; ++line) {
+    if (random() % 500 == 0) {
+      text += "bad" + std::to_string(line) + "\n";
+      reports.push_back(NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", "", line, {"1", "3", "bad" + std::to_string(line)}));
+      continue;
+    }
+    // Mostly new numbers; now and then an earlier number again, with one of two dates, so that
+    // histories grow and a date already stored is refused.
+    const bool again = !numbers.empty() && random() % 8 == 0;
+    const std::string number = again ? numbers[random() % numbers.size()] : "004930" + std::to_string(random() % 10000000);
+    if (!again) numbers.push_back(number);
+    const std::string date = random() % 2 == 0 ? "20200101000000" : "20210101000000";
+    const std::string op = "OP" + std::to_string(line % 97);
+    text += number + " " + date + " " + op + "\n";
+    const DAT::NumberPortability::NumberPortabilityData record{BAS::DateTime(std::string_view(date)),
+                                                               BAS::SimpleString(std::string_view(op))};
+    if (!reference.insert(BAS::String(number), record, true)) {
+      reports.push_back(NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", "", line, {number, date}));
+    }
+  }
+  ASSERT_GT(reports.size(), 1000U);
+  std::ostringstream referenceDump;
+  reference.printTree(referenceDump, false);
+  // The reports name the file of the cache at hand.
+  const auto in = [](Reports list, const std::string& data) {
+    for (Report& report : list) {
+      std::string& where = report.id == "ERR_DUPLICATE_NUMPORTDATA" ? report.args.front() : report.args.back();
+      where.replace(where.find("''"), 2, "'" + data + "'");
+    }
+    return list;
+  };
+
+  for (const std::size_t chunkLines : {std::size_t{1} << 24, std::size_t{30000}}) {
+    SCOPED_TRACE(chunkLines);
+    Cache c(text, chunkLines);
+    Reports twice;  // a load reports each line once per tree
+    for (const Report& report : in(reports, c.data)) twice.insert(twice.end(), {report, report});
+    twice.push_back({"INF_FILE_EOF", 1, {c.data}});
+    expectSameReports(c.loadReports, twice);
+    EXPECT_TRUE(c.bothTrees() == referenceDump.str()) << "the trees differ from single inserts";
+
+    // A reload reports each line in a first pass, then again for the other tree. (The delta
+    // load of bothTrees rewrote the file.)
+    NpTest::writeText(c.data, text);
+    c.owner.take();
+    ASSERT_TRUE(c.cache.cacheReload(false));
+    const Reports once = in(reports, c.data);
+    Reports again = once;
+    again.insert(again.end(), once.begin(), once.end());
+    again.push_back({"INF_DELETE_OLD_DATA", 1, {"NumberPortability"}});
+    expectSameReports(c.owner.take(), again);
+    EXPECT_TRUE(c.bothTrees() == referenceDump.str()) << "the trees differ from single inserts";
   }
 }
 

@@ -1,0 +1,46 @@
+// DAT::NumberPortability::HelperThread is a second thread that a load, reload or delta load
+// keeps for its duration, to run one job at a time beside its own work on the machine's other
+// processor: parsing every second block of lines, filling the standby tree beside the active
+// one. The operation that owns it is its only client. start() and finish() are called by that
+// one thread; the job runs on the helper.
+#pragma once
+
+#include "BAS/ConditionVariable.h"
+#include "BAS/Mutex.h"
+#include "BAS/ThreadAnnotations.h"
+
+#include <exception>
+#include <functional>
+#include <thread>
+
+namespace DAT::NumberPortability {
+
+class HelperThread {
+public:
+  HelperThread();
+  // Waits for a job still running, then ends the thread.
+  ~HelperThread();
+  HelperThread(const HelperThread&) = delete;
+  HelperThread& operator=(const HelperThread&) = delete;
+
+  // Hands `job` to the helper and returns at once. REQUIRES: the job before was finished.
+  void start(std::function<void()> job) EXCLUDES(mutexM);
+  // Waits until the job given to start has ended; rethrows what it threw. Returns at once when
+  // no job was given.
+  void finish() EXCLUDES(mutexM);
+  // Whether the job given to start is still running.
+  bool busy() EXCLUDES(mutexM);
+
+private:
+  void run() EXCLUDES(mutexM);
+
+  BAS::Mutex mutexM;
+  BAS::ConditionVariable changedM;  // notified when any field that mutexM guards changes
+  std::function<void()> jobM GUARDED_BY(mutexM);
+  bool busyM GUARDED_BY(mutexM) = false;  // a job was given and has not ended
+  bool stopM GUARDED_BY(mutexM) = false;
+  std::exception_ptr failureM GUARDED_BY(mutexM);
+  std::thread threadM;  // started by the constructor, joined by the destructor: no lock
+};
+
+}  // namespace DAT::NumberPortability
