@@ -262,35 +262,33 @@ void CacheManager::insertChunk(const STR::FileIoTurbo& reader, NumberPortability
   chunk.skippedM.clear();
 }
 
-// The helper thread of an operation that reads a file; at its end, the memory that the chunk
-// took goes back, as it would otherwise stay with the manager beside the trees.
+// The helper thread of an operation that reads a file. At its end the helper thread ends
+// first (a job it still runs after a failure finishes), then the blocks and the chunk are
+// forgotten and the chunk's memory goes back, as it would otherwise stay with the manager
+// beside the trees.
 struct CacheManager::OperationScope {
-  explicit OperationScope(CacheManager& manager) : managerM(manager) { managerM.helperM = &helperM; }
-  ~OperationScope() {
-    // After a failure, blocks may still wait; the helper's job, if any, has ended once the
-    // helper is gone, so they are forgotten at the very end.
-    managerM.helperM = nullptr;
-    managerM.mirrorM = nullptr;
-    managerM.chunkM.recordsM.release();
-    std::vector<std::size_t>().swap(managerM.chunkM.refusedM);
-    std::vector<std::pair<std::uint32_t, std::size_t>>().swap(managerM.chunkM.refusalsM);
-    std::vector<SkippedLine>().swap(managerM.chunkM.skippedM);
-  }
-  // Runs last: the helper thread has ended.
+  explicit OperationScope(CacheManager& manager) : forgetM{manager} { manager.helperM = &helperM; }
+  OperationScope(const OperationScope&) = delete;
+  OperationScope& operator=(const OperationScope&) = delete;
+
+  // Destroyed after the helper thread.
   struct Forget {
     ~Forget() {
+      managerM.helperM = nullptr;
+      managerM.mirrorM = nullptr;
       for (LineBlock& block : managerM.blocksM) block.clear();
       managerM.pendingCountM = 0;
       managerM.fillingM = 0;
       managerM.helpedBlockM = noBlockCM;
+      LineChunk& chunk = managerM.chunkM;
+      chunk.recordsM.release();
+      std::vector<std::size_t>().swap(chunk.refusedM);
+      std::vector<std::pair<std::uint32_t, std::size_t>>().swap(chunk.refusalsM);
+      std::vector<SkippedLine>().swap(chunk.skippedM);
     }
     CacheManager& managerM;
   };
-  OperationScope(const OperationScope&) = delete;
-  OperationScope& operator=(const OperationScope&) = delete;
-
-  CacheManager& managerM;
-  Forget forgetM{managerM};
+  Forget forgetM;
   HelperThread helperM;
 };
 
