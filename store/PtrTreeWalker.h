@@ -8,6 +8,7 @@
 #include "store/PtrTreeDigits.h"
 #include "store/PtrTreeNode.h"
 
+#include <bit>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -59,8 +60,11 @@ public:
     }
     while (!framesM.empty()) {
       Frame& frame = framesM.back();
-      while (frame.slot < radix && (frame.digits >> frame.slot & 1u) == 0) ++frame.slot;
-      if (frame.slot < radix) {
+      // The digits still to visit, the next one in the lowest bit: a frame skips the absent
+      // digits in one step rather than one by one.
+      const unsigned rest = frame.slot < radix ? frame.digits >> frame.slot : 0u;
+      if (rest != 0) {
+        frame.slot += std::countr_zero(rest);
         pendingM = frame.children + frame.rank;
         keyM.push_back(PtrTreeDigits::character(frame.slot));
         ++frame.slot;
