@@ -25,6 +25,7 @@ std::atomic<long long> failWritesAfter{-1};
 std::atomic<unsigned long> temporaryCounter{0};
 
 constexpr std::size_t bufferSizeCM = 64 * 1024;
+constexpr long long writeBackStepCM = 8LL << 20;
 // As the kernel's own limit on links followed in one name.
 constexpr int maxLinkHopsCM = 40;
 
@@ -40,9 +41,13 @@ class DescriptorBuffer : public std::streambuf {
 public:
   DescriptorBuffer() : bufferM(bufferSizeCM) { setp(bufferM.data(), bufferM.data() + bufferM.size()); }
 
-  void attach(int descriptor, long long failAfter) {
+  // With `writeBack`, the kernel is asked to start writing out what was written every
+  // writeBackStepCM bytes, for a file that will be synchronised on close: the disk then works
+  // while the rest is still being produced, instead of all of it waiting for the close.
+  void attach(int descriptor, long long failAfter, bool writeBack) {
     descriptorM = descriptor;
     failAfterM = failAfter;
+    writeBackM = writeBack;
   }
   void detach() {
     descriptorM = -1;
@@ -109,6 +114,11 @@ private:
       size -= static_cast<std::size_t>(written);
       writtenM += written;
     }
+    if (writeBackM && writtenM - writeBackFromM >= writeBackStepCM) {
+      // Only a hint: what it fails to start, the synchronisation on close writes and reports.
+      ::sync_file_range(descriptorM, writeBackFromM, writtenM - writeBackFromM, SYNC_FILE_RANGE_WRITE);
+      writeBackFromM = writtenM;
+    }
     return true;
   }
 
@@ -116,6 +126,8 @@ private:
   int descriptorM = -1;
   long long failAfterM = -1;
   long long writtenM = 0;
+  bool writeBackM = false;
+  long long writeBackFromM = 0;  // the first byte not yet handed to write-back
   bool failedM = false;
   int errorM = 0;
 };
@@ -282,7 +294,7 @@ FileIo::FileIo(const BAS::String& name, std::ios_base::openmode mode) : nameM(na
     impl.streamM.setstate(std::ios_base::badbit);
     return;
   }
-  impl.bufferM.attach(impl.descriptorM, failWritesAfter.load());
+  impl.bufferM.attach(impl.descriptorM, failWritesAfter.load(), impl.wayM != Impl::Way::DIRECT);
 }
 
 FileIo::~FileIo() { closeFile(); }

@@ -54,7 +54,8 @@ TEST_F(FileTest, ReplacesAFileWholeOnCloseKeepingItsModeAndWritesThroughLinksAnd
   fs::create_hard_link(write("shared", "old\n"), path("other"));
   ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
   const int fifo = ::open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK);
-  const std::string big(200 * 1024, 'n');
+  // Past two of the steps at which a replacement asks the kernel to start writing back.
+  const std::string big((17 << 20) + 3, 'n');
   {
     STR::FileIo output(path("link"), std::ios_base::out);
     output.stream() << big << std::flush;
