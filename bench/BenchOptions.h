@@ -22,7 +22,7 @@ struct BenchOptions {
   std::uint64_t eventsM = 0;  // 0: as many as records, at most a million
   unsigned minTimeMsM = 200;
   unsigned reloadRoundsM = 3;
-  unsigned repeatsM = 3;
+  unsigned repeatsM = 5;
 
   // Reads the command line into `options`. Nothing when the run may start; otherwise the exit
   // status for main, after the help text or the complaint has been printed.

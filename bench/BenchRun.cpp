@@ -64,6 +64,7 @@ int BenchRun::run() {
   measureCrowdedLatency();
   measureOperations();
   measureHostRun();
+  releaseReference();
   reportTargets();
   if (!writeJson()) return 2;
   removeData();
