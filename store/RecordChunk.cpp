@@ -51,9 +51,17 @@ void RecordChunk::sort(const PBC::BothJobs& both) {
   const std::size_t count = keyedM.size();
   const std::size_t middle = count / 2;
   using Counts = std::array<std::size_t, 256>;
+  // Which bytes all keys share, counted by the two jobs a half each.
   Counts all[8] = {};
-  for (std::size_t i = 0; i < count; ++i) {
-    for (unsigned byte = 0; byte < 8; ++byte) ++all[byte][keyedM[i].highM >> (8 * byte) & 0xFFu];
+  Counts laterHalf[8] = {};
+  const auto countAll = [this](Counts (&counts)[8], std::size_t first, std::size_t end) {
+    for (std::size_t i = first; i < end; ++i) {
+      for (unsigned byte = 0; byte < 8; ++byte) ++counts[byte][keyedM[i].highM >> (8 * byte) & 0xFFu];
+    }
+  };
+  both([&] { countAll(all, 0, middle); }, [&] { countAll(laterHalf, middle, count); });
+  for (unsigned byte = 0; byte < 8; ++byte) {
+    for (unsigned value = 0; value < 256; ++value) all[byte][value] += laterHalf[byte][value];
   }
   PBC::LargeArray<Entry> other;
   other.resize(count);
@@ -81,7 +89,9 @@ void RecordChunk::sort(const PBC::BothJobs& both) {
     both([&] { moveHalf(halves[0], 0, middle); }, [&] { moveHalf(halves[1], middle, count); });
     std::swap(from, to);
   }
-  if (from != keyedM.data()) std::memcpy(static_cast<void*>(keyedM.data()), from, count * sizeof(Entry));
+  // After an odd number of passes the sorted entries are in the second array, which then
+  // takes the first one's place rather than being copied back.
+  if (from != keyedM.data()) keyedM.swap(other);
   if (lowsM.empty()) return;
   // Numbers of more than sixteen digits: among equal high words, by low word, then in order.
   const auto lowOf = [this](const Entry& entry) { return entry.lowM == 0 ? 0 : lowsM[entry.lowM - 1]; };

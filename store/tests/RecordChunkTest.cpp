@@ -120,5 +120,21 @@ TEST(RecordChunk, ATreeTakesChunksAsSingleInsertsInFileOrderWouldLeaveIt) {
   }
 }
 
+// A file sorted by country: every number of its first half shares its leading digits, which
+// those of the second half do not. The sort skips a byte only when the whole chunk shares it.
+TEST(RecordChunk, SortsAChunkWhoseHalvesDifferInADigitThatEachHalfShares) {
+  std::vector<Line> lines;
+  for (const char* country : {"0049", "0043"}) {
+    for (int i = 0; i < 500; ++i) {
+      const std::string number = country + std::to_string(7000000 - i * 7919 % 1000000);
+      lines.push_back({number, NumberPortabilityData(BAS::DateTime("20200101000000"), BAS::SimpleString("OP"))});
+    }
+  }
+  NumberPortabilityTree single, chunked;
+  for (const Line& line : lines) single.insert(BAS::String(line.number), line.record, true);
+  EXPECT_TRUE(insertChunk(chunked, lines, 0, lines.size()).empty());
+  EXPECT_TRUE(dump(chunked) == dump(single)) << "the dumps differ";
+}
+
 }  // namespace
 }  // namespace DAT::NumberPortability
