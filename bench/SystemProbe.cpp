@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 
 extern "C" char** environ;
@@ -20,9 +21,17 @@ std::size_t residentBytes() {
   return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 
+std::size_t lazyFreeBytes() {
+  // "LazyFree:    1234 kB"; 0 where the kernel does not keep the rollup.
+  const std::string value = firstLineWith("/proc/self/smaps_rollup", "LazyFree:");
+  return value == "unknown" ? 0 : std::strtoull(value.c_str(), nullptr, 10) * 1024;
+}
+
 std::size_t trimmedResidentBytes() {
   ::malloc_trim(0);
-  return residentBytes();
+  const std::size_t resident = residentBytes();
+  const std::size_t offered = lazyFreeBytes();
+  return resident > offered ? resident - offered : 0;
 }
 
 std::string firstLineWith(const char* path, const std::string& key) {

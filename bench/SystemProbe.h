@@ -13,7 +13,11 @@
 namespace Bench {
 
 std::size_t residentBytes();
-// Resident size after handing free heap pages back, so that growth compares live data only.
+// Resident pages that the process offered back to the system, which takes them when it runs
+// short ("LazyFree" in /proc/self/smaps_rollup): the loader's record arrays between loads.
+std::size_t lazyFreeBytes();
+// Resident size after handing free heap pages back, less the pages offered back, so that
+// growth compares live data only.
 std::size_t trimmedResidentBytes();
 // The value of the first line of `path` that starts with `key` ("key: value"); "unknown" when none does.
 std::string firstLineWith(const char* path, const std::string& key);

@@ -265,7 +265,10 @@ void CacheManager::insertChunk(const STR::FileIoTurbo& reader, NumberPortability
 // The helper thread of an operation that reads a file. At its end the helper thread ends
 // first (a job it still runs after a failure finishes), then the blocks and the chunk are
 // forgotten and the chunk's memory goes back, as it would otherwise stay with the manager
-// beside the trees.
+// beside the trees. Its two large arrays go back lazily: the system takes their pages only
+// when it runs short, so the next reload writes into the pages this one touched. Fresh pages
+// instead would be faulted in by the hundred thousand at every reload; on a virtual machine
+// that stalls the lookups on the other processors for milliseconds at a time.
 struct CacheManager::OperationScope {
   explicit OperationScope(CacheManager& manager) : forgetM{manager} { manager.helperM = &helperM; }
   OperationScope(const OperationScope&) = delete;

@@ -35,7 +35,8 @@ void RecordChunk::clear() noexcept {
 
 void RecordChunk::release() noexcept {
   clear();
-  keyedM.release();
+  keyedM.offer();
+  spareM.offer();
   std::vector<Entry>().swap(unkeyedM);
   std::vector<std::uint64_t>().swap(lowsM);
   std::vector<std::pair<std::uint32_t, std::string>>().swap(textsM);
@@ -62,10 +63,9 @@ void RecordChunk::sort(const PBC::BothJobs& both) {
   for (unsigned byte = 0; byte < 8; ++byte) {
     for (unsigned value = 0; value < 256; ++value) all[byte][value] += laterHalf[byte][value];
   }
-  PBC::LargeArray<Entry> other;
-  other.resize(count);
+  spareM.resize(count);
   Entry* from = keyedM.data();
-  Entry* to = other.data();
+  Entry* to = spareM.data();
   for (unsigned byte = 0; byte < 8; ++byte) {
     if (std::ranges::find(all[byte], count) != all[byte].end()) continue;
     const unsigned shift = 8 * byte;
@@ -90,7 +90,8 @@ void RecordChunk::sort(const PBC::BothJobs& both) {
   }
   // After an odd number of passes the sorted entries are in the second array, which then
   // takes the first one's place rather than being copied back.
-  if (from != keyedM.data()) keyedM.swap(other);
+  if (from != keyedM.data()) keyedM.swap(spareM);
+  spareM.offer();
   if (lowsM.empty()) return;
   // Numbers of more than sixteen digits: among equal high words, by low word, then in order.
   const auto lowOf = [this](const Entry& entry) { return entry.lowM == 0 ? 0 : lowsM[entry.lowM - 1]; };

@@ -56,7 +56,9 @@ public:
   bool empty() const noexcept { return size() == 0; }
   // Forgets every record and keeps the memory for the next fill.
   void clear() noexcept;
-  // Forgets every record and returns the memory.
+  // Forgets every record and returns the memory: the small parts at once, the two large
+  // arrays of entries lazily (PBC::LargeArray::offer), so that the next load fills the pages
+  // that this one touched unless the system took them back meanwhile.
   void release() noexcept;
 
   // Orders the records by number, in the order of add among equal numbers; each pass of the
@@ -95,6 +97,7 @@ private:
   }
 
   PBC::LargeArray<Entry> keyedM;     // in the order of add, then of sort()
+  PBC::LargeArray<Entry> spareM;     // sort()'s second array; offered back once sorted
   std::vector<Entry> unkeyedM;       // numbers of more digits than a key holds
   std::vector<std::uint64_t> lowsM;  // the low words that are not 0 (numbers of more than 16 digits)
   // The numbers that are not just their digits (other characters, or more than sixteen

@@ -43,4 +43,8 @@ void LargeBlock::release(void* block, std::size_t bytes) noexcept {
   if (block != nullptr) munmap(block, roundUp(bytes == 0 ? 1 : bytes));
 }
 
+void LargeBlock::offer(void* block, std::size_t bytes) noexcept {
+  if (block != nullptr) madvise(block, roundUp(bytes == 0 ? 1 : bytes), MADV_FREE);
+}
+
 }  // namespace BAS

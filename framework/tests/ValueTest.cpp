@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -97,6 +98,34 @@ TEST(LargeBlock, HandsOutAlignedZeroedBlocksThatCanBeUsedToTheirEnd) {
     EXPECT_TRUE(std::all_of(block, block + bytes, [](unsigned char byte) { return byte == 0; }));
     std::fill(block, block + bytes, 0xA5), BAS::LargeBlock::release(block, bytes);
   }
+}
+
+// Bytes of this process's resident pages that it offered back to the system.
+std::size_t lazilyFreeBytes() {
+  std::ifstream rollup("/proc/self/smaps_rollup");
+  std::string key;
+  std::size_t kibibytes = 0;
+  while (rollup >> key) {
+    if (key == "LazyFree:" && rollup >> kibibytes) return kibibytes * 1024;
+  }
+  return 0;
+}
+
+// An offered block stays the caller's: the system may take its pages when short of memory,
+// but until then they stay resident, and writing to them is writing to the block.
+TEST(LargeBlock, AnOfferedBlockStaysMappedAndWritableWhileTheSystemHoldsItsPagesAsFree) {
+  const std::size_t bytes = 4 * BAS::LargeBlock::alignCM;
+  auto* const block = static_cast<unsigned char*>(BAS::LargeBlock::allocate(bytes, false));
+  std::fill(block, block + bytes, 0x5A);
+  const std::size_t before = lazilyFreeBytes();
+  BAS::LargeBlock::offer(block, bytes);
+  const std::size_t after = lazilyFreeBytes();
+  if (std::ifstream("/proc/self/smaps_rollup")) {
+    EXPECT_GE(after, before + bytes / 2);
+  }
+  std::fill(block, block + bytes, 0xA5);
+  EXPECT_TRUE(std::all_of(block, block + bytes, [](unsigned char byte) { return byte == 0xA5; }));
+  BAS::LargeBlock::release(block, bytes);
 }
 
 }  // namespace

@@ -55,8 +55,9 @@ std::string dump(const NumberPortabilityTree& tree) {
 
 // The chunk of lines [first, end), sorted, inserted into `tree`: the indexes (counted from 0
 // at the first line given) of the refused ones, and checks that the chunk names them as given.
-std::set<std::size_t> insertChunk(NumberPortabilityTree& tree, const std::vector<Line>& lines, std::size_t first, std::size_t end) {
-  RecordChunk chunk;
+// `chunk` is released at the end, as a load releases it, and refilled by the next call.
+std::set<std::size_t> insertChunk(RecordChunk& chunk, NumberPortabilityTree& tree, const std::vector<Line>& lines,
+                                  std::size_t first, std::size_t end) {
   for (std::size_t i = first; i < end; ++i) chunk.add(lines[i].number, lines[i].record);
   chunk.sort();
   for (std::size_t place = 1; place < chunk.keyedCount(); ++place) {
@@ -73,6 +74,7 @@ std::set<std::size_t> insertChunk(NumberPortabilityTree& tree, const std::vector
     EXPECT_EQ(chunk.record(place).networkOperatorM.view(), lines[index].record.networkOperatorM.view());
     EXPECT_TRUE(indexes.insert(index).second) << "refused twice: " << index;
   }
+  chunk.release();
   return indexes;
 }
 
@@ -91,6 +93,9 @@ TEST(RecordChunk, ATreeTakesChunksAsSingleInsertsInFileOrderWouldLeaveIt) {
     std::size_t singles;                // lines inserted one by one before the chunks
     std::vector<std::size_t> chunkEnds; // then a chunk up to each of these
   };
+  // One chunk for every load below, larger and smaller in turn: each refill must hold only its
+  // own records, whatever the memory that an earlier one left.
+  RecordChunk chunk;
   const Split splits[] = {
       {"one chunk into an empty tree", 0, {lines.size()}},
       {"a chunk into an empty tree, then one into the filled tree", 0, {lines.size() / 3, lines.size()}},
@@ -105,7 +110,7 @@ TEST(RecordChunk, ATreeTakesChunksAsSingleInsertsInFileOrderWouldLeaveIt) {
     }
     std::size_t first = split.singles;
     for (const std::size_t end : split.chunkEnds) {
-      refused.merge(insertChunk(tree, lines, first, end));
+      refused.merge(insertChunk(chunk, tree, lines, first, end));
       first = end;
     }
     EXPECT_EQ(refused, singleRefused);
@@ -132,7 +137,8 @@ TEST(RecordChunk, SortsAChunkWhoseHalvesDifferInADigitThatEachHalfShares) {
   }
   NumberPortabilityTree single, chunked;
   for (const Line& line : lines) single.insert(BAS::String(line.number), line.record, true);
-  EXPECT_TRUE(insertChunk(chunked, lines, 0, lines.size()).empty());
+  RecordChunk chunk;
+  EXPECT_TRUE(insertChunk(chunk, chunked, lines, 0, lines.size()).empty());
   EXPECT_TRUE(dump(chunked) == dump(single)) << "the dumps differ";
 }
 
