@@ -106,47 +106,72 @@ void CacheManager::skipLine(unsigned long lineNumber, std::size_t kept, const ST
 }
 
 void CacheManager::blockFilled(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
-  // Parsing is most of the work of reading a data file. A full block goes to the helper thread
-  // when it is free, and is parsed here otherwise; the blocks go into the chunk in file order,
-  // each once it is parsed, so that this thread reads and adds while the helper parses.
   const std::size_t full = fillingM;
-  if (helperM != nullptr && helpedBlockM == noBlockCM) {
-    helpedBlockM = full;
-    helperM->start([this, full, &reader] { blocksM[full].parse(parserM, reader.fileName()); });
-  } else {
-    blocksM[full].parse(parserM, reader.fileName());
-  }
   pendingBlocksM[pendingCountM++] = full;
-  addParsedBlocks(reader, pendingCountM == blockCountCM - 1);
+  parsedM[full] = false;
+  if (helperM == nullptr) {
+    blocksM[full].parse(parserM, reader.fileName());
+    parsedM[full] = true;
+  }
+  advanceBlocks(reader, false);
   // The next block to fill is one that is not waiting.
   fillingM = 0;
   while (std::find(pendingBlocksM, pendingBlocksM + pendingCountM, fillingM) != pendingBlocksM + pendingCountM) ++fillingM;
   if (chunkM.recordsM.size() + chunkM.skippedM.size() >= chunkLinesM) insertChunk(reader, tree, reports);
 }
 
-void CacheManager::addParsedBlocks(const STR::FileIoTurbo& reader, bool wait) {
-  std::size_t added = 0;
-  for (; added < pendingCountM; ++added) {
-    const std::size_t block = pendingBlocksM[added];
-    if (block == helpedBlockM) {
-      if (!wait && helperM->busy()) break;
-      helpedBlockM = noBlockCM;
-      helperM->finish();
+void CacheManager::advanceBlocks(const STR::FileIoTurbo& reader, bool drain) {
+  // Parsing is most of the work of reading a data file, and reading the lines and adding them
+  // to the chunk the rest. The helper thread parses the oldest full block whenever it is free;
+  // this thread goes on reading into the other blocks, adds the parsed ones in file order, and
+  // parses a block itself only when no block is left to read into. So the helper parses most
+  // blocks and this thread reads and adds meanwhile, each kept busy.
+  const auto oldestUnparsed = [this] {
+    return std::find_if(pendingBlocksM, pendingBlocksM + pendingCountM,
+                        [this](std::size_t block) { return !parsedM[block] && block != helpedBlockM; });
+  };
+  for (;;) {
+    if (helpedBlockM != noBlockCM && !helperM->busy()) collectHelpedBlock();
+    if (helperM != nullptr && helpedBlockM == noBlockCM) {
+      const std::size_t* const unparsed = oldestUnparsed();
+      if (unparsed != pendingBlocksM + pendingCountM) {
+        const std::size_t block = *unparsed;
+        helpedBlockM = block;
+        helperM->start([this, block, &reader] { blocksM[block].parse(parserM, reader.fileName()); });
+      }
     }
-    addBlock(blocksM[block], reader);
-    blocksM[block].clear();
+    std::size_t added = 0;
+    for (; added < pendingCountM && parsedM[pendingBlocksM[added]]; ++added) {
+      addBlock(blocksM[pendingBlocksM[added]], reader);
+      blocksM[pendingBlocksM[added]].clear();
+    }
+    std::copy(pendingBlocksM + added, pendingBlocksM + pendingCountM, pendingBlocksM);
+    pendingCountM -= added;
+    if (pendingCountM == 0 || (!drain && pendingCountM < blockCountCM)) return;
+    // No block is free to read into (or the file ended): parse one here, else wait for the helper.
+    const std::size_t* const unparsed = oldestUnparsed();
+    if (unparsed != pendingBlocksM + pendingCountM) {
+      blocksM[*unparsed].parse(parserM, reader.fileName());
+      parsedM[*unparsed] = true;
+    } else {
+      collectHelpedBlock();
+    }
   }
-  std::copy(pendingBlocksM + added, pendingBlocksM + pendingCountM, pendingBlocksM);
-  pendingCountM -= added;
+}
+
+void CacheManager::collectHelpedBlock() {
+  if (helpedBlockM == noBlockCM) return;
+  helperM->finish();
+  parsedM[helpedBlockM] = true;
+  helpedBlockM = noBlockCM;
 }
 
 void CacheManager::takeBlocks(const STR::FileIoTurbo& reader) {
-  LineBlock& last = blocksM[fillingM];
-  if (!last.empty()) {
-    last.parse(parserM, reader.fileName());
+  if (!blocksM[fillingM].empty()) {
     pendingBlocksM[pendingCountM++] = fillingM;
+    parsedM[fillingM] = false;
   }
-  addParsedBlocks(reader, true);
+  advanceBlocks(reader, true);
   fillingM = 0;
 }
 
@@ -214,6 +239,8 @@ void CacheManager::flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityT
 void CacheManager::insertChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports) {
   LineChunk& chunk = chunkM;
   RecordChunk& records = chunk.recordsM;
+  // The helper thread takes the jobs of the sort and the build once its block is parsed.
+  collectHelpedBlock();
   records.sort(bothJobs());
   std::vector<std::size_t>& refused = chunk.refusedM;
   refused.clear();

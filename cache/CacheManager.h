@@ -133,13 +133,16 @@ private:
   // Notes line `lineNumber`, which the reader failed to deliver, in the chunk's line count.
   void skipLine(unsigned long lineNumber, std::size_t kept, const STR::FileIoTurbo& reader, NumberPortabilityTree* tree,
                 int reports);
-  // The lines read have filled a block: it is parsed (on the helper thread when that is free),
-  // the parsed blocks go into the chunk, and the chunk is inserted once it is full.
+  // The lines read have filled a block: it waits to be parsed, the parsed blocks go into the
+  // chunk, and the chunk is inserted once it is full.
   void blockFilled(const STR::FileIoTurbo& reader, NumberPortabilityTree* tree, int reports);
-  // Adds the parsed blocks at the front of the waiting ones to the chunk; with `wait`, all of
-  // them, waiting for the helper where it still parses one.
-  void addParsedBlocks(const STR::FileIoTurbo& reader, bool wait);
-  // Parses the block being filled and adds every waiting block to the chunk.
+  // Gives the oldest block not parsed yet to the helper thread when that is free, and adds the
+  // parsed blocks at the front of the waiting ones to the chunk. Returns once a block is free
+  // to read into; with `drain`, once every waiting block is added.
+  void advanceBlocks(const STR::FileIoTurbo& reader, bool drain);
+  // Waits until the helper thread has parsed the block given to it, if any, and notes it parsed.
+  void collectHelpedBlock();
+  // Adds the block being filled and every waiting block to the chunk.
   void takeBlocks(const STR::FileIoTurbo& reader);
   // Adds what a parsed block gave to the chunk.
   void addBlock(const LineBlock& block, const STR::FileIoTurbo& reader);
@@ -215,6 +218,7 @@ private:
   std::size_t fillingM = 0;         // the block that takes the next line
   std::size_t pendingBlocksM[blockCountCM] = {};  // the full blocks not yet added, in file order
   std::size_t pendingCountM = 0;
+  bool parsedM[blockCountCM] = {};  // per block: a waiting block has been parsed
   // The block that the helper thread parses, or noBlockCM. The helper writes only into that
   // block, and this thread touches it only after HelperThread::finish.
   std::size_t helpedBlockM = noBlockCM;
