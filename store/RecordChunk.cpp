@@ -36,8 +36,7 @@ void RecordChunk::clear() noexcept {
 
 void RecordChunk::release() noexcept {
   clear();
-  keyedM.offer();
-  spareM.offer();
+  keyedM.offer();  // sort() offered spareM already
   std::vector<Entry>().swap(unkeyedM);
   std::vector<std::uint64_t>().swap(lowsM);
   std::vector<std::pair<std::uint32_t, std::string>>().swap(textsM);

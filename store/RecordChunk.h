@@ -56,9 +56,9 @@ public:
   bool empty() const noexcept { return size() == 0; }
   // Forgets every record and keeps the memory for the next fill.
   void clear() noexcept;
-  // Forgets every record and returns the memory: the small parts at once, the two large
-  // arrays of entries lazily (PBC::LargeArray::offer), so that the next load fills the pages
-  // that this one touched unless the system took them back meanwhile.
+  // Forgets every record and returns the memory: the small parts at once, the array of
+  // entries lazily (PBC::LargeArray::offer, as sort() does with its second array), so that
+  // the next load fills the pages that this one touched unless the system took them back.
   void release() noexcept;
 
   // Orders the records by number, in the order of add among equal numbers; each pass of the
