@@ -130,6 +130,7 @@ public:
   LoadFigures loadFigures() const override;
   std::uint64_t activeRecords() override { return cacheManagerM != nullptr ? recordCount() : 0; }
   std::string dataFileName() const override { return fileNameM.str(); }
+  bool workerRunning() const override { return workerThreadM != nullptr && workerThreadM->isRunning(); }
 
   // Whether the configured data file can be opened; the answer is also stored as usable flag.
   bool checkFile() override REQUIRES(operationLockM);
@@ -204,7 +205,8 @@ private:
   BAS::InstrumentationProbeGroup* probeGroupM = nullptr;  // made at construction; the framework owns it
   BAS::BinarySemaphore wakeUpLockM;  // synchronises itself
   // Made by init and stopped by shutdown or the destructor, which the framework calls in turn
-  // on its control thread, so no lock; the framework releases the thread object.
+  // on its control thread, so no lock; the framework releases the thread object. A host reads
+  // it (workerRunning) only between init and shutdown, which its start and end order.
   BAS::Thread* workerThreadM = nullptr;
   // Atomic, so no lock: set by shutdown on the control thread, read by the worker after each
   // wake-up.

@@ -66,6 +66,9 @@ public:
   virtual std::uint64_t activeRecords() = 0;
   // The configured main data file, as the registry names it.
   virtual std::string dataFileName() const = 0;
+  // Whether the background worker that carries out probe requests runs: false before init,
+  // after shutdown, and once a failure ended it (the framework logged why). Never waits.
+  virtual bool workerRunning() const = 0;
 
 protected:
   // The plug-in object owns its interface; a host never deletes through it.

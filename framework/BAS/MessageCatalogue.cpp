@@ -20,6 +20,11 @@ constexpr CatalogueEntry entriesCM[] = {
     // The framework's own messages.
     {"ERR_PROBE_INFO_FILE", "The probe information file {1} cannot be used: {2}."},
     {"ERR_FILE_NOT_WRITTEN", "The file {1} was not written: {2}. A file it would have replaced is unchanged."},
+    {"ERR_FILE_NOT_READ", "The file {1} cannot be read: {2}."},
+    {"ERR_LINE_TOO_LONG", "Line {2} of the file {1} is longer than {3} bytes; it is not read."},
+    {"INF_FILE_REWRITE_FINISHED", "An interrupted rewrite of {1} was finished from its complete staged copy {2}."},
+    {"INF_FILE_TEMPORARY_REMOVED", "The temporary file {1}, left by an interrupted write of {2}, was removed."},
+    {"ERR_THREAD_FAILED", "The thread {1} was ended by an unexpected failure: {2}. It carries out nothing more."},
 
     // The number portability data plug-in: data file lines.
     {"ERR_NUMBER_OF_FIELDS_IN_RECORD", "{4}The record has {1} fields instead of {2} and is skipped: \"{3}\"."},
@@ -58,6 +63,8 @@ constexpr CatalogueEntry entriesCM[] = {
 
     // nphost: event records that pass through without an operator.
     {"ERR_EVENT_RECORD_FIELDS", "Line {1} of the input {2} has fewer than two fields and is passed on without an operator: \"{3}\"."},
+    {"ERR_EVENT_RECORD_TOO_LONG", "Line {1} of the input {2} is longer than {3} bytes; it is passed on unchanged, without an operator."},
+    {"ERR_NPHOST_COMMAND_FAILED", "The command \"{1}\" was ended by an unexpected failure: {2}. The data that served before goes on serving."},
     {"ERR_EVENT_RECORD_DATETIME", "Line {1} of the input {2}: the date-time '{3}' is not valid; the record is passed on without an operator."},
 };
 

@@ -1,5 +1,6 @@
 #include "STR/FileIoTurbo.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
@@ -13,9 +14,16 @@ namespace {
 // Data files are read start to end once; a large buffer keeps the number of read calls small.
 constexpr std::size_t bufferSizeCM = std::size_t{1} << 20;
 
+// Set once, never cleared: the process is ending. Atomic, no lock.
+std::atomic<bool> waitingStoppedCM{false};
+
 }  // namespace
 
 FileIoTurbo::FileIoTurbo() = default;
+
+void FileIoTurbo::stopWaiting() { waitingStoppedCM.store(true); }
+
+bool FileIoTurbo::waitingStopped() { return waitingStoppedCM.load(); }
 
 FileIoTurbo::~FileIoTurbo() { closeFile(); }
 

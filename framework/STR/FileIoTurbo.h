@@ -40,6 +40,12 @@ public:
   // The C stream of the open file, or null.
   std::FILE* stream() const { return streamM; }
 
+  // Process-wide: from now on no reader waits any more for a writer of a FIFO or for its next
+  // bytes; such a wait in progress or to come ends as the end of the file. The host calls it
+  // when it is told to stop, so that no file it reads keeps it from ending.
+  static void stopWaiting();
+  static bool waitingStopped();
+
 private:
   // Reads more of the file behind the undelivered bytes; false at the end of the file or on a
   // read error, with the stream's indicator set.
