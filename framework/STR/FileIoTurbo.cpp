@@ -1,8 +1,13 @@
 #include "STR/FileIoTurbo.h"
 
+#include "STR/FileIdentity.h"
+#include "STR/FilePaths.h"
+#include "STR/StagedFiles.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -34,8 +39,16 @@ bool FileIoTurbo::openFile(const BAS::String& name, long /*mode*/) {
   // A file whose existence cannot be established (stat fails for any reason) counts as missing.
   if (::stat(name.c_str(), &status) != 0) return false;
   if (S_ISDIR(status.st_mode)) return true;
+  std::string target;
+  std::string failure;
+  // Before the first byte is read: a file whose rewrite was cut short is whole again, or refused.
+  if (S_ISREG(status.st_mode) && FilePaths::followLinks(name.str(), target) && !StagedFiles::tidy(target, name, failure))
+    return true;
   std::FILE* stream = std::fopen(name.c_str(), "re");
   if (stream == nullptr) return true;
+  struct stat opened;
+  if (::fstat(::fileno(stream), &opened) == 0 && S_ISREG(opened.st_mode))
+    FileIdentity::remember(name.str(), FileIdentity::of(opened));
   if (bufferM.size() < bufferSizeCM) bufferM.resize(bufferSizeCM);
   streamM = stream;
   return true;

@@ -25,8 +25,11 @@ public:
 
   // Opens `name` for reading, closing a file that is open first. Three outcomes: false when
   // the file does not exist; true but isOpen() false when it exists but cannot be read (a
-  // directory, no permission); true and open otherwise. `mode` is accepted for compatibility
-  // and not interpreted. fileName() is `name` afterwards in every case.
+  // directory, no permission, an interrupted rewrite that cannot be finished); true and open
+  // otherwise. A regular file's opening first finishes an interrupted rewrite of it and removes
+  // stale temporaries (StagedFiles), and the identity it opened is remembered (FileIdentity).
+  // `mode` is accepted for compatibility and not interpreted. fileName() is `name` afterwards
+  // in every case.
   bool openFile(const BAS::String& name, long mode);
   // The next line without its line end ("\n"; a carriage return before it stays, and the
   // string split drops it). False at the end of the file or on a read error (ferror(stream())).
