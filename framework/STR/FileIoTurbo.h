@@ -1,7 +1,8 @@
 // STR::FileIoTurbo is the framework's buffered line reader of text files; the loaders, the
 // plug-in's file check and nphost check read with it. One object is used by one thread at a
-// time; distinct objects are independent; the process-wide settings may be changed from any
-// thread (stopWaiting() from a signal handler) and apply to the files opened afterwards.
+// time; distinct objects are independent. The process-wide settings may be changed from any
+// thread (stopWaiting() from a signal handler too): the line limit applies to the files opened
+// afterwards, the FIFO wait and stopWaiting() to every wait from then on.
 //
 // Reading rule that callers rely on: the end-of-file indicator of stream() is set only by a
 // read that reaches the end of the file. A last line that has a line end is delivered with
