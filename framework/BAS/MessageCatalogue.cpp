@@ -19,7 +19,7 @@ struct CatalogueEntry {
 constexpr CatalogueEntry entriesCM[] = {
     // The framework's own messages.
     {"ERR_PROBE_INFO_FILE", "The probe information file {1} cannot be used: {2}."},
-    {"ERR_FILE_NOT_WRITTEN", "The file {1} was not written: {2}. A file it would have replaced is unchanged."},
+    {"ERR_FILE_NOT_WRITTEN", "The file {1} was not written as asked: {2}."},
     {"ERR_FILE_NOT_READ", "The file {1} cannot be read: {2}."},
     {"ERR_LINE_TOO_LONG", "Line {2} of the file {1} is longer than {3} bytes; it is not read."},
     {"INF_FILE_REWRITE_FINISHED", "An interrupted rewrite of {1} was finished from its complete staged copy {2}."},
