@@ -1,6 +1,9 @@
 // The framework's waiting and waking: condition variable, signal, readers-writer lock and
 // threads. A wake-up that never comes shows as a hang, which the watchdog turns into a failure.
 #include "BAS/BinarySemaphore.h"
+#include "BAS/CapacityExceeded.h"
+#include "BAS/Framework.h"
+#include "BAS/MemoryLogSink.h"
 #include "BAS/MutexLocker.h"
 #include "BAS/ReadLocker.h"
 #include "BAS/Thread.h"
@@ -162,6 +165,40 @@ TEST(Thread, RunsItsBodyOnceOnItsOwnThreadStopCutsAnHourLongSleepShortAndAFailin
   EXPECT_FALSE(failing.isRunning());
   // Outside a framework thread the service points are no-ops; a never-started thread stops.
   BAS::Thread::serviceInterrupt(), BAS::Thread::serviceCancel(), BAS::Thread(nullptr).stop();
+}
+
+// A body that fails ends its thread only, and the log says which thread and why in words.
+TEST(Thread, AFailingBodyIsReportedWithTheThreadsNameAndTheCauseAndEndsItsThread) {
+  BAS::Framework framework;
+  const auto sink = std::make_shared<BAS::MemoryLogSink>();
+  framework.log().addSink(sink);
+  const struct {
+    const char* name;
+    std::function<void()> body;
+    std::string cause;
+  } rows[] = {
+      {"loader", [] { throw BAS::CapacityExceeded("more than 3 things"); }, "more than 3 things"},
+      {"", [] { throw std::bad_alloc(); }, "memory ran out (std::bad_alloc)"},
+      {"worker", [] { throw std::runtime_error("disk on fire"); }, "std::runtime_error: disk on fire"},
+      {"odd", [] { throw 7; }, "an exception of an unknown type"},
+  };
+  for (const auto& row : rows) {
+    sink->clear();
+    BAS::Thread thread(nullptr, row.name);
+    ASSERT_TRUE(thread.start(row.body));
+    ASSERT_TRUE(sink->waitFor("ERR_THREAD_FAILED", 1, 30s)) << row.cause;
+    const BAS::LogRecord record = sink->withId("ERR_THREAD_FAILED").at(0);
+    EXPECT_EQ(record.args, (std::vector<BAS::String>{*row.name ? row.name : "unnamed", row.cause}));
+    EXPECT_EQ(record.severity, 5);
+    endsWithoutHanging([&] { thread.stop(); });
+    EXPECT_FALSE(thread.isRunning());
+  }
+  // Its own cancellation is no failure.
+  sink->clear();
+  BAS::Thread cancelled(nullptr, "cancelled");
+  ASSERT_TRUE(cancelled.start(worker(std::make_shared<int>(), 10)));
+  endsWithoutHanging([&] { cancelled.stop(); });
+  EXPECT_EQ(sink->count("ERR_THREAD_FAILED"), 0u);
 }
 
 TEST(Thread, InterruptSuspendsUntilResumeAndTheFrameworkStopsAndReleasesOwnerlessThreads) {
