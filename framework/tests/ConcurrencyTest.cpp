@@ -3,6 +3,7 @@
 #include "BAS/BinarySemaphore.h"
 #include "BAS/CapacityExceeded.h"
 #include "BAS/Framework.h"
+#include "BAS/LongReadLocker.h"
 #include "BAS/MemoryLogSink.h"
 #include "BAS/MutexLocker.h"
 #include "BAS/ReadLocker.h"
@@ -139,6 +140,42 @@ TEST(RWLock, AWriterWaitsForTheReaderInsideAndLaterReadersWaitBehindIt) {
   lock.readUnlock();
   endsWithoutHanging([&] { writer.join(), laterReader.join(); });
   EXPECT_TRUE(laterReaderSawWriter);
+}
+
+// A dump holds the read side for as long as its reader takes: a writer waits for it without
+// shutting lookups out meanwhile, and a dump that comes later waits behind the writer.
+TEST(RWLock, AWriterWaitingForALongReaderLetsShortReadersInAndALaterLongReaderWaitsBehindIt) {
+  BAS::RWLock lock;
+  std::atomic<bool> writerWaiting{false}, writerIn{false}, laterDumpIn{false}, laterDumpSawWriter{false};
+  lock.longReadLock();
+  std::thread writer([&] {
+    writerWaiting = true;
+    BAS::WriteLocker locker(lock);
+    writerIn = true;
+    std::this_thread::sleep_for(5ms);
+  });
+  while (!writerWaiting) std::this_thread::yield();
+  std::this_thread::sleep_for(50ms);  // lets the writer close the gate and wait
+  std::thread laterDump([&] {
+    BAS::LongReadLocker locker(lock);
+    laterDumpSawWriter = writerIn.load();
+    laterDumpIn = true;
+  });
+  endsWithoutHanging([&] {
+    std::vector<std::thread> lookups;
+    for (int t = 0; t < 4; ++t) {
+      lookups.emplace_back([&] {
+        for (int i = 0; i < 1000; ++i) BAS::ReadLocker locker(lock);
+      });
+    }
+    for (std::thread& lookup : lookups) lookup.join();
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(writerIn) << "the writer got in while a long reader was inside";
+  EXPECT_FALSE(laterDumpIn) << "a long reader passed a waiting writer";
+  lock.longReadUnlock();
+  endsWithoutHanging([&] { writer.join(), laterDump.join(); });
+  EXPECT_TRUE(laterDumpSawWriter);
 }
 
 // A body that holds a share of `held` while it services its points; cancellation must unwind it
