@@ -75,7 +75,7 @@ bool CacheManager::load() {
     return true;
   }
 
-  LoadOperation operation = this->operation();
+  LoadOperation operation = makeOperation();
   StandbyMark mark(standbyStaleM);
   // Into two empty trees, the standby tree takes each chunk beside the active one; otherwise it
   // becomes a copy of the active tree at the end.
@@ -105,7 +105,7 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
   if (dataFileReaderM.isOpen()) dataFileReaderM.closeFile();
   dataFileReaderM.openFile(fileNameM, openModeCM);
 
-  LoadOperation operation = this->operation();
+  LoadOperation operation = makeOperation();
   StandbyMark mark(standbyStaleM);
   NumberPortabilityTree* const fresh = standby();
   fresh->clearAndDestroy();
@@ -139,7 +139,7 @@ bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
   if (deltaFileReaderM.isOpen()) deltaFileReaderM.closeFile();
   deltaFileReaderM.openFile(deltaFileName, openModeCM);
 
-  LoadOperation operation = this->operation();
+  LoadOperation operation = makeOperation();
   // The delta goes on top of the data in service: a standby tree that may differ from it (a
   // reload failed or was cut short) becomes a copy of it first. A copy, not a fresh reading of
   // the main data file: the file may have changed since, and lookups see the active records.

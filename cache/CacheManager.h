@@ -109,7 +109,7 @@ private:
   // Publishes the standby tree: exchanges the two pointers under the write side of the lock.
   void exchangeTrees();
   // The loader of one operation, over the manager's parser, owner, figures and record arrays.
-  LoadOperation operation() { return LoadOperation(parserM, *plugInM, progressM, chunkLinesM, recordArraysM); }
+  LoadOperation makeOperation() { return LoadOperation(parserM, *plugInM, progressM, chunkLinesM, recordArraysM); }
 
   BAS::String fileNameM;
   STR::FileIoTurbo dataFileReaderM;
