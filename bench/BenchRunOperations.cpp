@@ -7,6 +7,7 @@
 
 #include "BAS/ReadLocker.h"
 #include "STR/FileIoTurbo.h"
+#include "cache/DataFileLines.h"
 
 #include <fmt/format.h>
 
@@ -36,13 +37,12 @@ void BenchRun::measureOperations() {
   auto buildSeparate = [&] {
     STR::FileIoTurbo reader;
     reader.openFile(dataFileNameM, 8);
+    DAT::NumberPortability::DataFileLines lines(reader);
     BAS::String line;
-    unsigned long lineNumber = 1;
     const auto start = Clock::now();
-    while (reader.isOpen()) {
-      line.clear();
-      if (!reader.readLine(line) || std::feof(reader.stream())) break;
-      cacheManager->insertCache(separate.get(), line, lineNumber++, true, reader);
+    for (DAT::NumberPortability::DataFileLines::Step step;
+         (step = lines.next(line)) == DAT::NumberPortability::DataFileLines::Step::line;) {
+      cacheManager->insertCache(separate.get(), line, lines.lineNumber(), true, reader);
     }
     const double elapsed = seconds(Clock::now() - start);
     reader.closeFile();

@@ -1,16 +1,16 @@
 // Bench::DataFileReader reads a data file the way the cache's loader does: the same line
-// reader and the cache's own DataLineParser. It stores nothing itself, so the benchmark can
+// reader, the same reading rule (DataFileLines) and the cache's own DataLineParser. It stores nothing itself, so the benchmark can
 // time the parsing alone or feed the records into a structure of its own.
 // One object per thread; it keeps its buffers across lines, as the loader does.
 #pragma once
 
 #include "BAS/String.h"
 #include "STR/FileIoTurbo.h"
+#include "cache/DataFileLines.h"
 #include "cache/DataLineParser.h"
 #include "store/NumberPortabilityData.h"
 
 #include <cstddef>
-#include <cstdio>
 
 namespace Bench {
 
@@ -19,26 +19,28 @@ public:
   explicit DataFileReader(const DAT::NumberPortability::DataLineParser& parser) : parserM(parser) {}
 
   // Calls visit(number, record) for every line the parser accepts, the number normalised. The
-  // lines are taken as the loader takes them: a last line without a line end is not used.
-  // False when the file cannot be read to its end.
+  // lines are taken as the initial load takes them: a last line without a line end is not
+  // used, and a line that the reader fails to deliver ends the reading. False when the file
+  // cannot be read to its end.
   template <class Visitor>
   bool readFile(const BAS::String& fileName, Visitor&& visit) {
+    using Step = DAT::NumberPortability::DataFileLines::Step;
     linesM = 0;
     rejectedM = 0;
     if (!readerM.openFile(fileName, openModeCM) || !readerM.isOpen()) return false;
-    while (true) {
-      lineM.clear();
-      if (!readerM.readLine(lineM) || std::feof(readerM.stream())) break;
+    DAT::NumberPortability::DataFileLines lines(readerM);
+    Step step;
+    while ((step = lines.next(lineM)) != Step::end && step != Step::failed) {
+      if (step != Step::line) continue;
       ++linesM;
-      if (!parserM.parse(lineM, linesM, fileName, numberM, recordM, nullptr)) {
+      if (!parserM.parse(lineM, lines.lineNumber(), fileName, numberM, recordM, nullptr)) {
         ++rejectedM;
         continue;
       }
       visit(static_cast<const BAS::String&>(numberM), static_cast<const DAT::NumberPortability::NumberPortabilityData&>(recordM));
     }
-    const bool complete = std::feof(readerM.stream()) != 0;
     readerM.closeFile();
-    return complete;
+    return step == Step::end;
   }
 
   // Lines read and lines refused by the last readFile.

@@ -41,6 +41,20 @@ bool HelperThread::busy() {
   return busyM;
 }
 
+PBC::BothJobs HelperThread::bothJobs() {
+  return [this](const std::function<void()>& first, const std::function<void()>& second) {
+    start(second);
+    try {
+      first();
+    } catch (...) {
+      // The second job may still use what the first one's failure is about to unwind.
+      finish();
+      throw;
+    }
+    finish();
+  };
+}
+
 void HelperThread::run() {
   for (;;) {
     std::function<void()> job;

@@ -1,13 +1,14 @@
-// DAT::NumberPortability::HelperThread is a second thread that a load, reload or delta load
-// keeps for its duration, to run one job at a time beside its own work on the machine's other
-// processor: parsing every second block of lines, filling the standby tree beside the active
-// one. The operation that owns it is its only client. start() and finish() are called by that
+// DAT::NumberPortability::HelperThread is a second thread that a load, reload, delta load or
+// dump keeps for its duration, to run one job at a time beside its own work on the machine's
+// other processor: parsing blocks of lines, filling the standby tree beside the active one,
+// formatting half of a dump. The operation that owns it is its only client. start() and finish() are called by that
 // one thread; the job runs on the helper.
 #pragma once
 
 #include "BAS/ConditionVariable.h"
 #include "BAS/Mutex.h"
 #include "BAS/ThreadAnnotations.h"
+#include "store/BothJobs.h"
 
 #include <exception>
 #include <functional>
@@ -30,6 +31,10 @@ public:
   void finish() EXCLUDES(mutexM);
   // Whether the job given to start is still running.
   bool busy() EXCLUDES(mutexM);
+  // Runs two jobs at once, the second on this helper, and returns once both have ended,
+  // passing on what either threw. REQUIRES: no job of start() is running; the helper
+  // outlives the result.
+  PBC::BothJobs bothJobs();
 
 private:
   void run() EXCLUDES(mutexM);

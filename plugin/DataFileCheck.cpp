@@ -1,12 +1,12 @@
 #include "plugin/DataFileCheck.h"
 
 #include "BAS/RegistryEntry.h"
+#include "cache/DataFileLines.h"
 #include "plugin/NumberPortabilityPlugIn.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -52,8 +52,6 @@ std::string digitsOf(std::string_view text) {
   digitsInto(text, digits);
   return digits;
 }
-
-bool atEnd(const STR::FileIoTurbo& reader) { return reader.stream() == nullptr || std::feof(reader.stream()); }
 
 }  // namespace
 
@@ -115,32 +113,28 @@ bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& na
   summaryM.fileName = fileNameM;
   listenerM.begin(fileNameM, fileSize);
 
-  // The load's reading rule: a line counts only when the reader delivered it and had not yet
-  // met the end of the file, so a last line without a line end is never loaded.
-  std::uint64_t lineNumber = 1;
+  // The initial load's reading rule and its reaction to a line that the reader fails to
+  // deliver: the load stops there, and the plug-in does not start.
   std::uint64_t bytesRead = 0;
   BAS::String line;
-  while (!atEnd(readerM)) {
-    line = BAS::NULL_STRING;
-    if (!readerM.readLine(line)) {
-      if (std::ferror(readerM.stream())) {
-        listenerM.cannotCheck("reading the data file '" + fileNameM + "' failed at line " +
-                              BAS::String::decimal(lineNumber) + ": " + std::strerror(errno) +
-                              "; the plug-in would not start.");
-        return false;
-      }
-      break;
+  DataFileLines lines(readerM);
+  for (DataFileLines::Step step; (step = lines.next(line)) != DataFileLines::Step::end;) {
+    const std::uint64_t lineNumber = lines.lineNumber();
+    if (step == DataFileLines::Step::failed) {
+      const BAS::String cause = lines.error() != 0 ? BAS::String(": ") + std::strerror(lines.error()) : BAS::String();
+      listenerM.cannotCheck("reading the data file '" + fileNameM + "' failed at line " +
+                            BAS::String::decimal(lineNumber) + cause + "; the plug-in would not start.");
+      return false;
     }
     ++summaryM.lines;
     bytesRead += line.length() + 1;
-    if (atEnd(readerM)) {
+    if (step == DataFileLines::Step::noLineEnd) {
       flush();
       reject(lineNumber, "the last line has no line end, so the plug-in never loads it: " + quoted(line.view()) + ".");
-      break;
+      continue;
     }
     judge(line, lineNumber);
     if (lineNumber % progressLinesCM == 0) listenerM.progress(summaryM.lines, bytesRead);
-    ++lineNumber;
   }
   flush();
   readerM.closeFile();

@@ -138,7 +138,8 @@ bool PlugIn::init() {
   // A default-constructed plug-in has nothing to load.
   if (cacheManagerM == nullptr) return false;
   reportStatus("INF_LOAD_DATA", BAS::Status::NORMAL, registeredName());
-  workerThreadM = new BAS::Thread(nullptr);
+  // Named, so that a failure that ends it says whose worker it was.
+  workerThreadM = new BAS::Thread(nullptr, registeredName() + " worker");
   lock();
   workerThreadM->start([this] { run(); });
   bool loaded;

@@ -7,7 +7,8 @@
 // destroys; search and isUsable may run in any number of processing threads at any time;
 // registry updates and probe writes arrive on any thread. Cache operations (reload, delta
 // load, print) from updates and from the worker are serialised by operationLockM, while
-// lookups go on.
+// lookups go on. An exception from a cache operation passes through the update or the worker
+// that ran it, with every lock released; one that leaves the worker's body ends the worker.
 #pragma once
 
 #include "BAS/BinarySemaphore.h"
@@ -128,7 +129,7 @@ public:
   // The rest of the host's interface: the cache's normalisation, progress and record count.
   void normalize(std::string_view number, std::string& into) const override;
   LoadFigures loadFigures() const override;
-  std::uint64_t activeRecords() override { return cacheManagerM != nullptr ? recordCount() : 0; }
+  std::uint64_t activeRecords() override { return cacheManagerM != nullptr ? cacheManagerM->publishedRecords() : 0; }
   std::string dataFileName() const override { return fileNameM.str(); }
   bool workerRunning() const override { return workerThreadM != nullptr && workerThreadM->isRunning(); }
 

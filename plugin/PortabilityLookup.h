@@ -62,7 +62,8 @@ public:
   };
   // The figures of the load in progress, or when none runs, of the last one. Never waits.
   virtual LoadFigures loadFigures() const = 0;
-  // Records in the data that answers lookups. Holds up lookups for a moment: not for each record.
+  // Records in the data that answers lookups, as the last exchange of the data published them.
+  // Never waits, whatever the cache is doing.
   virtual std::uint64_t activeRecords() = 0;
   // The configured main data file, as the registry names it.
   virtual std::string dataFileName() const = 0;

@@ -2,9 +2,20 @@
 
 #include "store/StoredRecord.h"
 
-#include <new>
+#include "BAS/CapacityExceeded.h"
+
+#include <atomic>
 
 namespace DAT::NumberPortability {
+
+namespace {
+
+// The test seam's limit; 0: the records' own. Atomic, no lock: set by a test between loads.
+std::atomic<std::uint32_t> limitForTestingCM{0};
+
+}  // namespace
+
+void OperatorTable::setLimitForTesting(std::uint32_t limit) { limitForTestingCM.store(limit); }
 
 OperatorTable& OperatorTable::operator=(const OperatorTable& other) {
   if (this == &other) return *this;
@@ -18,7 +29,11 @@ std::uint32_t OperatorTable::intern(const BAS::SimpleString& text) {
   const std::string_view view = text.view();
   if (lastM < textsM.size() && textsM[lastM].view() == view) return lastM;
   if (const auto found = indexM.find(view); found != indexM.end()) return lastM = found->second;
-  if (textsM.size() >= StoredRecord::operatorLimitCM) throw std::bad_alloc();
+  const std::uint32_t testLimit = limitForTestingCM.load(std::memory_order_relaxed);
+  if (textsM.size() >= (testLimit != 0 ? testLimit : StoredRecord::operatorLimitCM)) {
+    // The limit's own words, whatever the seam set: what an operator reads is what the records hold.
+    throw BAS::CapacityExceeded("more than 16,777,216 distinct operator identifiers");
+  }
   const auto index = static_cast<std::uint32_t>(textsM.size());
   textsM.push_back(text);
   try {

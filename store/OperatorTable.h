@@ -21,13 +21,17 @@ public:
   OperatorTable& operator=(const OperatorTable& other);
 
   // The index of `text`, added when new. Out of memory propagates, and so does a table that
-  // already holds StoredRecord::operatorLimitCM texts (as std::bad_alloc); the table is
-  // unchanged then.
+  // already holds StoredRecord::operatorLimitCM texts (as BAS::CapacityExceeded, a
+  // std::bad_alloc that names the limit); the table is unchanged then.
   std::uint32_t intern(const BAS::SimpleString& text);
   // The text of an index that intern gave.
   const BAS::SimpleString& text(std::uint32_t index) const noexcept { return textsM[index]; }
   std::size_t size() const noexcept { return textsM.size(); }
   void clear() noexcept;
+
+  // Test seam: from now on every table is full at `limit` texts (0: at the records' own limit),
+  // and says so as it does at the real one. Process-wide.
+  static void setLimitForTesting(std::uint32_t limit);
 
 private:
   // Texts keep their places when more are added, so the map's keys may view them.

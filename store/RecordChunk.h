@@ -42,7 +42,7 @@ public:
   }
 
   // The index in operators() of an operator text, added when new. Out of memory propagates,
-  // and so does a full table (as std::bad_alloc).
+  // and so does a full table (as BAS::CapacityExceeded).
   std::uint32_t intern(const BAS::SimpleString& text) { return operatorsM.intern(text); }
   // Adds `record` (its operator index from intern) of a number that pack gave `number` for;
   // `text` is the number, read only when number.textualM. Its index is the number of records

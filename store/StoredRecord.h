@@ -14,7 +14,7 @@ namespace DAT::NumberPortability {
 class StoredRecord {
 public:
   // Operator indexes below this fit; an owner with more distinct operator texts than that
-  // reports it as an allocation failure.
+  // throws BAS::CapacityExceeded, an allocation failure that names the limit.
   static constexpr std::uint32_t operatorLimitCM = std::uint32_t{1} << 24;
 
   StoredRecord() noexcept = default;

@@ -2,14 +2,23 @@
 // leave in both trees and in the main data file, and lookups on more threads than cores while
 // reloads exchange the trees. Where else a dump may go is STR::FileIo's and the plug-in's.
 #include "cache/CacheManager.h"
+#include "store/OperatorTable.h"
 #include "testing/RecordingCacheOwner.h"
 #include "testing/TempDirectory.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <future>
+#include <new>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -72,6 +81,124 @@ TEST(CacheManager, LoadFillsBothTreesAndReportsEachRejectedLineOncePerTree) {
       {"20191231235959", "-"}, {"20200101000000", "OPA"}, {"20201231235959", "OPA"}, {"20210101000000", "OPB"}};
   for (const auto& [when, op] : byDate) EXPECT_EQ(c.lookup("004930111111", when), op) << when;
   EXPECT_EQ(c.lookup("030111111"), "-") << "lookups do not normalise";
+}
+
+// An exception part way through a reload or a delta load (memory ran out, the operator table
+// is full) leaves the data last published in service, and the next delta load and reload work
+// on it as if the failed operation had not been: the delta load adds to the data in service.
+TEST(CacheManager, AnOperationCutShortByAnExceptionLeavesThePublishedDataAndTheNextOperationsWork) {
+  using DAT::NumberPortability::LoadOperation;
+  using DAT::NumberPortability::OperatorTable;
+  const char* const newData = "030700001 20200101000000 NEW1\n";
+  struct Row {
+    const char* label;
+    bool reload;        // else a delta load of newData
+    bool staleBefore;   // a reload without reuse failed before
+    long fills;         // tree fills before the failing one; -1: the operator table fills up instead
+    std::string served; // by lookups after the failure
+  };
+  const Row rows[] = {
+      {"reload, first pass", true, false, 0, initialDump},
+      {"reload, the copy after the exchange", true, false, 1, newDump},
+      {"reload, the operator table fills up", true, false, -1, initialDump},
+      {"delta load, first pass", false, false, 0, initialDump},
+      {"delta load, second pass after the exchange", false, false, 1, initialDump + newDump},
+      {"delta load, the rebuild of a marked standby tree", false, true, 0, initialDump},
+      {"delta load after a failed reload, first pass", false, true, 1, initialDump},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.label);
+    Cache c;
+    if (row.staleBefore) {
+      NpTest::writeText(c.data, "broken\n");
+      ASSERT_FALSE(c.cache.cacheReload(false));
+    }
+    const std::string changed = row.reload ? c.data : c.dir.path("new.txt");
+    NpTest::writeText(changed, row.fills >= 0 ? newData : "030700001 20200101000000 NEW1\n030700002 20200101000000 NEW2\n");
+    if (row.fills >= 0) LoadOperation::failTreeFillAfterForTesting(row.fills);
+    else OperatorTable::setLimitForTesting(1);
+    EXPECT_THROW(row.reload ? c.cache.cacheReload(true) : c.cache.cacheDeltaLoad(BAS::String(changed)), std::bad_alloc);
+    LoadOperation::failTreeFillAfterForTesting(-1);
+    OperatorTable::setLimitForTesting(0);
+    const auto records = [](const std::string& dump) { return static_cast<std::uint32_t>(std::count(dump.begin(), dump.end(), '\n')); };
+    EXPECT_EQ(c.content(), row.served);
+    EXPECT_EQ(c.cache.publishedRecords(), records(row.served));
+
+    // One new record, and a duplicate of it, which both passes report.
+    c.owner.take();
+    const std::string delta = NpTest::writeText(c.dir.path("delta.txt"), "030700003 20200101000000 NEW3\n+4930700003 20200101000000 DUP\n");
+    ASSERT_TRUE(c.cache.cacheDeltaLoad(BAS::String(delta)));
+    const Report duplicate = NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", delta, 2, {"004930700003", "20200101000000"});
+    EXPECT_EQ(c.owner.take(), (Reports{duplicate, duplicate}));
+    const std::string expected = row.served + "004930700003  20200101000000  NEW3\n";
+    EXPECT_EQ(c.cache.publishedRecords(), records(expected));
+    EXPECT_EQ(c.bothTrees(), expected);
+    ASSERT_TRUE(c.cache.cacheReload(false));
+    EXPECT_EQ(c.content(), expected) << "the main data file holds the merged data";
+  }
+}
+
+// Fails the test at once when `action` has not returned after a generous time: a hang.
+template <typename Action>
+void endsWithoutHanging(Action action) {
+  auto done = std::async(std::launch::async, action);
+  if (done.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+    ADD_FAILURE() << "did not end within 30 s";
+    std::_Exit(EXIT_FAILURE);
+  }
+}
+
+// A dump into a reader that takes nothing holds the read side; a reload beside it builds its
+// data and then waits for the dump before it exchanges the trees, while lookups go on all along.
+TEST(CacheManager, ADumpIntoAStalledReaderHoldsUpTheExchangeButNeverTheLookups) {
+  const auto version = [](char name, int records) {
+    std::string text;
+    for (int i = 0; i < records; ++i) text += "0301" + std::to_string(100000 + i) + " 20200101000000 " + name + "\n";
+    return text;
+  };
+  Cache c(version('A', 3000));  // a dump larger than a pipe holds
+  const std::string fifo = c.dir.path("dump.fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const int readEnd = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(readEnd, 0);
+  std::thread dump([&] { c.cache.printData(BAS::String(fifo)); });
+  pollfd readable{readEnd, POLLIN, 0};
+  ASSERT_EQ(::poll(&readable, 1, 30'000), 1) << "the dump did not start";
+
+  NpTest::writeText(c.data, version('B', 3001));
+  std::atomic<bool> reloaded{false};
+  std::thread reload([&] { reloaded = c.cache.cacheReload(false); });
+  const DAT::NumberPortability::LoadProgress& progress = c.cache.progress();
+  endsWithoutHanging([&] {
+    while (progress.loadingM || progress.linesReadM != 3001) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // lets the reload reach the exchange
+  endsWithoutHanging([&] {
+    std::vector<std::thread> lookups;
+    std::atomic<int> answeredA{0};
+    for (int t = 0; t < 4; ++t) {
+      lookups.emplace_back([&, t] {
+        for (int i = 0; i < 1000; ++i) answeredA += c.lookup("004930" + std::to_string(1100000 + (t * 1000 + i) % 3000)) == "A";
+      });
+    }
+    for (std::thread& lookup : lookups) lookup.join();
+    EXPECT_EQ(answeredA, 4000) << "lookups answer the data in service until the exchange";
+  });
+  EXPECT_FALSE(reloaded) << "the trees were exchanged under a dump";
+
+  std::string dumped;
+  endsWithoutHanging([&] {
+    ::fcntl(readEnd, F_SETFL, 0);
+    char buffer[65536];
+    for (ssize_t got; (got = ::read(readEnd, buffer, sizeof buffer)) > 0;) dumped.append(buffer, static_cast<std::size_t>(got));
+    dump.join();
+    reload.join();
+  });
+  ::close(readEnd);
+  EXPECT_EQ(dumped.size(), NpTest::dumpBanner.size() + 3000 * 33) << "the dump holds the old data whole";
+  EXPECT_TRUE(reloaded);
+  EXPECT_EQ(c.lookup("0049301103000"), "B");
+  EXPECT_EQ(c.cache.publishedRecords(), 3001U);
 }
 
 // A reload replaces the data of both trees, or keeps the old data by the reuse rule; a delta

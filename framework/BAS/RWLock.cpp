@@ -76,8 +76,32 @@ bool RWLock::noReaders() const noexcept {
   return true;
 }
 
+void RWLock::longReadLock() {
+  for (;;) {
+    longReadersM.fetch_add(1, std::memory_order_seq_cst);
+    if (longGateM.load(std::memory_order_seq_cst) == 0) return;
+    // A writer has its turn: out of the count, so that it does not wait for us, and wait for it.
+    if (longReadersM.fetch_sub(1, std::memory_order_seq_cst) == 1) wakeAll(longReadersM);
+    while (longGateM.load(std::memory_order_seq_cst) != 0) sleepWhileEqual(longGateM, 1);
+  }
+}
+
+void RWLock::longReadUnlock() {
+  // The last long reader out wakes a writer that waits for it; one that closed the gate after
+  // this look sees the count already down.
+  if (longReadersM.fetch_sub(1, std::memory_order_seq_cst) == 1 && longGateM.load(std::memory_order_seq_cst) != 0) {
+    wakeAll(longReadersM);
+  }
+}
+
 void RWLock::writeLock() {
   writersM.take();
+  // The long readers first, with short readers still let in: a dump may hold its side for as
+  // long as its output takes, and lookups must not queue behind this writer meanwhile.
+  longGateM.store(1, std::memory_order_seq_cst);
+  for (std::uint32_t inside; (inside = longReadersM.load(std::memory_order_seq_cst)) != 0;) {
+    sleepWhileEqual(longReadersM, inside);
+  }
   writingM.store(1, std::memory_order_seq_cst);
   // From here no reader enters; only those inside are waited for.
   for (int spin = 0; spin < 64; ++spin) {
@@ -99,6 +123,8 @@ void RWLock::writeLock() {
 void RWLock::writeUnlock() {
   writingM.store(0, std::memory_order_seq_cst);
   wakeAll(writingM);
+  longGateM.store(0, std::memory_order_seq_cst);
+  wakeAll(longGateM);
   writersM.give();
 }
 

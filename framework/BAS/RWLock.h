@@ -1,6 +1,7 @@
 // BAS::RWLock is the framework's readers-writer lock: any number of readers, or one writer.
 // Readers are the hot path (one lookup, or one batch of lookups, each), so taking the read side
-// must stay cheap. Use BAS::ReadLocker and BAS::WriteLocker to hold it for a scope.
+// must stay cheap. Use BAS::ReadLocker, BAS::LongReadLocker and BAS::WriteLocker to hold it for a
+// scope.
 //
 // Design: each reader counts itself in one of slotCountCM counters, each on its own cache line,
 // chosen per thread; so readers on different cores never write the same line, where one shared
@@ -11,6 +12,14 @@
 // and waits. Writers take turns through a binary semaphore, which one writer takes and the
 // same writer gives back on unlock. Not recursive on either side.
 //
+// A reader that holds the read side for long (a dump, which writes as fast as whoever reads it)
+// takes it as a long reader, counted apart in longReadersM. A writer whose turn has come first
+// closes longGateM, so that no further long reader enters, and waits for the long readers inside
+// to leave, with writingM still lowered: the short readers (lookups) go on entering all the
+// while. Only then does it raise writingM and wait for the short readers, as above. Long readers
+// and the writer meet on longReadersM and longGateM as short readers and the writer do on the
+// counters and writingM: each changes its own word before it looks at the other's.
+//
 // Every wait and every wake-up happens out of line, in the framework library, on the lock's own
 // word through the kernel (futex): a reader compiled into a host program and a writer compiled
 // into a plug-in library meet on the same address whatever binary each was built into. Nothing
@@ -18,16 +27,20 @@
 // keep a copy of its own.
 //
 // Bounds, for any number of reader threads, more than there are processors included:
-// - A writer waits for the writers queued before it and then only for the readers that were
-//   inside when it raised writingM: no reader enters after that. So its wait is the longest
-//   remaining hold of those readers: one search or one batch of searches for the cache's
-//   lookups (microseconds of work), plus, where more threads want to run than there are
-//   processors, the time the scheduler keeps a reader that it preempted inside off a processor
-//   (one scheduling period, milliseconds; npbench's crowded latency run shows it). A dump holds
-//   the read side for the whole dump, but the plug-in never runs a dump and a change of the
-//   data at the same time.
-// - A reader that finds a writer waits for that writer's wait and its hold (for the cache, the
-//   exchange of two pointers), and again for each writer queued right behind it.
+// - A short reader never waits for a long reader. It waits only while a writer has raised
+//   writingM, which happens once no long reader is inside, so only for that writer's wait for
+//   the short readers and its hold (for the cache, the exchange of two pointers), and again for
+//   each writer queued right behind it.
+// - A writer waits for the writers queued before it, then for the long readers inside when it
+//   closed the gate (for the cache, the dump in progress: as long as its output takes), then
+//   for the short readers that were inside when it raised writingM: no reader enters after
+//   that. That last wait is the longest remaining hold of those readers: one search or one
+//   batch of searches for the cache's lookups (microseconds of work), plus, where more threads
+//   want to run than there are processors, the time the scheduler keeps a reader that it
+//   preempted inside off a processor (one scheduling period, milliseconds; npbench's crowded
+//   latency run shows it).
+// - A long reader that comes while a writer has its turn waits for that writer's waits and its
+//   hold, so dumps one after another cannot keep a writer out.
 #pragma once
 
 #include "BAS/BinarySemaphore.h"
@@ -57,6 +70,10 @@ public:
 
   void readUnlock() RELEASE_SHARED() { slotsM[slotOfThisThread()].readersM.fetch_sub(1, std::memory_order_release); }
 
+  // The read side for a long hold; see the design above. Out of line: not the hot path.
+  void longReadLock() ACQUIRE_SHARED();
+  void longReadUnlock() RELEASE_SHARED();
+
   void writeLock() ACQUIRE();
   void writeUnlock() RELEASE();
 
@@ -81,6 +98,12 @@ private:
   // and the word that sleeping readers wait on. 32 bits, the size the kernel waits on.
   alignas(64) std::atomic<std::uint32_t> writingM{0};
   BinarySemaphore writersM;  // taken while a writer holds the lock or waits for readers
+  // Long readers inside; atomic, and the word a writer sleeps on until they have left. 32 bits,
+  // as writingM. On a line of its own, away from writingM, which every lookup reads.
+  alignas(64) std::atomic<std::uint32_t> longReadersM{0};
+  // 1 from the moment a writer's turn has come until it unlocks, else 0: long readers that come
+  // meanwhile step back and sleep on it. Atomic, no lock.
+  std::atomic<std::uint32_t> longGateM{0};
 };
 
 }  // namespace BAS

@@ -1,10 +1,17 @@
 #include "BAS/Thread.h"
 
+#include "BAS/FailureText.h"
+#include "BAS/Framework.h"
+#include "BAS/Log.h"
 #include "BAS/MutexLocker.h"
+#include "BAS/RegisteredObject.h"
+#include "BAS/Status.h"
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cxxabi.h>
+#include <string>
 #include <system_error>
 #include <vector>
 
@@ -36,7 +43,7 @@ OwnerlessList& ownerless() {
 
 }  // namespace
 
-Thread::Thread(RegisteredObject* owner) : ownerM(owner) {
+Thread::Thread(RegisteredObject* owner, const String& name) : ownerM(owner), nameM(name) {
   if (ownerM == nullptr) {
     OwnerlessList& list = ownerless();
     MutexLocker locker(list.mutexM);
@@ -164,16 +171,48 @@ void Thread::runBody() {
   }
   changedM.notifyAll();
 
-  EndOfThread end{this};
+  bool failed = false;
+  std::string cause;
+  {
+    EndOfThread end{this};
+    try {
+      bodyM();
+    } catch (const CancelRequest&) {
+      // The requested end.
+    } catch (const abi::__forced_unwind&) {
+      // pthread_exit or a thread library's cancellation: swallowing it would abort the process.
+      throw;
+    } catch (...) {
+      // A body that fails ends its thread only; the process and its other threads go on. Put
+      // into words here, while the failure's code (perhaps a plug-in's) is surely still loaded.
+      failed = true;
+      try {
+        cause = failureText(std::current_exception());
+      } catch (...) {
+        // Left empty: reportFailure says what it can.
+      }
+    }
+  }
+  // Said once the thread counts as ended, so that whoever reads the report finds it stopped.
+  // Nobody else sees the failure, so the log must say it.
+  if (failed) reportFailure(cause);
+}
+
+void Thread::reportFailure(const std::string& cause) const noexcept {
   try {
-    bodyM();
-  } catch (const CancelRequest&) {
-    // The requested end.
-  } catch (const abi::__forced_unwind&) {
-    // pthread_exit or a thread library's cancellation: swallowing it would abort the process.
-    throw;
+    Status status;
+    status.set(ownerM != nullptr ? ownerM->lockedName() : String(), "ERR_THREAD_FAILED", Status::CRITICAL,
+               std::vector<String>{nameM.empty() ? String("unnamed") : nameM,
+                                   cause.empty() ? String("memory ran out while the failure was put into words") : String(cause)});
+    if (Framework* framework = Framework::current()) {
+      framework->log().writeStatus(status);
+    } else {
+      const std::string line = Log::formatLine(Log::statusRecord(status), Log::Format::TEXT);
+      std::fprintf(stderr, "%s\n", line.c_str());
+    }
   } catch (...) {
-    // A body that fails ends its thread only; the process and its other threads go on.
+    // Memory ran out again while the failure was being said: nothing is left to say it with,
+    // and the thread must still end rather than take the process with it.
   }
 }
 

@@ -2,6 +2,9 @@
 // returns once that thread runs; stop() requests cancellation and waits for the thread to end.
 // Cancellation is cooperative: a thread ends at its next serviceCancel(); a sleepMs() or a
 // suspension in serviceInterrupt() in progress is cut short so that it gets there promptly.
+// A body that fails (an exception other than the cancellation) ends its thread only: the
+// failure is reported to the framework log as "ERR_THREAD_FAILED" with the thread's name and
+// the cause in words, and isRunning() is false from then on.
 // Threads made with no owner belong to the framework, which stops and releases them when it
 // ends (releaseOwnerless).
 // start() and stop() are called by one controlling thread; the static operations act on the
@@ -11,9 +14,11 @@
 #include "BAS/ConditionVariable.h"
 #include "BAS/Export.h"
 #include "BAS/Mutex.h"
+#include "BAS/String.h"
 
 #include <atomic>
 #include <functional>
+#include <string>
 #include <thread>
 
 namespace BAS {
@@ -22,7 +27,8 @@ class RegisteredObject;
 
 class BAS_EXPORT Thread {
 public:
-  explicit Thread(RegisteredObject* owner);
+  // `name` names the thread in the framework's messages about it; empty: "unnamed".
+  explicit Thread(RegisteredObject* owner, const String& name = String());
   ~Thread();  // stops the thread if it still runs
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;
@@ -33,6 +39,7 @@ public:
   // be called from the thread itself (there it only requests cancellation).
   void stop() EXCLUDES(mutexM);
   bool isRunning() const { return runningM.load(); }
+  const String& name() const { return nameM; }
 
   // Asks the thread to suspend at its next serviceInterrupt(); resume() lets it go on.
   void interrupt() EXCLUDES(mutexM);
@@ -54,8 +61,12 @@ public:
 
 private:
   void runBody() EXCLUDES(mutexM);
+  // Writes "ERR_THREAD_FAILED" with `cause` (empty: it could not be put into words) to the
+  // framework log, on the failed thread.
+  void reportFailure(const std::string& cause) const noexcept;
 
   RegisteredObject* ownerM;  // set at construction, then only read
+  const String nameM;        // set at construction, then only read
   // Written by start() before the thread exists (making the thread orders it before the
   // thread's reads), then read and reset by the thread alone: no lock.
   std::function<void()> bodyM;

@@ -1,6 +1,10 @@
 // The framework's waiting and waking: condition variable, signal, readers-writer lock and
 // threads. A wake-up that never comes shows as a hang, which the watchdog turns into a failure.
 #include "BAS/BinarySemaphore.h"
+#include "BAS/CapacityExceeded.h"
+#include "BAS/Framework.h"
+#include "BAS/LongReadLocker.h"
+#include "BAS/MemoryLogSink.h"
 #include "BAS/MutexLocker.h"
 #include "BAS/ReadLocker.h"
 #include "BAS/Thread.h"
@@ -138,6 +142,42 @@ TEST(RWLock, AWriterWaitsForTheReaderInsideAndLaterReadersWaitBehindIt) {
   EXPECT_TRUE(laterReaderSawWriter);
 }
 
+// A dump holds the read side for as long as its reader takes: a writer waits for it without
+// shutting lookups out meanwhile, and a dump that comes later waits behind the writer.
+TEST(RWLock, AWriterWaitingForALongReaderLetsShortReadersInAndALaterLongReaderWaitsBehindIt) {
+  BAS::RWLock lock;
+  std::atomic<bool> writerWaiting{false}, writerIn{false}, laterDumpIn{false}, laterDumpSawWriter{false};
+  lock.longReadLock();
+  std::thread writer([&] {
+    writerWaiting = true;
+    BAS::WriteLocker locker(lock);
+    writerIn = true;
+    std::this_thread::sleep_for(5ms);
+  });
+  while (!writerWaiting) std::this_thread::yield();
+  std::this_thread::sleep_for(50ms);  // lets the writer close the gate and wait
+  std::thread laterDump([&] {
+    BAS::LongReadLocker locker(lock);
+    laterDumpSawWriter = writerIn.load();
+    laterDumpIn = true;
+  });
+  endsWithoutHanging([&] {
+    std::vector<std::thread> lookups;
+    for (int t = 0; t < 4; ++t) {
+      lookups.emplace_back([&] {
+        for (int i = 0; i < 1000; ++i) BAS::ReadLocker locker(lock);
+      });
+    }
+    for (std::thread& lookup : lookups) lookup.join();
+  });
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(writerIn) << "the writer got in while a long reader was inside";
+  EXPECT_FALSE(laterDumpIn) << "a long reader passed a waiting writer";
+  lock.longReadUnlock();
+  endsWithoutHanging([&] { writer.join(), laterDump.join(); });
+  EXPECT_TRUE(laterDumpSawWriter);
+}
+
 // A body that holds a share of `held` while it services its points; cancellation must unwind it
 // and the thread must let go of the body, or the count stays up.
 std::function<void()> worker(const std::shared_ptr<int>& held, unsigned sleepMs) {
@@ -162,6 +202,40 @@ TEST(Thread, RunsItsBodyOnceOnItsOwnThreadStopCutsAnHourLongSleepShortAndAFailin
   EXPECT_FALSE(failing.isRunning());
   // Outside a framework thread the service points are no-ops; a never-started thread stops.
   BAS::Thread::serviceInterrupt(), BAS::Thread::serviceCancel(), BAS::Thread(nullptr).stop();
+}
+
+// A body that fails ends its thread only, and the log says which thread and why in words.
+TEST(Thread, AFailingBodyIsReportedWithTheThreadsNameAndTheCauseAndEndsItsThread) {
+  BAS::Framework framework;
+  const auto sink = std::make_shared<BAS::MemoryLogSink>();
+  framework.log().addSink(sink);
+  const struct {
+    const char* name;
+    std::function<void()> body;
+    std::string cause;
+  } rows[] = {
+      {"loader", [] { throw BAS::CapacityExceeded("more than 3 things"); }, "more than 3 things"},
+      {"", [] { throw std::bad_alloc(); }, "memory ran out (std::bad_alloc)"},
+      {"worker", [] { throw std::runtime_error("disk on fire"); }, "std::runtime_error: disk on fire"},
+      {"odd", [] { throw 7; }, "an exception of an unknown type"},
+  };
+  for (const auto& row : rows) {
+    sink->clear();
+    BAS::Thread thread(nullptr, row.name);
+    ASSERT_TRUE(thread.start(row.body));
+    ASSERT_TRUE(sink->waitFor("ERR_THREAD_FAILED", 1, 30s)) << row.cause;
+    const BAS::LogRecord record = sink->withId("ERR_THREAD_FAILED").at(0);
+    EXPECT_EQ(record.args, (std::vector<BAS::String>{*row.name ? row.name : "unnamed", row.cause}));
+    EXPECT_EQ(record.severity, 5);
+    endsWithoutHanging([&] { thread.stop(); });
+    EXPECT_FALSE(thread.isRunning());
+  }
+  // Its own cancellation is no failure.
+  sink->clear();
+  BAS::Thread cancelled(nullptr, "cancelled");
+  ASSERT_TRUE(cancelled.start(worker(std::make_shared<int>(), 10)));
+  endsWithoutHanging([&] { cancelled.stop(); });
+  EXPECT_EQ(sink->count("ERR_THREAD_FAILED"), 0u);
 }
 
 TEST(Thread, InterruptSuspendsUntilResumeAndTheFrameworkStopsAndReleasesOwnerlessThreads) {
