@@ -1,6 +1,5 @@
 #include "cache/DataFileLines.h"
 
-#include <cerrno>
 #include <cstdio>
 
 namespace DAT::NumberPortability {
@@ -15,17 +14,13 @@ DataFileLines::Step DataFileLines::next(BAS::String& line) {
   // together with the end of the file is not processed.
   if (atEnd()) return Step::end;
   line = BAS::NULL_STRING;
-  errno = 0;
   const bool delivered = readerM.readLine(line);
-  const int error = errno;
   ++lineNumberM;
   if (delivered) return atEnd() ? Step::noLineEnd : Step::line;
   if (std::ferror(readerM.stream()) != 0) {
     brokenM = true;
-    errorM = error != 0 ? error : EIO;
     return Step::failed;
   }
-  errorM = 0;
   return std::feof(readerM.stream()) != 0 ? Step::end : Step::failed;
 }
 

@@ -35,15 +35,14 @@ public:
   unsigned long lineNumber() const noexcept { return lineNumberM; }
   // Whether reading ends at the next step: the end of the file was met, or no file is open.
   bool atEnd() const noexcept;
-  // For a `failed` step on a stream in error, the error (an errno value); 0 for a failed line
-  // after which the file reads on (a line the reader refused, which it reported itself).
-  int error() const noexcept { return errorM; }
+  // Whether the last `failed` step left the file unreadable (the reading then ends), rather than
+  // refused one line after which the file reads on. The reader's failure() says why in words.
+  bool broken() const noexcept { return brokenM; }
   STR::FileIoTurbo& reader() const noexcept { return readerM; }
 
 private:
   STR::FileIoTurbo& readerM;
   unsigned long lineNumberM = 0;
-  int errorM = 0;
   // The stream reported an error: nothing more can be read from it, whatever its end-of-file
   // indicator says, so the rule ends rather than fail at the same place again and again.
   bool brokenM = false;

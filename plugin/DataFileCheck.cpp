@@ -121,7 +121,8 @@ bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& na
   for (DataFileLines::Step step; (step = lines.next(line)) != DataFileLines::Step::end;) {
     const std::uint64_t lineNumber = lines.lineNumber();
     if (step == DataFileLines::Step::failed) {
-      const BAS::String cause = lines.error() != 0 ? BAS::String(": ") + std::strerror(lines.error()) : BAS::String();
+      const BAS::String& failure = readerM.failure();
+      const BAS::String cause = failure.empty() ? BAS::String() : BAS::String(": ") + failure;
       listenerM.cannotCheck("reading the data file '" + fileNameM + "' failed at line " +
                             BAS::String::decimal(lineNumber) + cause + "; the plug-in would not start.");
       return false;

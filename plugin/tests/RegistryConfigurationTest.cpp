@@ -56,6 +56,11 @@ TEST(ReadRegistry, BadConfigurationIsReportedAndEndsTheConstruction) {
       {"missing data file", "NP", {{"FileName", "absent.txt"}, good[1], good[2]}, {"ERR_FILE_NOT_FOUND", 4, {"absent.txt"}}},
       {"data file is a folder", "NP", {{"FileName", "."}, good[1], good[2]}, {"ERR_OPEN_FILE_FAILED", 4, {"."}}},
   };
+  // The framework's reader says why a file that exists cannot be read, before the plug-in's own report.
+  const auto readersReason = [](const std::string& label) -> std::vector<Report> {
+    if (label == "data file is a folder") return {{"ERR_FILE_NOT_READ", 5, {".", "it is a directory"}}};
+    return {};
+  };
   for (const auto& [label, subtreeName, keys, expected] : rows) {
     SCOPED_TRACE(label);
     TestEnvironment env;
@@ -65,8 +70,10 @@ TEST(ReadRegistry, BadConfigurationIsReportedAndEndsTheConstruction) {
     for (const auto& [key, value] : keys) subtree.add(key, value);
     NpTest::PlugIn& plugIn = env.make("NP");
     EXPECT_FALSE(NpTest::isValid(plugIn) || plugIn.isUsable());
-    EXPECT_EQ(env.statuses(), std::vector<Report>{expected});
-    EXPECT_EQ(env.sink->records().size(), 1u);
+    std::vector<Report> reports = readersReason(label);
+    reports.push_back(expected);
+    EXPECT_EQ(env.statuses(), reports);
+    EXPECT_EQ(env.sink->records().size(), reports.size());
     EXPECT_TRUE(plugIn.cacheManager() != nullptr && plugIn.eventHandlerName().empty() && plugIn.probeGroup() == nullptr);
   }
 }
