@@ -127,7 +127,7 @@ TEST_F(OperatorControl, StatusFollowsLoadsReloadsAndLookupsWhicheverRoadTheyTook
                                  {"records", "4"}, {"usable", "true"}, {"file", "my np.txt"}, {"loading", "false"},
                                  {"lines_loaded", "4"}, {"lines_rejected", "1"}, {"reload", "never"},
                                  {"reload_result", "none"}, {"delta", "never"}, {"delta_result", "none"},
-                                 {"lookups", "0"}}));
+                                 {"lookups", "0"}, {"worker", "running"}}));
 
   EXPECT_EQ(ask("search 004930123456 20210101000000"), "found OPA 20200101000000");
   EXPECT_EQ(ask("after EVT::ADD_NUM_PORT_DATA_SUCCESSFUL 60000 probe deltaLoad delta.txt"), "probe deltaLoad result=true");
