@@ -50,6 +50,10 @@ public:
   }
 
   void write(const std::string& text) const { writeAll(inM, text); }
+  // Ends standard input, as finish() does, without waiting.
+  void endInput() {
+    if (inM >= 0) close(std::exchange(inM, -1));
+  }
   std::string readLine() { return nextLine(outM, bufferM); }
   // Ends standard input, collects the rest of standard output and returns the exit status.
   int finish() {
