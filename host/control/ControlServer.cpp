@@ -74,8 +74,10 @@ bool ControlServer::open(const std::string& path) {
   const std::string hidden = (folder / (".nphost-" + std::to_string(getpid()))).string();
   sockaddr_un hiddenWhere{};
   if (!address(path, where) || !address(hidden, hiddenWhere)) {
+    // The hidden name must fit too, where it is the longer of the two.
+    const std::size_t extra = hidden.size() > path.size() ? hidden.size() - path.size() : 0;
     errorM = "the control socket path '" + path + "' is empty or longer than " +
-             std::to_string(sizeof(where.sun_path) - 1 - (hidden.size() - path.size())) + " bytes.";
+             std::to_string(sizeof(where.sun_path) - 1 - extra) + " bytes.";
     return false;
   }
   // Refused before the data loads, so that a second instance ends at once.
