@@ -1,5 +1,6 @@
 #include "host/check/CheckSession.h"
 
+#include "BAS/FailureText.h"
 #include "host/common/ExitStatus.h"
 #include "host/startup/HostSession.h"
 #include "plugin/DataFileCheckListener.h"
@@ -68,6 +69,8 @@ public:
 
   // Every rejected or suspicious line and a file without records came as a finding.
   bool findings() const { return findingsM; }
+  // The data file being checked; empty before the check began reading.
+  const std::string& fileName() const { return fileNameM; }
 
 private:
   static constexpr std::uint64_t largeFileCM = std::uint64_t{4} << 20;
@@ -99,7 +102,16 @@ int CheckSession::run(std::ostream& out, std::ostream& err, int errDescriptor) {
   const auto check = reinterpret_cast<Listener::EntryPoint>(symbol);
 
   PrintingListener listener(out, err, isatty(errDescriptor) == 1);
-  if (!check(sessionM.instanceRegistry(), BAS::String(sessionM.instanceName()), listener)) return notCheckedCM;
+  try {
+    if (!check(sessionM.instanceRegistry(), BAS::String(sessionM.instanceName()), listener)) return notCheckedCM;
+  } catch (...) {
+    // The check has judged only part of the file: it says why it stopped, and judges nothing.
+    const std::string what = listener.fileName().empty() ? "the data file of '" + sessionM.instanceName() + "'"
+                                                         : "'" + listener.fileName() + "'";
+    listener.cannotCheck(BAS::String("the check of " + what + " was ended by an unexpected failure: " +
+                                     BAS::failureText(std::current_exception())));
+    return notCheckedCM;
+  }
   return listener.findings() ? findingsCM : cleanCM;
 }
 

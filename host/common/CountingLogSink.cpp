@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <vector>
+
 namespace Host {
 
 void CountingLogSink::write(const BAS::LogRecord& record, const std::string& /*line*/) {
@@ -14,9 +16,9 @@ void CountingLogSink::write(const BAS::LogRecord& record, const std::string& /*l
     seen.last = record.time;
     // Under the lock, so that the descriptor cannot be closed in between. A full pipe is
     // readable already, so a write that fails loses nothing.
-    if (notifyM >= 0) {
+    for (const int writeEnd : notifyM) {
       const char byte = 'x';
-      [[maybe_unused]] const ssize_t ignored = ::write(notifyM, &byte, 1);
+      [[maybe_unused]] const ssize_t ignored = ::write(writeEnd, &byte, 1);
     }
   }
   writtenM.notifyAll();
@@ -24,7 +26,12 @@ void CountingLogSink::write(const BAS::LogRecord& record, const std::string& /*l
 
 void CountingLogSink::notifyOnWrite(int writeEnd) {
   BAS::MutexLocker locker(mutexM);
-  notifyM = writeEnd;
+  notifyM.push_back(writeEnd);
+}
+
+void CountingLogSink::stopNotifying(int writeEnd) {
+  BAS::MutexLocker locker(mutexM);
+  std::erase(notifyM, writeEnd);
 }
 
 const CountingLogSink::Seen* CountingLogSink::find(const std::string& id) const {

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace Host {
 
@@ -29,10 +30,11 @@ public:
   bool waitFor(const std::string& id, std::size_t count, std::chrono::milliseconds timeout) const EXCLUDES(mutexM);
 
   // Every entry written from now on also writes a byte to `writeEnd` (a non-blocking pipe, as
-  // SelfPipe makes), so that a thread sleeping in poll sees it; -1 stops that.
-  // Once it returns, no write of the log touches the descriptor given before, which may then be
-  // closed.
+  // SelfPipe makes), so that a thread sleeping in poll sees it, until stopNotifying(writeEnd).
+  // Once that returns, no write of the log touches the descriptor, which may then be closed.
+  // Each parked wait of the control socket adds its own.
   void notifyOnWrite(int writeEnd) EXCLUDES(mutexM);
+  void stopNotifying(int writeEnd) EXCLUDES(mutexM);
 
 private:
   struct Seen {
@@ -44,7 +46,7 @@ private:
   mutable BAS::Mutex mutexM;
   mutable BAS::ConditionVariable writtenM;  // notified after each entry, under no lock
   std::unordered_map<std::string, Seen> seenM GUARDED_BY(mutexM);
-  int notifyM GUARDED_BY(mutexM) = -1;
+  std::vector<int> notifyM GUARDED_BY(mutexM);
 };
 
 }  // namespace Host

@@ -50,6 +50,8 @@ bool ControlClient::isFailure(std::string_view line) {
   if (line.starts_with("error")) return true;
   if (line.starts_with("update result=false")) return true;
   if (line.starts_with("update ") && (line.find(" taken=false") != std::string_view::npos)) return true;
+  // The data is served, but the data file does not hold it: the operator has work to do.
+  if (line.starts_with("update ") && (line.find(" saved=false") != std::string_view::npos)) return true;
   if (line.starts_with("probe ") && endsWith(" result=false")) return true;
   return line.starts_with("await ") && endsWith(" timeout");
 }

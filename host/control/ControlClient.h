@@ -30,7 +30,8 @@ public:
   static std::string commandLine(const std::vector<std::string>& words);
 
   // Whether an answer line reports a failure: it starts with "error", is "update result=false
-  // ...", holds "taken=false", is "probe NAME result=false", or is a wait that timed out.
+  // ...", holds "taken=false" or "saved=false", is "probe NAME result=false", or is a wait that
+  // timed out.
   static bool isFailure(std::string_view line);
 
   // Sends the words as one line to the socket at `path` and reads `lines` answer lines (one,

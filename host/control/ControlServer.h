@@ -1,14 +1,19 @@
 // Host::ControlServer is the control socket of `nphost run`: a Unix domain socket, owner-only,
 // on which operators send the script commands (lookups, updates, probes, waits) while the
-// records flow. One control thread polls the listening socket and every connection, so an idle
-// or slow client holds up nobody; commands run on that thread, one at a time, through a
-// CommandInterpreter in control mode. A wait around a command ("after") parks its connection
-// until the log counts the entry or the deadline passes, while the others are served. The run
-// session opens, starts and stops it.
+// records flow. A listener thread accepts connections and gives each a thread of its own
+// (ControlConnection), because a command runs inside the plug-in until it ends: a reload of a
+// large file, a delta file that is a FIFO nobody writes yet, a wait. With a thread each, such a
+// command holds up only its own connection; two cache operations queue in the plug-in's own
+// serialisation, and every other connection is answered meanwhile. The bound of 16
+// connections keeps the thread count small, and the bound on parked waits keeps some of them
+// free for an operator.
+// The run session opens it before the data loads, starts it once the data serves, and stops
+// it at the end; those three and the destructor belong to that one thread.
 #pragma once
 
 #include "host/common/OwnedDescriptor.h"
 #include "host/common/SelfPipe.h"
+#include "host/common/WaitSlots.h"
 #include "host/script/CommandInterpreter.h"
 
 #include <sys/types.h>
@@ -16,84 +21,80 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <optional>
+#include <list>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace Host {
 
+class ControlConnection;
+
 class ControlServer {
 public:
   // Connections served at once; one more is told "error too many connections" and closed.
   static constexpr std::size_t maxConnectionsCM = 16;
-  // A longer command line is answered "error ..." and skipped up to its line end.
-  static constexpr std::size_t maxLineBytesCM = 64 * 1024;
-  // A client whose unread answers exceed this is dropped: it does not read them.
-  static constexpr std::size_t maxPendingOutputCM = 1024 * 1024;
+  // Waits ("await", "after") parked at once; one more is answered "error too many waits".
+  static constexpr std::size_t maxWaitsCM = 12;
+  // A connection with no command in progress for this long is closed. The environment variable
+  // shortens it for the tests, which cannot wait a minute.
+  static constexpr std::chrono::milliseconds defaultIdleCM{60'000};
+  static constexpr const char* idleEnvironmentCM = "NPHOST_CONTROL_IDLE_MS";
 
-  // Neither is owned. The interpreter is used by the control thread only while it runs; `counts`
-  // is the log's counter that the interpreter waits on.
-  ControlServer(CommandInterpreter& interpreter, CountingLogSink& counts);
-  // Stops the thread and removes the socket file if it is still the one this object made.
+  // `services` are those of every connection's interpreter; `counts` is the log's counter that
+  // parked waits watch. Neither is owned.
+  ControlServer(const CommandInterpreter::Services& services, CountingLogSink& counts);
+  // Stops the threads and removes the socket file if it is still the one this object made.
   ~ControlServer();
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
 
-  // Creates the socket at `path`, mode 0600 from its creation on, and listens. A socket file
-  // left by a process that ended is replaced; a socket someone listens on, or a file of another
-  // kind, is left alone and refused. False with error() as one sentence. Call it while no other
-  // thread of the process creates files: the file mode comes from the process's umask.
+  // Checks `path` and creates the socket, mode 0600 from its creation on, under a hidden name
+  // in the same folder, where nobody looks for it: the socket appears at `path` only when
+  // start() publishes it. A socket file left at `path` by a process that ended will be
+  // replaced; a socket someone listens on, or a file of another kind, is refused. False with
+  // error() as one sentence. Call it while no other thread of the process creates files: the
+  // file mode comes from the process's umask.
   bool open(const std::string& path);
   const std::string& error() const { return errorM; }
 
-  // Starts the control thread; false with error() when it cannot.
-  bool start();
-  // Closes every connection and joins the thread. A command being carried out finishes first.
-  // Idempotent.
+  // Once the data serves: puts the socket in its place (replacing a stale one, refusing one that
+  // came alive meanwhile) and starts the listener; `ownFiles` are the run's files that a print
+  // must not write over. False with error() when it cannot.
+  bool start(std::vector<CommandInterpreter::OwnFile> ownFiles);
+  // Ends every connection and joins the threads. A command being carried out finishes first
+  // (the run has made every wait for a FIFO end before). Idempotent.
   void stop();
+  // Removes the socket file made by open(), for a process about to end at once, without
+  // destructors. Calls nothing that locks or allocates.
+  void removeSocketFileNow() const;
 
 private:
-  struct Connection {
-    OwnedDescriptor descriptor;
-    std::string input;   // bytes of an unfinished line
-    std::string output;  // answers not yet sent
-    bool skipping = false;    // inside an over-long line, up to its line end
-    bool readClosed = false;  // the client sent its last byte; close once answered
-    // A wait that holds up this connection's later commands; their bytes wait in `held`.
-    std::optional<CommandInterpreter::PendingWait> wait;
-    std::string held;
-    bool dropped = false;  // its answers overflowed while a wait ended; close it
-  };
-
-  void serve();
+  void listen();
   void acceptAll();
-  // False when the connection is to be closed.
-  bool readFrom(Connection& connection);
-  bool take(Connection& connection, const char* bytes, std::size_t size);
-  bool answer(Connection& connection, const std::string& text);
-  bool flush(Connection& connection);
-  // Answers the waits that are over and carries on with their connections' held commands.
-  // True when a wait is left, `next` then holding the earliest deadline.
-  bool serveWaits(std::chrono::steady_clock::time_point& next);
+  // Joins the connections whose threads have ended. The listener thread only.
+  void reap();
 
-  // No lock: the owner's thread sets these up in open() and start() before the control thread
-  // exists, the control thread only reads them, and the owner touches them again after
-  // joining it. Thread creation and join order the accesses.
-  CommandInterpreter& interpreterM;
+  // No lock for these: set in the constructor, open() and start() before the listener exists,
+  // then only read by the threads; the owner touches them again after joining them.
+  CommandInterpreter::Services servicesM;
   CountingLogSink& countsM;  // thread-safe itself
-  std::string pathM;
-  dev_t deviceM = 0;  // identity of the socket file made by open(), for the removal
+  std::chrono::milliseconds idleM = defaultIdleCM;
+  std::string pathM;     // the socket file's current name: the hidden one until start()
+  std::string finalM;    // the name asked for
+  char pathBytesM[128] = {};  // pathM for removeSocketFileNow
+  dev_t deviceM = 0;     // identity of the socket file made by open(), for the removal
   ino_t inodeM = 0;
   OwnedDescriptor listenerM;
-  SelfPipe wakeM;      // stop() notifies it; the control thread polls it
-  SelfPipe loggedM;    // the log counter notifies it while a wait is parked; the control thread drains it
+  std::vector<CommandInterpreter::OwnFile> ownFilesM;
+  SelfPipe wakeM;  // stop() notifies it; every thread of the server polls it (it stays readable)
+  WaitSlots waitSlotsM{maxWaitsCM};  // thread-safe itself
   std::string errorM;  // the owner's thread only
-  // No lock: the control thread's alone while it runs; the owner's before and after, the
-  // handover ordered by thread creation and join.
-  std::vector<Connection> connectionsM;
-  std::thread threadM;                 // the owner's thread only
-  std::atomic<bool> stoppingM{false};  // atomic: set by stop(), read by the control thread
+  // The listener thread's alone while it runs; the owner's after joining it.
+  std::list<std::unique_ptr<ControlConnection>> connectionsM;
+  std::thread listenerThreadM;         // the owner's thread only
+  std::atomic<bool> stoppingM{false};  // atomic: set by stop(), read by every thread of the server
 };
 
 }  // namespace Host

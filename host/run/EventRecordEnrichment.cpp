@@ -18,6 +18,10 @@ void EventRecordPipeline::lookUp(Batch& batch, Lookups& lookups) const {
   batch.rejected.clear();
   batch.records = 0;
   batch.found = 0;
+  if (batch.piece) {
+    passOn(batch);
+    return;
+  }
   const char* const begin = batch.input.data();
   const char* const end = begin + batch.size;
   // The lines are taken a group at a time: cut and parsed, looked up together in one call (the
@@ -51,6 +55,25 @@ void EventRecordPipeline::lookUp(Batch& batch, Lookups& lookups) const {
   }
 }
 
+void EventRecordPipeline::passOn(Batch& batch) const {
+  std::string_view bytes(batch.input.data(), batch.size);
+  if (!batch.endsLine) {
+    batch.output.assign(bytes);
+    return;
+  }
+  // The end of the line: written as any line is, with an empty operator (the reader kept a
+  // carriage return together with the line end that follows it).
+  if (bytes.ends_with('\n')) bytes.remove_suffix(1);
+  const bool carriageReturn = bytes.ends_with('\r');
+  if (carriageReturn) bytes.remove_suffix(1);
+  batch.output.assign(bytes);
+  batch.output.push_back(settingsM.delimiter);
+  if (carriageReturn) batch.output.push_back('\r');
+  batch.output.push_back('\n');
+  batch.records = 1;
+  batch.rejected.push_back({0, Rejection::TOO_LONG, 0, 0});
+}
+
 const char* EventRecordPipeline::cut(const char* line, const char* end, Batch& batch, Lookups& lookups) const {
   const char delimiter = settingsM.delimiter;
   const char* newline = static_cast<const char*>(std::memchr(line, '\n', static_cast<std::size_t>(end - line)));
@@ -66,7 +89,11 @@ const char* EventRecordPipeline::cut(const char* line, const char* end, Batch& b
 
   bool searched = false;
   const char* first = static_cast<const char*>(std::memchr(line, delimiter, length));
-  if (first == nullptr) {
+  if (static_cast<std::size_t>(lineEnd - line) > settingsM.maxLineBytes) {
+    // Read whole within one read, so never held for long; the same line read over several reads
+    // leaves in pieces instead.
+    reject(Rejection::TOO_LONG);
+  } else if (first == nullptr) {
     reject(Rejection::TOO_FEW_FIELDS);
   } else {
     const char* dateBegin = first + 1;
@@ -101,6 +128,9 @@ void EventRecordPipeline::report(const Batch& batch, std::uint64_t firstLine) co
     BAS::Status status;
     if (rejected.reason == Rejection::TOO_FEW_FIELDS) {
       status.set(reporter, tooFewFieldsIdCM, BAS::Status::MINOR, {lineNumber, input, BAS::String(line)});
+    } else if (rejected.reason == Rejection::TOO_LONG) {
+      status.set(reporter, tooLongIdCM, BAS::Status::MINOR,
+                 {lineNumber, input, BAS::String::decimal(settingsM.maxLineBytes)});
     } else {
       const auto first = line.find(settingsM.delimiter);
       const auto dateTime = line.substr(first + 1, line.find(settingsM.delimiter, first + 1) - first - 1);

@@ -104,6 +104,8 @@ EventRecordPipeline::Batch* EventRecordPipeline::handOver(Batch* batch, std::siz
     if (next->input.size() < carried + readChunkCM) next->input.resize(carried + readChunkCM);
     std::memcpy(next->input.data(), batch->input.data() + complete, carried);
     next->size = carried;
+    next->piece = false;
+    next->endsLine = false;
   }
   batch->size = complete;
   // Without a fresh batch the reader cannot go on: this one is the last.
@@ -130,6 +132,8 @@ void EventRecordPipeline::readLoop() {
     return;
   }
   batch->size = 0;
+  batch->piece = false;
+  batch->endsLine = false;
   batch->sequence = sequence++;
   std::size_t used = 0;      // bytes read into the batch
   std::size_t complete = 0;  // bytes of whole lines among them
@@ -144,13 +148,44 @@ void EventRecordPipeline::readLoop() {
     holdStart = std::chrono::steady_clock::time_point::max();
     return true;
   };
+  // A line over the limit leaves in pieces: the batch then holds bytes of that line only.
+  bool longLine = false;
+  const auto passPiece = [&](std::size_t size, bool endsLine, bool last) {
+    batch->piece = true;
+    batch->endsLine = endsLine;
+    complete = size;
+    if (!pass(last)) return false;
+    if (endsLine) {
+      longLine = false;
+      // The bytes after the line's end may hold whole lines already.
+      if (const void* end = memrchr(batch->input.data(), '\n', used)) {
+        complete = static_cast<std::size_t>(static_cast<const char*>(end) - batch->input.data()) + 1;
+        holdStart = std::chrono::steady_clock::now();
+      }
+    }
+    return true;
+  };
+  // Passes on what the batch holds of a line over the limit; false when the pipeline stopped.
+  const auto passLongLine = [&]() {
+    const char* const data = batch->input.data();
+    if (const void* newline = std::memchr(data, '\n', used))
+      return passPiece(static_cast<std::size_t>(static_cast<const char*>(newline) - data) + 1, true, false);
+    // A carriage return stays with the next piece: it may be the one before the line end.
+    const std::size_t size = used > 0 && data[used - 1] == '\r' ? used - 1 : used;
+    return size == 0 || passPiece(size, false, false);
+  };
 
   pollfd waits[3] = {{settingsM.inputDescriptor, POLLIN, 0}, {wakeM.readEnd(), POLLIN, 0}, {settingsM.stopDescriptor, POLLIN, 0}};
   const nfds_t waitCount = settingsM.stopDescriptor >= 0 ? 3 : 2;
   for (;;) {
     if (stopM.load()) {
-      // Whole lines read so far are still enriched; a line cut short by the stop is not.
-      pass(true);
+      // Whole lines read so far are still enriched; a line cut short by the stop is not, but
+      // one over the limit, partly written already, is ended as a rejected line.
+      if (longLine) {
+        passPiece(used, true, true);
+      } else {
+        pass(true);
+      }
       return;
     }
     int timeout = -1;
@@ -184,17 +219,32 @@ void EventRecordPipeline::readLoop() {
     }
     if (n == 0) {
       // The last line needs no line end to count.
-      complete = used;
-      pass(true);
+      if (longLine) {
+        passPiece(used, true, true);
+      } else {
+        complete = used;
+        pass(true);
+      }
       return;
     }
     const char* fresh = batch->input.data() + used;
     used += static_cast<std::size_t>(n);
-    if (const void* end = memrchr(fresh, '\n', static_cast<std::size_t>(n))) {
-      if (complete == 0) holdStart = std::chrono::steady_clock::now();
-      complete = static_cast<std::size_t>(static_cast<const char*>(end) - batch->input.data()) + 1;
+    if (!longLine) {
+      if (const void* end = memrchr(fresh, '\n', static_cast<std::size_t>(n))) {
+        if (complete == 0) holdStart = std::chrono::steady_clock::now();
+        complete = static_cast<std::size_t>(static_cast<const char*>(end) - batch->input.data()) + 1;
+      }
+      // The unfinished line has passed the limit: the whole lines before it go on as a batch,
+      // the line itself in pieces from now on, so that no buffer ever holds it whole.
+      if (used - complete > settingsM.maxLineBytes) {
+        if (complete > 0 && !pass(false)) return;
+        longLine = true;
+      } else {
+        if (complete >= batchBytesCM && !pass(false)) return;
+        continue;
+      }
     }
-    if (complete >= batchBytesCM && !pass(false)) return;
+    if (!passLongLine()) return;
   }
 }
 

@@ -46,6 +46,9 @@ public:
     bool normalize = false;
     // Added to once per batch with the lookups made; null for none. Not owned.
     std::atomic<std::uint64_t>* lookupsServed = nullptr;
+    // A longer line (without its line end) is passed on in pieces as it is read, never held
+    // whole, with the delimiter and an empty operator at its end, and counted as rejected.
+    std::size_t maxLineBytes = std::size_t{1} << 20;
   };
 
   // Counts of the records written so far; each is read on its own, so a snapshot taken while
@@ -62,6 +65,8 @@ public:
   // line number, input name and the line (fields), or the date-time field (date-time).
   static constexpr const char* tooFewFieldsIdCM = "ERR_EVENT_RECORD_FIELDS";
   static constexpr const char* invalidDateTimeIdCM = "ERR_EVENT_RECORD_DATETIME";
+  // A line over the limit: line number, input name and the limit.
+  static constexpr const char* tooLongIdCM = "ERR_EVENT_RECORD_TOO_LONG";
   // The reporting object named in those messages.
   static constexpr const char* reporterNameCM = "nphost";
 
@@ -91,7 +96,7 @@ public:
   std::string failure() const EXCLUDES(mutexM);
 
 private:
-  enum class Rejection : std::uint8_t { TOO_FEW_FIELDS, INVALID_DATE_TIME };
+  enum class Rejection : std::uint8_t { TOO_FEW_FIELDS, INVALID_DATE_TIME, TOO_LONG };
   struct RejectedLine {
     std::uint32_t lineIndex;  // within the batch
     Rejection reason;
@@ -102,6 +107,10 @@ private:
   // pool has warmed up.
   struct Batch {
     std::uint64_t sequence = 0;
+    // A piece holds part of a line over the limit, passed on as it is; the piece that ends the
+    // line (at its line end, the input's end or a stop) gets the empty operator.
+    bool piece = false;
+    bool endsLine = false;
     std::vector<char> input;
     std::size_t size = 0;  // bytes of input that form this batch's lines
     std::string output;
@@ -140,6 +149,7 @@ private:
     std::unique_ptr<bool[]> found = std::make_unique<bool[]>(groupCM);
   };
   void lookUp(Batch& batch, Lookups& lookups) const;
+  void passOn(Batch& batch) const;
   // Cuts the line at `line` into `lookups` (or records its rejection in `batch`); returns the
   // start of the next line.
   const char* cut(const char* line, const char* end, Batch& batch, Lookups& lookups) const;

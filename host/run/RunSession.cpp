@@ -1,16 +1,19 @@
 #include "host/run/RunSession.h"
 
-#include "host/common/ExitStatus.h"
-#include "host/common/OwnedDescriptor.h"
 #include "host/control/ControlServer.h"
 #include "host/control/SignalWatcher.h"
 #include "host/run/EventRecordPipeline.h"
 #include "host/script/CommandInterpreter.h"
 #include "host/startup/HostSession.h"
+#include "STR/FileIoTurbo.h"
+#include "host/common/ExitStatus.h"
+#include "host/common/OwnedDescriptor.h"
+#include "host/common/SelfPipe.h"
 #include "plugin/PortabilityLookup.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,7 +25,10 @@
 #include <filesystem>
 #include <future>
 #include <iostream>
+#include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace Host {
 
@@ -41,6 +47,85 @@ int unwritable(const std::string& path, const struct stat* status) {
 
 double seconds(std::chrono::steady_clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
+// Whether the signal watcher's descriptor says that a signal asked the run to end.
+bool signalled(int descriptor) {
+  pollfd wait{descriptor, POLLIN, 0};
+  return poll(&wait, 1, 0) > 0;
+}
+
+void writeSummary(std::ostream& err, const EventRecordPipeline::Totals& totals, double elapsed,
+                  const DAT::NumberPortability::PortabilityLookup::LoadFigures& data) {
+  err << fmt::format("{} records: {} found, {} not found, {} rejected in {:.3f} s ({:.0f} records/s); "
+                     "data lines: {} loaded, {} rejected",
+                     totals.records, totals.found, totals.notFound, totals.rejected, elapsed,
+                     elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0, data.linesTaken,
+                     data.linesRejected)
+      << std::endl;
+}
+
+enum class Opened { OPEN, FAILED, STOPPED };
+
+// Opens the output for writing into `into`. A FIFO without a reader is waited for, never in an
+// open that a signal could not cut short: STOPPED when a signal came first. FAILED with errno.
+Opened openOutput(const std::string& name, int signalDescriptor, OwnedDescriptor& into) {
+  for (;;) {
+    into.reset(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644));
+    if (into.get() >= 0) {
+      // The writer thread writes whole batches and waits for a slow reader.
+      const int flags = fcntl(into.get(), F_GETFL);
+      if (flags < 0 || fcntl(into.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return Opened::FAILED;
+      return signalled(signalDescriptor) ? Opened::STOPPED : Opened::OPEN;
+    }
+    // ENXIO: a FIFO nobody reads yet. Linux tells of no reader coming, so look again shortly.
+    if (errno != ENXIO) return Opened::FAILED;
+    pollfd wait{signalDescriptor, POLLIN, 0};
+    if (poll(&wait, 1, 100) > 0) return Opened::STOPPED;
+  }
+}
+
+// The run's input and output as files that a print through the control socket must not
+// overwrite.
+std::vector<CommandInterpreter::OwnFile> ownFiles(int input, int output) {
+  std::vector<CommandInterpreter::OwnFile> files;
+  for (const auto& [descriptor, role] : {std::pair{input, "input"}, std::pair{output, "output"}}) {
+    struct stat status {};
+    if (fstat(descriptor, &status) == 0) files.push_back({role, status.st_dev, status.st_ino});
+  }
+  return files;
+}
+
+// While the start-up load runs, a thread that ends the process on the first signal: the load
+// cannot be cut short, and the run has written nothing yet. Its end joins the thread.
+class StartupGuard {
+public:
+  StartupGuard(int signalDescriptor, const ControlServer& control) : controlM(control) {
+    if (!doneM.open()) return;
+    threadM = std::thread([this, signalDescriptor] {
+      pollfd waits[2] = {{signalDescriptor, POLLIN, 0}, {doneM.readEnd(), POLLIN, 0}};
+      while (poll(waits, 2, -1) < 0) {
+      }
+      if (waits[1].revents != 0) return;
+      // Every log line is on its way already (the log's sinks flush each line).
+      controlM.removeSocketFileNow();
+      constexpr std::string_view said = "nphost: stopped during the start-up load; the output is untouched.\n";
+      [[maybe_unused]] const ssize_t ignored = ::write(STDERR_FILENO, said.data(), said.size());
+      _exit(ExitStatus::doneCM);
+    });
+  }
+  ~StartupGuard() {
+    if (!threadM.joinable()) return;
+    doneM.notify();
+    threadM.join();
+  }
+  StartupGuard(const StartupGuard&) = delete;
+  StartupGuard& operator=(const StartupGuard&) = delete;
+
+private:
+  const ControlServer& controlM;
+  SelfPipe doneM;
+  std::thread threadM;
+};
+
 }  // namespace
 
 int RunSession::run(std::ostream& err) {
@@ -53,7 +138,9 @@ int RunSession::run(std::ostream& err) {
   int input = STDIN_FILENO;
   int output = STDOUT_FILENO;
   if (options.input != "-") {
-    openedInput.reset(::open(options.input.c_str(), O_RDONLY | O_CLOEXEC));
+    // Not blocking: a FIFO's writer may come long after the data has loaded, and the reader of
+    // the records waits for it beside the signals.
+    openedInput.reset(::open(options.input.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     input = openedInput.get();
     if (input < 0)
       return fail(ExitStatus::badInputCM,
@@ -85,15 +172,21 @@ int RunSession::run(std::ostream& err) {
 
   // The socket and the signal handlers are set up while this is the only thread: the socket's
   // mode comes from the process-wide umask, which must not leak into files others create.
-  CommandInterpreter controlInterpreter(sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
-                                        sessionM.lookupsServed(), CommandInterpreter::Mode::CONTROL);
-  ControlServer control(controlInterpreter, sessionM.counts());
+  const CommandInterpreter::Services services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
+                                              sessionM.rewrites(), sessionM.log(),  sessionM.lookupsServed()};
+  ControlServer control(services, sessionM.counts());
   if (options.controlSocket && !control.open(*options.controlSocket)) return fail(ExitStatus::badInputCM, control.error());
   SignalWatcher signals;
   if (!signals.install())
     return fail(ExitStatus::badInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
 
-  const bool started = initShowingLoad();
+  bool started = false;
+  {
+    // The start-up load cannot be cut short, and nothing has been written yet: a signal
+    // during it ends the process at once, the output untouched.
+    const StartupGuard guard(signals.descriptor(), control);
+    started = initShowingLoad();
+  }
   // Taken before a reload or delta load through the socket can change them: the summary
   // speaks of the data the run started with.
   const auto data = sessionM.lookup().loadFigures();
@@ -102,17 +195,27 @@ int RunSession::run(std::ostream& err) {
     return fail(ExitStatus::invalidObjectCM,
                 fmt::format("the plug-in '{}' did not start; the log says why.", sessionM.instanceName()));
   }
-  // Opened only now that the plug-in runs: a run that cannot start leaves an existing output as it was.
+  // Opened only now that the plug-in runs: a run that cannot start, or is stopped before it
+  // serves, leaves an existing output as it was.
   if (options.output != "-") {
-    openedOutput.reset(::open(options.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    const Opened opened = openOutput(options.output, signals.descriptor(), openedOutput);
+    if (opened == Opened::STOPPED) {
+      sessionM.finish();
+      writeSummary(err, {}, 0.0, data);
+      return ExitStatus::doneCM;
+    }
     output = openedOutput.get();
-    if (output < 0) {
+    if (opened == Opened::FAILED) {
       const int code = errno;
       sessionM.finish();
       return outputUnwritable(code);
     }
+  } else if (signalled(signals.descriptor())) {
+    sessionM.finish();
+    writeSummary(err, {}, 0.0, data);
+    return ExitStatus::doneCM;
   }
-  if (options.controlSocket && !control.start()) {
+  if (options.controlSocket && !control.start(ownFiles(input, output))) {
     sessionM.finish();
     return fail(ExitStatus::badInputCM, control.error());
   }
@@ -127,6 +230,7 @@ int RunSession::run(std::ostream& err) {
   settings.stopDescriptor = signals.descriptor();
   settings.normalize = options.normalize;
   settings.lookupsServed = &sessionM.lookupsServed();
+  settings.maxLineBytes = options.maxLineBytes;
 
   // The summary's time and rate cover the enrichment (reading, lookups, writing) up to the last
   // record written: the plug-in's shutdown below frees both trees, which takes a fixed part of a
@@ -142,16 +246,13 @@ int RunSession::run(std::ostream& err) {
     totals = pipeline.totals();
     failure = pipeline.failure();
   }
+  // A command still reading a FIFO (a delta file nobody writes) must not keep the run from
+  // ending; a reload or delta load that reads a file is waited for.
+  STR::FileIoTurbo::stopWaiting();
   control.stop();
   sessionM.finish();
 
-  const double elapsed = seconds(end - begin);
-  err << fmt::format("{} records: {} found, {} not found, {} rejected in {:.3f} s ({:.0f} records/s); "
-                     "data lines: {} loaded, {} rejected",
-                     totals.records, totals.found, totals.notFound, totals.rejected, elapsed,
-                     elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0, data.linesTaken,
-                     data.linesRejected)
-      << std::endl;
+  writeSummary(err, totals, seconds(end - begin), data);
   if (!failure.empty()) return fail(ExitStatus::badInputCM, failure);
   return ExitStatus::doneCM;
 }

@@ -1,12 +1,17 @@
 #include "host/script/CommandInterpreter.h"
 
 #include "BAS/DateTime.h"
+#include "BAS/FailureText.h"
 #include "BAS/InstrumentationProbeGroup.h"
+#include "BAS/Log.h"
 #include "BAS/ProtectedBool.h"
 #include "BAS/RegistryEntry.h"
+#include "BAS/Status.h"
 #include "PLG/DataPlugIn.h"
 #include "host/script/WordSplitter.h"
 #include "plugin/PortabilityLookup.h"
+
+#include <sys/stat.h>
 
 #include <cctype>
 #include <charconv>
@@ -50,10 +55,10 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-CommandInterpreter::CommandInterpreter(PLG::DataPlugIn& plugIn, DAT::NumberPortability::PortabilityLookup& lookup,
-                                       const CountingLogSink& counts, std::atomic<std::uint64_t>& lookupsServed,
-                                       Mode mode)
-    : plugInM(plugIn), lookupM(lookup), countsM(counts), lookupsServedM(lookupsServed), modeM(mode) {}
+CommandInterpreter::CommandInterpreter(const Services& services) : servicesM(services), modeM(Mode::SCRIPT) {}
+
+CommandInterpreter::CommandInterpreter(const Services& services, Mode mode, ControlLimits limits)
+    : servicesM(services), modeM(mode), limitsM(std::move(limits)) {}
 
 std::optional<std::string> CommandInterpreter::execute(std::string_view line) {
   const auto first = line.find_first_not_of(" \t\r");
@@ -61,7 +66,23 @@ std::optional<std::string> CommandInterpreter::execute(std::string_view line) {
   if (!WordSplitter::split(line, wordsM)) return "error malformed quoting";
   if (wordsM.empty()) return std::nullopt;
   pendingM.reset();
-  return dispatch(wordsM);
+  std::string answer;
+  try {
+    answer = dispatch(wordsM);
+  } catch (...) {
+    // The plug-in lets an allocation failure (or any exception) of an update or a probe write
+    // through; it ends this command only, and the data that served before goes on serving.
+    pendingM.reset();
+    const std::string cause = BAS::failureText(std::current_exception());
+    BAS::Status status;
+    status.set(BAS::String(reporterNameCM), commandFailedIdCM, BAS::Status::CRITICAL,
+               {BAS::String(std::string(line)), BAS::String(cause)});
+    servicesM.log.writeStatus(status);
+    return "error the command was ended by an unexpected failure: " + cause;
+  }
+  // Only an "await" of the control socket answers nothing now: its wait answers later.
+  if (answer.empty()) return std::nullopt;
+  return answer;
 }
 
 std::string CommandInterpreter::dispatch(const Words& words) {
@@ -88,15 +109,15 @@ std::string CommandInterpreter::search(const Words& words) {
   const std::string_view number = words[1];
   DAT::NumberPortability::PortabilityLookup::Answer answer;
   bool found = false;
-  lookupM.lookUp(&number, &dateTime, 1, &answer, &found);
-  lookupsServedM.fetch_add(1, std::memory_order_relaxed);
+  servicesM.lookup.lookUp(&number, &dateTime, 1, &answer, &found);
+  servicesM.lookupsServed.fetch_add(1, std::memory_order_relaxed);
   if (!found) return "not-found";
   return "found " + std::string(answer.networkOperator.view()) + " " + answer.validFrom.asString("%Y%m%d%H%M%S").str();
 }
 
 std::string CommandInterpreter::usable(const Words& words) {
   if (words.size() != 1) return "error usage: usable";
-  return std::string("usable ") + truth(plugInM.isUsable());
+  return std::string("usable ") + truth(servicesM.plugIn.isUsable());
 }
 
 std::string CommandInterpreter::status(const Words& words) {
@@ -108,18 +129,22 @@ std::string CommandInterpreter::status(const Words& words) {
     line += '=';
     line += WordSplitter::quote(value);
   };
-  const auto figures = lookupM.loadFigures();
-  add("records", std::to_string(lookupM.activeRecords()));
-  add("usable", truth(plugInM.isUsable()));
-  add("file", lookupM.dataFileName());
+  // Nothing here waits for the cache's exchange or holds up lookups: the record count and the
+  // figures are read without the cache's lock.
+  DAT::NumberPortability::PortabilityLookup& lookup = servicesM.lookup;
+  const auto figures = lookup.loadFigures();
+  add("records", std::to_string(lookup.activeRecords()));
+  add("usable", truth(servicesM.plugIn.isUsable()));
+  add("file", lookup.dataFileName());
   add("loading", truth(figures.loading));
   add("lines_loaded", std::to_string(figures.linesTaken));
   add("lines_rejected", std::to_string(figures.linesRejected));
   // Reloads and delta loads come through registry updates and through the worker alike; both
   // end in one of these events, which the log sees whatever road they took.
-  const auto lastOf = [this](const char* succeeded, const char* failed, std::string& time, std::string& result) {
-    const auto ok = countsM.lastTime(succeeded);
-    const auto bad = countsM.lastTime(failed);
+  const CountingLogSink& counts = servicesM.counts;
+  const auto lastOf = [&counts](const char* succeeded, const char* failed, std::string& time, std::string& result) {
+    const auto ok = counts.lastTime(succeeded);
+    const auto bad = counts.lastTime(failed);
     if (!ok && !bad) {
       time = "never";
       result = "none";
@@ -135,8 +160,15 @@ std::string CommandInterpreter::status(const Words& words) {
   add("reload_result", result);
   lastOf("EVT::ADD_NUM_PORT_DATA_SUCCESSFUL", "EVT::ADD_NUM_PORT_DATA_FAILED", time, result);
   add("delta", time);
+  // The events say what the plug-in did; the framework saw whether the data file holds it.
+  switch (servicesM.rewrites.delta()) {
+    case RewriteWatch::Delta::UNSAVED: result = "unsaved"; break;
+    case RewriteWatch::Delta::DROPPED: result = "failed"; break;
+    case RewriteWatch::Delta::UNKNOWN: break;
+  }
   add("delta_result", result);
-  add("lookups", std::to_string(lookupsServedM.load(std::memory_order_relaxed)));
+  add("lookups", std::to_string(servicesM.lookupsServed.load(std::memory_order_relaxed)));
+  add("worker", lookup.workerRunning() ? "running" : "stopped");
   return line;
 }
 
@@ -150,20 +182,25 @@ std::string CommandInterpreter::after(const Words& words) {
   const std::string& id = words[1];
   // Noted before the command runs: only an entry logged after this counts, so an earlier
   // reload's event cannot answer for the one this command starts.
-  const std::size_t target = countsM.count(id) + 1;
+  const std::size_t target = servicesM.counts.count(id) + 1;
+  // The slot is taken before the command runs: a wait refused afterwards would leave a command
+  // carried out whose end nobody hears of.
+  WaitSlots::Slot slot = takeWaitSlot();
+  if (modeM == Mode::CONTROL && !slot) return "error too many waits";
   const std::string answer = dispatch(Words(words.begin() + 3, words.end()));
   // A refused command started nothing to wait for.
   if (answer.starts_with("error")) return answer;
   if (modeM == Mode::CONTROL) {
-    pendingM = PendingWait{id, target, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs)};
+    pendingM = PendingWait{id, target, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs),
+                           std::move(slot)};
     return answer;
   }
-  return answer + "\n" + waitAnswer(id, countsM.waitFor(id, target, std::chrono::milliseconds(timeoutMs)));
+  return answer + "\n" + waitAnswer(id, servicesM.counts.waitFor(id, target, std::chrono::milliseconds(timeoutMs)));
 }
 
 std::string CommandInterpreter::update(const Words& words) {
   if (words.size() < 2) return "error usage: update KEY=VALUE ...";
-  BAS::RegistryEntry entry(plugInM.lockedName());
+  BAS::RegistryEntry entry(servicesM.plugIn.lockedName());
   for (std::size_t i = 1; i < words.size(); ++i) {
     const std::string& word = words[i];
     const auto equals = word.find('=');
@@ -173,18 +210,24 @@ std::string CommandInterpreter::update(const Words& words) {
     entry.child(BAS::String(key)).setValue(BAS::String(value));
   }
   BAS::ProtectedBool taken(false);
-  const bool result = plugInM.registryUpdate(&entry, taken);
-  return std::string("update result=") + truth(result) + " taken=" + truth(taken.get());
+  const RewriteWatch::CommandScope watched(servicesM.rewrites);
+  const bool result = servicesM.plugIn.registryUpdate(&entry, taken);
+  // The plug-in answers for the records it serves; whether the data file holds them is what the
+  // framework saw on this thread.
+  return std::string("update result=") + truth(result) + " taken=" + truth(taken.get()) +
+         (watched.rewriteFailed() ? " saved=false" : "");
 }
 
 std::string CommandInterpreter::probe(const Words& words) {
   if (words.size() < 2 || words.size() > 3) return "error usage: probe NAME [VALUE]";
   const std::string& name = words[1];
   BAS::InstrumentationProbeList groups;
-  plugInM.getInstrumentationProbe(groups);
+  servicesM.plugIn.getInstrumentationProbe(groups);
   for (const BAS::InstrumentationProbeGroup* group : groups) {
     const BAS::InstrumentationProbeAttribute* attribute = group ? group->find(BAS::String(name)) : nullptr;
     if (attribute == nullptr || attribute->value() == nullptr) continue;
+    // A request that nobody will carry out must not be answered as taken.
+    if (!servicesM.lookup.workerRunning()) return "error the background worker has stopped";
     const bool result = attribute->value()->setValue(BAS::String(words.size() == 3 ? words[2] : std::string()));
     return "probe " + name + " result=" + truth(result);
   }
@@ -199,8 +242,16 @@ std::string CommandInterpreter::await(const Words& words) {
   if (words.size() >= 3 && !readNumber(words[2], ~0ULL, count)) return "error COUNT must be a whole number";
   if (words.size() == 4 && !readNumber(words[3], longest, timeoutMs))
     return "error TIMEOUT_MS must be a whole number of milliseconds up to " + std::to_string(longest);
-  const bool reached = countsM.waitFor(words[1], static_cast<std::size_t>(count), std::chrono::milliseconds(timeoutMs));
-  return "await " + words[1] + (reached ? " ok" : " timeout");
+  if (modeM == Mode::CONTROL) {
+    WaitSlots::Slot slot = takeWaitSlot();
+    if (!slot) return "error too many waits";
+    pendingM = PendingWait{words[1], static_cast<std::size_t>(count),
+                           std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), std::move(slot)};
+    return std::string();
+  }
+  const bool reached =
+      servicesM.counts.waitFor(words[1], static_cast<std::size_t>(count), std::chrono::milliseconds(timeoutMs));
+  return waitAnswer(words[1], reached);
 }
 
 std::string CommandInterpreter::sleep(const Words& words) {
@@ -217,7 +268,7 @@ std::string CommandInterpreter::shutdown(const Words& words) {
   // Shut-down is the plug-in's last life-cycle step and, as from a framework, comes once.
   if (shutDownM) return "error the plug-in is already shut down";
   shutDownM = true;
-  return std::string("shutdown result=") + truth(plugInM.shutdown());
+  return std::string("shutdown result=") + truth(servicesM.plugIn.shutdown());
 }
 
 std::optional<std::string> CommandInterpreter::refusal(const Words& words) const {
@@ -226,14 +277,45 @@ std::optional<std::string> CommandInterpreter::refusal(const Words& words) const
   // An empty PrintData value and the probe value NULL print to standard output, where the
   // enriched records go.
   bool toStandardOutput = false;
+  std::optional<std::string> target;
   if (command == "update") {
-    for (std::size_t i = 1; i < words.size(); ++i)
+    for (std::size_t i = 1; i < words.size(); ++i) {
       toStandardOutput = toStandardOutput || words[i] == "PrintData" || words[i] == "PrintData=";
+      if (words[i].starts_with("PrintData=")) target = words[i].substr(std::string_view("PrintData=").size());
+    }
   } else if (command == "probe" && words.size() >= 2 && words[1] == "printData") {
     toStandardOutput = words.size() == 2 || equalsIgnoringCase(words[2], "NULL");
+    if (!toStandardOutput) target = words[2];
   }
   if (toStandardOutput) return "error printing to standard output is not available on the control socket; name a file";
+  if (target) return printRefusal(*target);
   return std::nullopt;
+}
+
+std::optional<std::string> CommandInterpreter::printRefusal(const std::string& target) const {
+  // The file a name leads to, through every link: a print there replaces what it holds. A name
+  // that leads to no file yet cannot be one of them.
+  struct stat leadsTo {};
+  if (::stat(target.c_str(), &leadsTo) != 0) return std::nullopt;
+  const auto refuse = [&target](const std::string& what) {
+    return "error the print file '" + target + "' is " + what + "; name another file";
+  };
+  for (const OwnFile& own : limitsM.ownFiles)
+    if (own.device == leadsTo.st_dev && own.inode == leadsTo.st_ino) return refuse("the run's " + own.role);
+  // By its name now, not as it was at the start: a delta load's rewrite gives the data file a
+  // new identity, and a second link to the old one is no longer the data file.
+  struct stat dataFile {};
+  const std::string dataFileName = servicesM.lookup.dataFileName();
+  if (::stat(dataFileName.c_str(), &dataFile) == 0 && dataFile.st_dev == leadsTo.st_dev &&
+      dataFile.st_ino == leadsTo.st_ino)
+    return refuse("the main data file '" + dataFileName + "'");
+  return std::nullopt;
+}
+
+WaitSlots::Slot CommandInterpreter::takeWaitSlot() const {
+  if (modeM != Mode::CONTROL) return WaitSlots::Slot();
+  if (limitsM.waits == nullptr) return WaitSlots::Slot();
+  return limitsM.waits->take();
 }
 
 }  // namespace Host

@@ -1,13 +1,19 @@
 // Host::CommandInterpreter carries out one command line against a number-portability plug-in,
 // through the framework's plug-in interface and the library's lookup interface, and gives back
 // the answer: lookups, usability, status, registry updates, probe writes, waiting for log
-// entries (also around another command), sleeping and shut-down. The script reader and the
-// control socket of `nphost run` use it; on the socket the commands that would stall or end the
-// run are refused, and a wait around a command is left to the socket to serve.
-// One caller at a time; the plug-in's own threads and the event record lookups run meanwhile.
+// entries (also around another command), sleeping and shut-down. The script reader and each
+// connection of the control socket of `nphost run` use one; on the socket the commands that
+// would stall or end the run, or overwrite its own files, are refused, and a wait is left to
+// the connection to serve.
+// One caller at a time per interpreter; several interpreters may run at once (the plug-in
+// serialises their cache operations), beside the plug-in's own threads and the lookups.
 #pragma once
 
 #include "host/common/CountingLogSink.h"
+#include "host/common/RewriteWatch.h"
+#include "host/common/WaitSlots.h"
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
@@ -18,6 +24,9 @@
 #include <utility>
 #include <vector>
 
+namespace BAS {
+class Log;
+}
 namespace DAT::NumberPortability {
 class PortabilityLookup;
 }
@@ -31,26 +40,54 @@ class CommandInterpreter {
 public:
   // SCRIPT takes every command. CONTROL, for a control socket beside a running enrichment,
   // refuses "sleep" and "shutdown" (the run owns the plug-in's life), a print to standard
-  // output (which carries the enriched records) and waits beyond longestControlWaitMsCM.
+  // output (which carries the enriched records) or over one of the run's files, waits beyond
+  // longestControlWaitMsCM and waits beyond the free slots.
   enum class Mode { SCRIPT, CONTROL };
 
-  // None is owned; all must outlive the interpreter. `lookup` is the lookup interface of `plugIn`;
-  // `lookupsServed` counts every lookup of the process ("search" adds to it, "status" shows it).
-  CommandInterpreter(PLG::DataPlugIn& plugIn, DAT::NumberPortability::PortabilityLookup& lookup,
-                     const CountingLogSink& counts, std::atomic<std::uint64_t>& lookupsServed,
-                     Mode mode = Mode::SCRIPT);
+  // What every interpreter of a process shares. None is owned; all must outlive the
+  // interpreters. `lookup` is the lookup interface of `plugIn`; `lookupsServed` counts every
+  // lookup of the process ("search" adds to it, "status" shows it).
+  struct Services {
+    PLG::DataPlugIn& plugIn;
+    DAT::NumberPortability::PortabilityLookup& lookup;
+    const CountingLogSink& counts;
+    RewriteWatch& rewrites;
+    BAS::Log& log;
+    std::atomic<std::uint64_t>& lookupsServed;
+  };
+
+  // A file of the run (its input, its output) that a print must not write over, whatever name
+  // leads to it.
+  struct OwnFile {
+    std::string role;  // "input", "output": for the refusal
+    dev_t device = 0;
+    ino_t inode = 0;
+  };
+  // CONTROL mode only: the run's own files, and the slots that bound the parked waits (not
+  // owned; without them every wait is refused).
+  struct ControlLimits {
+    std::vector<OwnFile> ownFiles;
+    WaitSlots* waits = nullptr;
+  };
+
+  // SCRIPT mode.
+  explicit CommandInterpreter(const Services& services);
+  CommandInterpreter(const Services& services, Mode mode, ControlLimits limits);
 
   // The answer to one line, without a final line end (the answer of "after" in SCRIPT mode is
   // two lines); nullopt for a blank line or a comment (a line whose first non-blank character
-  // is '#'). Failures answer "error ...", never throw.
+  // is '#'), and in CONTROL mode for an "await" that left its wait. Failures answer "error ...";
+  // an exception out of the plug-in is logged ("ERR_NPHOST_COMMAND_FAILED") and answered so.
   std::optional<std::string> execute(std::string_view line);
 
-  // The wait that an "after" command left in CONTROL mode: its command's answer was given, and
-  // the line waitAnswer() is due once `id` has been logged `count` times, or at `deadline`.
+  // The wait that "await" or "after" left in CONTROL mode ("after": its command's answer was
+  // given): the line waitAnswer() is due once `id` has been logged `count` times, or at
+  // `deadline`. It holds one of the wait slots until it ends.
   struct PendingWait {
     std::string id;
     std::size_t count = 0;
     std::chrono::steady_clock::time_point deadline;
+    WaitSlots::Slot slot;
   };
   // The wait that the last execute() left; nullopt when it left none. Takes it away.
   std::optional<PendingWait> takePendingWait() { return std::exchange(pendingM, std::nullopt); }
@@ -62,8 +99,11 @@ public:
   // The longest wait that "await" and "sleep" accept, one day: longer ones are typing errors.
   static constexpr unsigned long long longestWaitMsCM = 86'400'000;
   static constexpr unsigned long long defaultAwaitTimeoutMsCM = 10'000;
-  // On the control socket a wait holds up the other connections, and the end of the run.
+  // On the control socket an "await" holds a wait slot; "after" may wait up to a day.
   static constexpr unsigned long long longestControlWaitMsCM = 60'000;
+  // The identifier and reporter of the message that says a command was ended by a failure.
+  static constexpr const char* commandFailedIdCM = "ERR_NPHOST_COMMAND_FAILED";
+  static constexpr const char* reporterNameCM = "nphost";
 
 private:
   using Words = std::vector<std::string>;
@@ -80,12 +120,14 @@ private:
   std::string shutdown(const Words& words);
   // The refusal of a command that CONTROL mode does not carry out; nullopt when it may run.
   std::optional<std::string> refusal(const Words& words) const;
+  // The refusal of a print into `target` when it is one of the run's files or the data file.
+  std::optional<std::string> printRefusal(const std::string& target) const;
+  // A wait slot for a wait about to park; an empty one when all are taken.
+  WaitSlots::Slot takeWaitSlot() const;
 
-  PLG::DataPlugIn& plugInM;
-  DAT::NumberPortability::PortabilityLookup& lookupM;
-  const CountingLogSink& countsM;
-  std::atomic<std::uint64_t>& lookupsServedM;
+  Services servicesM;
   Mode modeM;
+  ControlLimits limitsM;
   std::optional<PendingWait> pendingM;
   bool shutDownM = false;
   Words wordsM;  // reused across lines

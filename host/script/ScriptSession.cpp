@@ -17,7 +17,8 @@ int ScriptSession::run(std::istream& in, std::ostream& out, std::ostream& err) {
   if (!valid) return sessionM.refuseInvalid(err);
   out << "init result=" << (sessionM.init() ? "true" : "false") << std::endl;
 
-  CommandInterpreter interpreter(sessionM.plugIn(), sessionM.lookup(), sessionM.counts(), sessionM.lookupsServed());
+  CommandInterpreter interpreter(CommandInterpreter::Services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
+                                                              sessionM.rewrites(), sessionM.log(), sessionM.lookupsServed()});
   std::string line;
   while (std::getline(in, line)) {
     if (const auto answer = interpreter.execute(line)) out << *answer << std::endl;

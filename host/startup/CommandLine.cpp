@@ -76,6 +76,10 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   run->add_flag("--normalize", optionsM.normalize,
                 "Bring event numbers (+4930..., 030...) to the stored form with the plug-in's dialling codes "
                 "before the lookup; the output keeps them as they came");
+  run->add_option("--max-line", optionsM.maxLineBytes,
+                  "Longest event line in bytes (default 1048576); a longer one is passed on unchanged with an empty "
+                  "operator and counted as rejected")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
 
   CLI::App* check = app.add_subcommand(
       "check", "Judge the registry's data file line by line as the plug-in would load it, without starting it");

@@ -4,6 +4,7 @@
 // It prints nothing itself: help and version text and errors come back as text. One thread.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,6 +30,8 @@ public:
     char delimiter = ';';
     std::optional<std::string> controlSocket;
     bool normalize = false;  // event numbers are brought to the stored form before the lookup
+    // A longer event line is passed on in pieces, never held whole, and counted as rejected.
+    std::size_t maxLineBytes = std::size_t{1} << 20;
 
     // ctl: the socket (in controlSocket) and the command with its arguments
     std::vector<std::string> command;

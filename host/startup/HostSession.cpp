@@ -1,11 +1,14 @@
 #include "host/startup/HostSession.h"
 
+#include "BAS/FailureText.h"
 #include "BAS/FileLogSink.h"
 #include "BAS/Framework.h"
 #include "BAS/MutexLocker.h"
 #include "BAS/RegisteredObject.h"
+#include "BAS/Status.h"
 #include "PLG/DataPlugIn.h"
 #include "host/common/ExitStatus.h"
+#include "host/script/CommandInterpreter.h"
 #include "plugin/PortabilityLookup.h"
 
 #include <fmt/format.h>
@@ -70,6 +73,8 @@ bool HostSession::setUpLog(std::ostream& err) {
   logPathM = path;
   countsM = std::make_shared<CountingLogSink>();
   log.addSink(countsM);
+  rewritesM = std::make_shared<RewriteWatch>();
+  log.addSink(rewritesM);
   return true;
 }
 
@@ -112,6 +117,7 @@ int HostSession::start(std::ostream& err) {
     return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
                             fmt::format("the entry point '{}' gave no lookup interface for the object that '{}' made.",
                                         DAT::NumberPortability::PortabilityLookup::entryPointNameCM, entryPointM));
+  rewritesM->watch(lookupM->dataFileName());
   return ExitStatus::doneCM;
 }
 
@@ -174,7 +180,15 @@ void HostSession::reopenLog(std::ostream& err) {
 
 bool HostSession::init() {
   startedM = true;
-  return plugInM->init();
+  try {
+    return plugInM->init();
+  } catch (...) {
+    BAS::Status status;
+    status.set(BAS::String(CommandInterpreter::reporterNameCM), CommandInterpreter::commandFailedIdCM,
+               BAS::Status::CRITICAL, {BAS::String("init"), BAS::String(BAS::failureText(std::current_exception()))});
+    frameworkM->log().writeStatus(status);
+    return false;
+  }
 }
 
 void HostSession::finish() {

@@ -7,6 +7,7 @@
 
 #include "host/common/CountingLogSink.h"
 #include "host/common/ProgressLine.h"
+#include "host/common/RewriteWatch.h"
 #include "host/startup/CommandLine.h"
 #include "host/startup/PluginLibrary.h"
 #include "host/startup/RegistryFile.h"
@@ -56,7 +57,8 @@ public:
   // Destroys an object that is not valid after construction; its message and exit status.
   int refuseInvalid(std::ostream& err);
   // Calls the plug-in's init; from then on finish() shuts it down unless noteShutDown() said
-  // that a script did.
+  // that a script did. An exception out of init is logged with its cause
+  // ("ERR_NPHOST_COMMAND_FAILED") and counts as a failed init.
   bool init();
   void noteShutDown() { shutDownM = true; }
   // Shuts the plug-in down if it was started, then destroys it and the framework. Idempotent.
@@ -68,6 +70,7 @@ public:
   PLG::DataPlugIn& plugIn() { return *plugInM; }
   DAT::NumberPortability::PortabilityLookup& lookup() { return *lookupM; }
   CountingLogSink& counts() { return *countsM; }
+  RewriteWatch& rewrites() { return *rewritesM; }
   ProgressLine& progressLine() { return *progressLineM; }
   // Every lookup this process made: event records and "search" commands.
   std::atomic<std::uint64_t>& lookupsServed() { return lookupsServedM; }
@@ -93,6 +96,7 @@ private:
   PluginLibrary libraryM;
   std::unique_ptr<BAS::Framework> frameworkM;
   std::shared_ptr<CountingLogSink> countsM;
+  std::shared_ptr<RewriteWatch> rewritesM;
   std::shared_ptr<BAS::FileLogSink> logFileM;
   std::string logPathM;  // as the options or the registry name it; "-" for standard error
   std::shared_ptr<ProgressLine> progressLineM;

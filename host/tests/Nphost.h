@@ -19,7 +19,10 @@ namespace NphostTest {
 
 class Nphost {
 public:
-  Nphost(const fs::path& folder, Lines words, const std::string& errorFile = "stderr.txt") : errorsM(folder / errorFile) {
+  // `launcher`, when given, starts nphost (a program found on the path, such as prlimit, with
+  // its own arguments first).
+  Nphost(const fs::path& folder, Lines words, const std::string& errorFile = "stderr.txt", Lines launcher = {})
+      : errorsM(folder / errorFile) {
     int in[2], out[2];  // close-on-exec keeps the parent's ends out of the program
     EXPECT_EQ(pipe2(in, O_CLOEXEC) | pipe2(out, O_CLOEXEC), 0);
     posix_spawn_file_actions_t actions;
@@ -29,10 +32,11 @@ public:
     posix_spawn_file_actions_addopen(&actions, 2, errorsM.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addchdir_np(&actions, folder.c_str());
     words.insert(words.begin(), NPHOST_PROGRAM);
+    words.insert(words.begin(), launcher.begin(), launcher.end());
     std::vector<char*> argv;
     for (auto& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
-    EXPECT_EQ(posix_spawn(&pidM, NPHOST_PROGRAM, &actions, nullptr, argv.data(), environ), 0);
+    EXPECT_EQ(posix_spawnp(&pidM, argv.front(), &actions, nullptr, argv.data(), environ), 0);
     posix_spawn_file_actions_destroy(&actions);
     close(in[0]);
     close(out[1]);
@@ -46,6 +50,10 @@ public:
   }
 
   void write(const std::string& text) const { writeAll(inM, text); }
+  // Ends standard input, as finish() does, without waiting.
+  void endInput() {
+    if (inM >= 0) close(std::exchange(inM, -1));
+  }
   std::string readLine() { return nextLine(outM, bufferM); }
   // Ends standard input, collects the rest of standard output and returns the exit status.
   int finish() {
@@ -71,6 +79,7 @@ public:
     return WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status) == SIGKILL ? -1 : 128 + WTERMSIG(status);
   }
   void signal(int number) const { kill(pidM, number); }
+  pid_t pid() const { return pidM; }
   const Lines& rest() const { return restM; }
   std::string errors() const { return readText(errorsM); }
 

@@ -3,6 +3,7 @@
 // `status` line and how reloads and delta loads by either road change it, `run --normalize`, and
 // the data file's load drawn on a real terminal.
 #include "Nphost.h"
+#include "ProcessWatch.h"
 #include "ProgramFolderTest.h"
 #include "SocketClient.h"
 #include "TerminalRun.h"
@@ -18,17 +19,6 @@ namespace {
 using namespace NphostTest;
 using namespace testing;
 using OperatorControl = ProgramFolderTest;
-
-// `nphost ctl words...` in `folder`: its exit status and its standard output, or its standard
-// error when it printed nothing.
-std::pair<int, std::string> ctl(const fs::path& folder, Lines words) {
-  words.insert(words.begin(), "ctl");
-  Nphost client(folder, words, "ctl-stderr.txt");
-  const int status = client.finish();
-  std::string text;
-  for (const std::string& line : client.rest()) text += line + "\n";
-  return {status, text.empty() ? client.errors() : text};
-}
 
 // The KEY=VALUE words of a status line, split as the script grammar splits them.
 std::map<std::string, std::string> statusOf(const std::string& line) {
@@ -127,7 +117,7 @@ TEST_F(OperatorControl, StatusFollowsLoadsReloadsAndLookupsWhicheverRoadTheyTook
                                  {"records", "4"}, {"usable", "true"}, {"file", "my np.txt"}, {"loading", "false"},
                                  {"lines_loaded", "4"}, {"lines_rejected", "1"}, {"reload", "never"},
                                  {"reload_result", "none"}, {"delta", "never"}, {"delta_result", "none"},
-                                 {"lookups", "0"}}));
+                                 {"lookups", "0"}, {"worker", "running"}}));
 
   EXPECT_EQ(ask("search 004930123456 20210101000000"), "found OPA 20200101000000");
   EXPECT_EQ(ask("after EVT::ADD_NUM_PORT_DATA_SUCCESSFUL 60000 probe deltaLoad delta.txt"), "probe deltaLoad result=true");
