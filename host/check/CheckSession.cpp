@@ -1,6 +1,7 @@
 #include "host/check/CheckSession.h"
 
 #include "BAS/FailureText.h"
+#include "STR/StagedFiles.h"
 #include "host/common/ExitStatus.h"
 #include "host/startup/HostSession.h"
 #include "plugin/DataFileCheckListener.h"
@@ -35,6 +36,11 @@ public:
   void begin(const BAS::String& fileName, std::uint64_t fileSize) override {
     fileNameM = fileName.str();
     fileSizeM = fileSize;
+    // A check never writes, so it leaves an interrupted rewrite as it found it and says so.
+    if (STR::StagedFiles::rewritePending(fileName))
+      finding(0, "a rewrite of the file was interrupted while it was copied over its other hard links, so it may "
+                 "hold new data in front and old data behind; nphost run and script finish the copy before they "
+                 "load it. This check reads the file as it is now.");
   }
 
   void progress(std::uint64_t lines, std::uint64_t bytesRead) override {
@@ -101,6 +107,7 @@ int CheckSession::run(std::ostream& out, std::ostream& err, int errDescriptor) {
   if (symbol == nullptr) return ExitStatus::fail(err, notCheckedCM, sessionM.library().error());
   const auto check = reinterpret_cast<Listener::EntryPoint>(symbol);
 
+  STR::StagedFiles::setProcessNeverWrites();
   PrintingListener listener(out, err, isatty(errDescriptor) == 1);
   try {
     if (!check(sessionM.instanceRegistry(), BAS::String(sessionM.instanceName()), listener)) return notCheckedCM;

@@ -3,6 +3,7 @@
 #include "host/control/ControlConnection.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -43,6 +44,24 @@ std::string occupied(const std::string& path, const sockaddr_un& where) {
     return "another process is listening on the control socket '" + path + "'.";
   if (errno != ECONNREFUSED) return "cannot check the existing control socket '" + path + "': " + reason() + ".";
   return {};
+}
+
+// Removes the hidden sockets in `folder` that a run killed while it loaded left behind: a
+// socket named for a process that no longer exists. A live instance's, still loading, stays.
+void removeLeftOvers(const std::filesystem::path& folder) {
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.empty() ? "." : folder, error)) {
+    const std::string name = entry.path().filename().string();
+    constexpr std::string_view prefix = ".nphost-";
+    if (!name.starts_with(prefix)) continue;
+    pid_t pid = 0;
+    const char* digits = name.data() + prefix.size();
+    const auto [end, failure] = std::from_chars(digits, name.data() + name.size(), pid);
+    if (failure != std::errc() || end != name.data() + name.size() || pid <= 0) continue;
+    struct stat status {};
+    if (lstat(entry.path().c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) continue;
+    if (kill(pid, 0) != 0 && errno == ESRCH) unlink(entry.path().c_str());
+  }
 }
 
 std::chrono::milliseconds idleTime() {
@@ -88,7 +107,8 @@ bool ControlServer::open(const std::string& path) {
     errorM = "cannot create a socket: " + reason() + ".";
     return false;
   }
-  // A left-over of a process with this id that was killed while it loaded.
+  // Left-overs of runs killed while they loaded, this process's id among them.
+  removeLeftOvers(folder);
   unlink(hidden.c_str());
   // The socket file takes its mode from the umask as bind creates it, so it is owner-only
   // before anyone could connect; no chmod afterwards with a window between.

@@ -7,6 +7,7 @@
 #include "BAS/RegisteredObject.h"
 #include "BAS/Status.h"
 #include "PLG/DataPlugIn.h"
+#include "STR/FileIoTurbo.h"
 #include "host/common/ExitStatus.h"
 #include "host/script/CommandInterpreter.h"
 #include "plugin/PortabilityLookup.h"
@@ -14,6 +15,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -45,6 +47,24 @@ std::optional<std::string> HostSession::setting(const std::optional<std::string>
   const BAS::RegistryEntry* entry = frameworkM->registry().findPath(BAS::String(path));
   if (entry == nullptr) return std::nullopt;
   return entry->value().str();
+}
+
+bool HostSession::setUpDataLineLimit(std::ostream& err) {
+  const auto text = setting(std::nullopt, "DataLineLimit");
+  if (!text) return true;
+  std::size_t bytes = 0;
+  const auto [end, failure] = std::from_chars(text->data(), text->data() + text->size(), bytes);
+  if (text->empty() || failure != std::errc() || end != text->data() + text->size() || bytes < 1 ||
+      bytes > maxDataLineLimitCM) {
+    ExitStatus::fail(err, ExitStatus::badInputCM,
+                     fmt::format("registry file '{}', line {}: Framework.DataLineLimit must be a whole number of bytes "
+                                 "from 1 to {}, not '{}'.",
+                                 optionsM.registryFile, registryFileM.lineOf("Framework.DataLineLimit"),
+                                 maxDataLineLimitCM, *text));
+    return false;
+  }
+  STR::FileIoTurbo::setLineLimit(bytes);
+  return true;
 }
 
 bool HostSession::setUpLog(std::ostream& err) {
@@ -141,6 +161,8 @@ int HostSession::openLibrary(std::ostream& err, bool withLog) {
     if (const auto handler = setting(std::nullopt, "EventHandler"))
       frameworkM->setEventHandlerName(BAS::String(*handler));
   }
+
+  if (!setUpDataLineLimit(err)) return ExitStatus::badInputCM;
 
   const RegistryFile::Instance* chosen = chooseInstance(err);
   if (chosen == nullptr) return ExitStatus::badInputCM;

@@ -80,6 +80,11 @@ public:
   void reopenLog(std::ostream& err);
 
 private:
+  // The longest data line the framework's reader takes, as Framework.DataLineLimit sets it.
+  static constexpr std::size_t maxDataLineLimitCM = std::size_t{1} << 30;
+  // Sets the reader's line limit from Framework.DataLineLimit, when the registry has it; false,
+  // with the reason on `err`, for a value that is no whole number of bytes within the bounds.
+  bool setUpDataLineLimit(std::ostream& err);
   bool setUpLog(std::ostream& err);
   // The value of a [Framework] key, or of the option that overrides it.
   std::optional<std::string> setting(const std::optional<std::string>& option, const char* key) const;

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <sstream>
 
@@ -128,6 +130,64 @@ TEST_F(NphostCheck, InstanceAndLibraryAreFoundAsInScriptModeAndWhatCannotBeUsedG
     EXPECT_EQ(nphost.errors(), err) << arguments;
     EXPECT_EQ(nphost.rest(), out) << arguments;
   }
+}
+
+// A kill -9 while a rewrite was copied over a hard-linked data file leaves a complete staged
+// copy beside it. The check, which never writes, says so and leaves both alone; the next start
+// finishes the copy before it loads, so every name holds the new data whole.
+TEST_F(NphostCheck, AnInterruptedRewriteIsNamedByTheCheckAndFinishedByTheNextStart) {
+  const std::string whole = "030123456 20200101000000 NEW\n030777 20200101000000 NEW\n";
+  writeFile("np.txt", "030123456 20200101000000 NEW\n030777 20200101000000 OLD\n");  // new in front, old behind
+  fs::create_hard_link(folderM / "np.txt", folderM / "np-link.txt");
+  struct stat status {};
+  ASSERT_EQ(::stat((folderM / "np.txt").c_str(), &status), 0);
+  const std::string staged = ".pending-rewrite." + std::to_string(status.st_ino);
+  writeFile(staged, whole);
+
+  Nphost check(folderM, {"check", "reg.toml"});
+  EXPECT_EQ(check.finish(), 1);
+  ASSERT_FALSE(check.rest().empty());
+  EXPECT_THAT(check.rest().front(), StartsWith("np.txt: a rewrite of the file was interrupted"));
+  EXPECT_TRUE(fs::exists(folderM / staged)) << "a check never writes";
+  EXPECT_NE(readFile("np.txt"), whole);
+
+  Nphost script(folderM, {"script", "reg.toml"});
+  script.write("search 004930777 20240101000000\n");
+  EXPECT_EQ(script.finish(), 0);
+  EXPECT_THAT(script.rest(), Contains("found NEW 20200101000000"));
+  EXPECT_THAT(script.errors(), HasSubstr("INF_FILE_REWRITE_FINISHED"));
+  EXPECT_EQ(readFile("np.txt"), whole);
+  EXPECT_EQ(readFile("np-link.txt"), whole);
+  EXPECT_FALSE(fs::exists(folderM / staged));
+}
+
+// Framework.DataLineLimit sets the longest data line the reader takes: the check judges a longer
+// one as the start-up load meets it, which stops there; a value that is no size is refused.
+TEST_F(NphostCheck, TheDataLineLimitIsTheRegistrysAndALongerLineStopsTheStart) {
+  writeFile("np.txt", "030123456 20200101000000 A\n030123457 20200101000000 A-LONGER-THAN-FORTY-BYTES-IN-ALL\n");
+  const struct {
+    std::string limit;
+    int status;
+    std::string err;
+  } cases[] = {
+      {"40", 2, "nphost: reading the data file 'np.txt' failed at line 2: line 2 is longer than 40 bytes; "
+                "the plug-in would not start.\n"},
+      // What keeps a check from starting gives 2, as a registry that cannot be used does.
+      {"\"4x\"", 2, "nphost: registry file 'reg.toml', line 3: Framework.DataLineLimit must be a whole number of "
+                     "bytes from 1 to 1073741824, not '4x'.\n"},
+      {"0", 2, "nphost: registry file 'reg.toml', line 3: Framework.DataLineLimit must be a whole number of "
+               "bytes from 1 to 1073741824, not '0'.\n"},
+  };
+  for (const auto& [limit, status, err] : cases) {
+    writeFile("reg.toml", registry("[Framework]\nEventHandler = \"EventHandler\"\nDataLineLimit = " + limit + "\n"));
+    Nphost check(folderM, {"check", "reg.toml"});
+    EXPECT_EQ(check.finish(), status) << limit;
+    EXPECT_EQ(check.errors(), err) << limit;
+  }
+  writeFile("reg.toml", registry("[Framework]\nEventHandler = \"EventHandler\"\nDataLineLimit = 40\n"));
+  Nphost run(folderM, {"run", "reg.toml"});
+  EXPECT_EQ(run.finish(), 3);
+  EXPECT_THAT(run.errors(), HasSubstr("ERR_LINE_TOO_LONG [\"np.txt\", \"2\", \"40\"]"));
 }
 
 // The README shows a check of the example data; it must be what nphost prints.

@@ -9,9 +9,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <set>
 #include <string_view>
 
@@ -70,6 +75,21 @@ TEST_F(RunEnd, ASignalDuringTheStartUpLoadEndsTheRunAndLeavesTheOutputAsItWas) {
 
 TEST_F(RunEnd, TheControlSocketAppearsOnlyOnceTheDataServes) {
   useBigData();
+  // What a run killed while it loaded leaves behind: its hidden socket, named for a process gone.
+  const pid_t gone = fork();
+  if (gone == 0) _exit(0);
+  ASSERT_GT(gone, 0);
+  waitpid(gone, nullptr, 0);
+  const std::string leftOver = ".nphost-" + std::to_string(gone);
+  {
+    const int socketDescriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un where{};
+    where.sun_family = AF_UNIX;
+    const std::string path = (folderM / leftOver).string();
+    std::memcpy(where.sun_path, path.c_str(), path.size() + 1);
+    ASSERT_EQ(bind(socketDescriptor, reinterpret_cast<const sockaddr*>(&where), sizeof where), 0);
+    close(socketDescriptor);
+  }
   Nphost nphost(folderM, {"run", "reg.toml", "--control", "np.sock", "--log", "log.txt"});
   ASSERT_TRUE(eventually([&] { return logged("INF_LOAD_DATA"); })) << nphost.errors();
   nphost.signal(SIGSTOP);  // held in the middle of its load
@@ -77,6 +97,7 @@ TEST_F(RunEnd, TheControlSocketAppearsOnlyOnceTheDataServes) {
   EXPECT_FALSE(fs::exists(folderM / "np.sock")) << "the socket was there before the data served";
   nphost.signal(SIGCONT);
   SocketClient client(folderM / "np.sock");
+  EXPECT_FALSE(fs::exists(folderM / leftOver)) << "a dead run's hidden socket stays for ever";
   EXPECT_THAT(client.ask("status"), StartsWith("status records=" + std::to_string(bigRecordsCM) + " "));
   EXPECT_EQ(fs::symlink_status(folderM / "np.sock").permissions(), fs::perms::owner_read | fs::perms::owner_write);
   nphost.signal(SIGTERM);
