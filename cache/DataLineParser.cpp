@@ -10,15 +10,6 @@ namespace DAT::NumberPortability {
 
 namespace {
 
-BAS::String location(const char* prefix, unsigned long lineNumber, const BAS::String& fileName) {
-  BAS::String text(prefix);
-  text += BAS::String::decimal(lineNumber);
-  text += " in File '";
-  text += fileName;
-  text += "'. ";
-  return text;
-}
-
 // The separators of BAS::String::split.
 bool isSeparator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
 
@@ -94,6 +85,15 @@ bool DataLineParser::parse(const BAS::String& line, unsigned long lineNumber, co
   record.validFromM = validFrom;
   record.networkOperatorM = BAS::SimpleString(fields[2]);
   return true;
+}
+
+BAS::String DataLineParser::location(const char* prefix, unsigned long lineNumber, const BAS::String& fileName) {
+  BAS::String text(prefix);
+  text += BAS::String::decimal(lineNumber);
+  text += " in File '";
+  text += fileName;
+  text += "'. ";
+  return text;
 }
 
 }  // namespace DAT::NumberPortability

@@ -44,6 +44,10 @@ public:
 
   unsigned int numberOfColumns() const { return numberOfColumnsM; }
 
+  // Where a message about a data line points: `prefix` ("At Line# " or "Invalid N-Port Data at
+  // Line# "), the line number, " in File '", the file's name and "'. ".
+  static BAS::String location(const char* prefix, unsigned long lineNumber, const BAS::String& fileName);
+
 private:
   // Fields looked at in a line; more are only counted.
   static constexpr std::size_t columnsRoomCM = 8;

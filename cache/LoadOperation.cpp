@@ -18,15 +18,6 @@ namespace {
 // between operations, read by the operation in progress.
 std::atomic<long> fillsBeforeFailureCM{-1};
 
-BAS::String location(const char* prefix, unsigned long lineNumber, const BAS::String& fileName) {
-  BAS::String text(prefix);
-  text += BAS::String::decimal(lineNumber);
-  text += " in File '";
-  text += fileName;
-  text += "'. ";
-  return text;
-}
-
 // The figures of one reading of the file open in `reader`: started before its first line,
 // ended on every way out.
 class ProgressScope {
@@ -80,7 +71,7 @@ bool LoadOperation::parseLine(const DataLineParser& parser, CacheOwner& owner, c
 void LoadOperation::reportDuplicate(CacheOwner& owner, unsigned long lineNumber, const BAS::String& number,
                                     const NumberPortabilityData& record, const BAS::String& fileName) {
   owner.reportStatus("ERR_DUPLICATE_NUMPORTDATA", BAS::Status::MINOR,
-                     {location("Invalid N-Port Data at Line# ", lineNumber, fileName), number,
+                     {DataLineParser::location("Invalid N-Port Data at Line# ", lineNumber, fileName), number,
                       record.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC)});
 }
 

@@ -4,6 +4,7 @@
 #include "cache/CacheManager.h"
 #include "store/OperatorTable.h"
 #include "testing/RecordingCacheOwner.h"
+#include "testing/EndsWithoutHanging.h"
 #include "testing/TempDirectory.h"
 
 #include <fcntl.h>
@@ -24,6 +25,8 @@
 #include <thread>
 
 namespace {
+
+using NpTest::endsWithoutHanging;
 
 using NpTest::Report;
 using Reports = std::vector<Report>;
@@ -138,15 +141,6 @@ TEST(CacheManager, AnOperationCutShortByAnExceptionLeavesThePublishedDataAndTheN
   }
 }
 
-// Fails the test at once when `action` has not returned after a generous time: a hang.
-template <typename Action>
-void endsWithoutHanging(Action action) {
-  auto done = std::async(std::launch::async, action);
-  if (done.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-    ADD_FAILURE() << "did not end within 30 s";
-    std::_Exit(EXIT_FAILURE);
-  }
-}
 
 // A dump into a reader that takes nothing holds the read side; a reload beside it builds its
 // data and then waits for the dump before it exchanges the trees, while lookups go on all along.

@@ -9,6 +9,7 @@
 #include "BAS/ReadLocker.h"
 #include "BAS/Thread.h"
 #include "BAS/WriteLocker.h"
+#include "testing/EndsWithoutHanging.h"
 
 #include <gtest/gtest.h>
 
@@ -22,17 +23,10 @@
 
 namespace {
 
+using NpTest::endsWithoutHanging;
+
 using namespace std::chrono_literals;
 
-// Fails at once when `action` has not returned after a generous time: a hang is a failure.
-template <typename Action>
-void endsWithoutHanging(Action action) {
-  auto done = std::async(std::launch::async, action);  // kept: a future's end waits for its task
-  if (done.wait_for(30s) != std::future_status::ready) {
-    ADD_FAILURE() << "did not end within 30 s";
-    std::_Exit(EXIT_FAILURE);
-  }
-}
 
 struct Shared {
   BAS::Mutex mutex;

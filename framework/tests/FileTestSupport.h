@@ -5,6 +5,7 @@
 #include "BAS/Framework.h"
 #include "BAS/MemoryLogSink.h"
 #include "testing/TempDirectory.h"
+#include "testing/EndsWithoutHanging.h"
 
 #include <gtest/gtest.h>
 
@@ -19,18 +20,10 @@
 
 namespace FileTesting {
 
+using NpTest::endsWithoutHanging;
+
 using Args = std::vector<BAS::String>;
 
-// Fails at once when `action` has not returned after a generous time: a hang is a failure.
-template <typename Action>
-void endsWithoutHanging(Action action) {
-  auto done = std::async(std::launch::async, action);
-  if (done.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-    ADD_FAILURE() << "did not end within 30 s";
-    std::_Exit(EXIT_FAILURE);
-  }
-  done.get();
-}
 
 // Numbered lines of `word` of at least `bytes` bytes in all: two versions of a file differ in
 // every line and in length.

@@ -138,7 +138,7 @@ TEST(RunTimeChanges, EachRoadReportsSendsAndPublishesItsOutcome) {
 }
 
 // A data file that a feed replaced after the load is never lost to a delta load: the plug-in
-// reports what the spec of its own operation says, the framework refuses the rewrite and says
+// reports its own operation as ever, the framework refuses the rewrite and says
 // so, and the delta records serve all the same.
 TEST(RunTimeChanges, ADeltaLoadLeavesADataFileReplacedSinceTheLoadAsItIs) {
   TestEnvironment env;
