@@ -104,7 +104,10 @@ bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& na
     return false;
   }
   if (!readerM.isOpen()) {
-    listenerM.cannotCheck("cannot open the data file '" + fileNameM + "' for reading.");
+    // The reader's words say why: a folder, a device, a FIFO whose writer never came.
+    const BAS::String& failure = readerM.failure();
+    listenerM.cannotCheck("cannot open the data file '" + fileNameM + "' for reading" +
+                          (failure.empty() ? BAS::String() : ": " + failure) + ".");
     return false;
   }
   struct stat status;
