@@ -81,6 +81,10 @@ TEST_F(FailureReport, ARewriteThatFailsIsToldInTheAnswerAndTheStatus) {
 
     EXPECT_EQ(ctl(folderM, {"np.sock", "update", "Reload"}).second, "update result=true taken=true\n");
     EXPECT_EQ(status("delta_result"), "failed") << "a reload read the file without the delta";
+    // Through the worker the answer comes before the work: only `status` can tell.
+    EXPECT_EQ(ctl(folderM, {"--wait", "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL", "np.sock", "probe", "deltaLoad", "delta.txt"}),
+              std::make_pair(0, std::string("probe deltaLoad result=true\nawait EVT::ADD_NUM_PORT_DATA_SUCCESSFUL ok\n")));
+    EXPECT_EQ(status("delta_result"), "unsaved");
     ASSERT_TRUE(fault.undo());
     EXPECT_EQ(ctl(folderM, {"np.sock", "update", "AdditionalNumPortData=delta.txt"}),
               std::make_pair(0, std::string("update result=true taken=true\n")));
