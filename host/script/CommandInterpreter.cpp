@@ -181,8 +181,10 @@ std::string CommandInterpreter::after(const Words& words) {
   if (words[3] == "after" || words[3] == "await") return "error after cannot wrap " + words[3];
   const std::string& id = words[1];
   // Noted before the command runs: only an entry logged after this counts, so an earlier
-  // reload's event cannot answer for the one this command starts.
-  const std::size_t target = servicesM.counts.count(id) + 1;
+  // reload's event cannot answer for the one this command starts, nor an earlier failure end
+  // the wait.
+  CountingLogSink::Goal goal{id, servicesM.counts.count(id) + 1, failureOf(id), 0};
+  if (!goal.failureId.empty()) goal.failureCount = servicesM.counts.count(goal.failureId) + 1;
   // The slot is taken before the command runs: a wait refused afterwards would leave a command
   // carried out whose end nobody hears of.
   WaitSlots::Slot slot = takeWaitSlot();
@@ -191,11 +193,28 @@ std::string CommandInterpreter::after(const Words& words) {
   // A refused command started nothing to wait for.
   if (answer.starts_with("error")) return answer;
   if (modeM == Mode::CONTROL) {
-    pendingM = PendingWait{id, target, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs),
+    pendingM = PendingWait{std::move(goal), std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs),
                            std::move(slot)};
     return answer;
   }
-  return answer + "\n" + waitAnswer(id, servicesM.counts.waitFor(id, target, std::chrono::milliseconds(timeoutMs)));
+  return answer + "\n" + waitAnswer(id, servicesM.counts.waitFor(goal, std::chrono::milliseconds(timeoutMs)));
+}
+
+std::string CommandInterpreter::waitAnswer(const std::string& id, CountingLogSink::Outcome outcome) {
+  switch (outcome) {
+    case CountingLogSink::Outcome::REACHED: return "await " + id + " ok";
+    case CountingLogSink::Outcome::FAILED: return "await " + id + " failed";
+    case CountingLogSink::Outcome::PENDING: break;
+  }
+  return "await " + id + " timeout";
+}
+
+std::string CommandInterpreter::failureOf(std::string_view id) {
+  // A reload and a delta load end in one of two events whichever road they took; once the
+  // failure is logged, the success will not come.
+  if (id == "EVT::RELOAD_SUCCESSFUL") return "EVT::RELOAD_FAILED";
+  if (id == "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL") return "EVT::ADD_NUM_PORT_DATA_FAILED";
+  return {};
 }
 
 std::string CommandInterpreter::update(const Words& words) {
