@@ -137,8 +137,10 @@ std::string CommandInterpreter::status(const Words& words) {
   add("usable", truth(servicesM.plugIn.isUsable()));
   add("file", lookup.dataFileName());
   add("loading", truth(figures.loading));
-  add("lines_loaded", std::to_string(figures.linesTaken));
-  add("lines_rejected", std::to_string(figures.linesRejected));
+  // The last load of any kind (start-up, reload, delta load), named so that its figures are not
+  // taken for the start-up load's in the run's summary.
+  add("last_load_lines_loaded", std::to_string(figures.linesTaken));
+  add("last_load_lines_rejected", std::to_string(figures.linesRejected));
   // Reloads and delta loads come through registry updates and through the worker alike; both
   // end in one of these events, which the log sees whatever road they took.
   const CountingLogSink& counts = servicesM.counts;
@@ -264,13 +266,13 @@ std::string CommandInterpreter::await(const Words& words) {
   if (modeM == Mode::CONTROL) {
     WaitSlots::Slot slot = takeWaitSlot();
     if (!slot) return "error too many waits";
-    pendingM = PendingWait{words[1], static_cast<std::size_t>(count),
+    pendingM = PendingWait{CountingLogSink::Goal{words[1], static_cast<std::size_t>(count), {}, 0},
                            std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), std::move(slot)};
     return std::string();
   }
   const bool reached =
       servicesM.counts.waitFor(words[1], static_cast<std::size_t>(count), std::chrono::milliseconds(timeoutMs));
-  return waitAnswer(words[1], reached);
+  return waitAnswer(words[1], reached ? CountingLogSink::Outcome::REACHED : CountingLogSink::Outcome::PENDING);
 }
 
 std::string CommandInterpreter::sleep(const Words& words) {

@@ -20,6 +20,8 @@ std::string sentence(std::string text) {
 
 }  // namespace
 
+std::string_view CommandLine::version() { return NP_VERSION; }
+
 bool CommandLine::parse(int argc, const char* const* argv) {
   CLI::App app{"Loads a data plug-in named in a registry file and drives it.", "nphost"};
   app.set_version_flag("--version", std::string("nphost ") + NP_VERSION);
