@@ -130,6 +130,10 @@ TEST_F(RunStoryLog, TheLogTellsStartReadinessCommandsSummaryAndStopInOrder) {
     road.drive(nphost);
     const bool json = std::find(road.words.begin(), road.words.end(), "json") != road.words.end();
     EXPECT_THAT(storyOf(folderM / "log.txt", json), ElementsAreArray(road.story)) << readFile("log.txt");
+    // Last of all, after the plug-in's own last words (a worker's delta load leaves a file that
+    // its end closes).
+    const Lines log = linesOf(folderM / "log.txt");
+    EXPECT_THAT(log.empty() ? "" : log.back(), HasSubstr("INF_NPHOST_STOP"));
   }
 }
 
