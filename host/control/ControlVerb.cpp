@@ -57,7 +57,6 @@ int ControlVerb::run(const std::string& socket, const std::vector<std::string>& 
   std::string printed;  // print: the file as this client reaches it
   if (verb == "print") {
     printed = asNphostSees(words[1], client.server());
-    struct stat status {};
     if (printed.empty()) {
       err << "nphost: the process behind '" << socket << "' is not known, so its working folder, where the print file '"
           << words[1] << "' would be, is not either; give the file's full path." << std::endl;
@@ -65,6 +64,7 @@ int ControlVerb::run(const std::string& socket, const std::vector<std::string>& 
     }
     // Only a regular file can be read back; the dump into anything else is for `update
     // PrintData=` to send.
+    struct stat status {};
     if (::stat(printed.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
       err << "nphost: the print file '" << words[1]
           << "' is not a regular file, so the dump could not be read back from it; name a regular file." << std::endl;
