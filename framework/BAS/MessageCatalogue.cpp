@@ -66,6 +66,14 @@ constexpr CatalogueEntry entriesCM[] = {
     {"ERR_EVENT_RECORD_TOO_LONG", "Line {1} of the input {2} is longer than {3} bytes; it is passed on unchanged, without an operator."},
     {"ERR_NPHOST_COMMAND_FAILED", "The command \"{1}\" was ended by an unexpected failure: {2}. The data that served before goes on serving."},
     {"ERR_EVENT_RECORD_DATETIME", "Line {1} of the input {2}: the date-time '{3}' is not valid; the record is passed on without an operator."},
+
+    // nphost: the story of a run or a script. The counts stand after a colon or in brackets, so
+    // that the texts read right for one as for many.
+    {"INF_NPHOST_START", "nphost {1} starts with the registry file {2}: instance {3}, data file {4}, lookup threads: {5}."},
+    {"INF_NPHOST_READY", "nphost is ready: the start-up load took {2} s; records in service: {1}."},
+    {"INF_NPHOST_COMMAND", "Control socket command \"{1}\", answer \"{2}\"."},
+    {"INF_NPHOST_SUMMARY", "Event records: {1} ({2} found, {3} not found, {4} rejected) in {5} s, {6} per second; data lines of the start-up load: {7} loaded, {8} rejected."},
+    {"INF_NPHOST_STOP", "nphost stops ({1})."},
 };
 
 const std::unordered_map<std::string_view, const char*>& index() {

@@ -39,10 +39,14 @@ const CountingLogSink::Seen* CountingLogSink::find(const std::string& id) const 
   return found == seenM.end() ? nullptr : &found->second;
 }
 
-std::size_t CountingLogSink::count(const std::string& id) const {
-  BAS::MutexLocker locker(mutexM);
+std::size_t CountingLogSink::countOf(const std::string& id) const {
   const Seen* seen = find(id);
   return seen == nullptr ? 0 : seen->count;
+}
+
+std::size_t CountingLogSink::count(const std::string& id) const {
+  BAS::MutexLocker locker(mutexM);
+  return countOf(id);
 }
 
 std::optional<std::chrono::system_clock::time_point> CountingLogSink::lastTime(const std::string& id) const {
@@ -52,16 +56,27 @@ std::optional<std::chrono::system_clock::time_point> CountingLogSink::lastTime(c
   return seen->last;
 }
 
+CountingLogSink::Outcome CountingLogSink::outcomeOf(const Goal& goal) const {
+  if (!goal.failureId.empty() && countOf(goal.failureId) >= goal.failureCount) return Outcome::FAILED;
+  return countOf(goal.id) >= goal.count ? Outcome::REACHED : Outcome::PENDING;
+}
+
+CountingLogSink::Outcome CountingLogSink::outcome(const Goal& goal) const {
+  BAS::MutexLocker locker(mutexM);
+  return outcomeOf(goal);
+}
+
 bool CountingLogSink::waitFor(const std::string& id, std::size_t count, std::chrono::milliseconds timeout) const {
+  return waitFor(Goal{id, count, {}, 0}, timeout) == Outcome::REACHED;
+}
+
+CountingLogSink::Outcome CountingLogSink::waitFor(const Goal& goal, std::chrono::milliseconds timeout) const {
   const auto deadline = BAS::ConditionVariable::Clock::now() + timeout;
   BAS::MutexLocker locker(mutexM);
   for (;;) {
-    const Seen* seen = find(id);
-    if (seen != nullptr && seen->count >= count) return true;
-    if (!writtenM.waitUntil(mutexM, deadline)) {
-      seen = find(id);
-      return seen != nullptr && seen->count >= count;
-    }
+    const Outcome now = outcomeOf(goal);
+    if (now != Outcome::PENDING) return now;
+    if (!writtenM.waitUntil(mutexM, deadline)) return outcomeOf(goal);
   }
 }
 

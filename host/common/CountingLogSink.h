@@ -29,6 +29,21 @@ public:
   // attached; false when the time ran out first.
   bool waitFor(const std::string& id, std::size_t count, std::chrono::milliseconds timeout) const EXCLUDES(mutexM);
 
+  // A wait for `count` entries of `id` that `failureCount` entries of `failureId` end as failed
+  // (no failure ends it while `failureId` is empty). Counts are since the sink was attached.
+  struct Goal {
+    std::string id;
+    std::size_t count = 0;
+    std::string failureId;
+    std::size_t failureCount = 0;
+  };
+  // Where a wait stands. When both counts are reached, the failure wins: the wait cannot tell
+  // whose success came, but a failure means the data may not be what was asked for.
+  enum class Outcome { PENDING, REACHED, FAILED };
+  Outcome outcome(const Goal& goal) const EXCLUDES(mutexM);
+  // Waits until the goal is reached or failed; PENDING when the time ran out first.
+  Outcome waitFor(const Goal& goal, std::chrono::milliseconds timeout) const EXCLUDES(mutexM);
+
   // Every entry written from now on also writes a byte to `writeEnd` (a non-blocking pipe, as
   // SelfPipe makes), so that a thread sleeping in poll sees it, until stopNotifying(writeEnd).
   // Once that returns, no write of the log touches the descriptor, which may then be closed.
@@ -42,6 +57,8 @@ private:
     std::chrono::system_clock::time_point last;
   };
   const Seen* find(const std::string& id) const REQUIRES(mutexM);
+  std::size_t countOf(const std::string& id) const REQUIRES(mutexM);
+  Outcome outcomeOf(const Goal& goal) const REQUIRES(mutexM);
 
   mutable BAS::Mutex mutexM;
   mutable BAS::ConditionVariable writtenM;  // notified after each entry, under no lock

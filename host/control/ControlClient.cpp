@@ -1,6 +1,7 @@
 #include "host/control/ControlClient.h"
 
-#include "host/common/OwnedDescriptor.h"
+#include "host/common/CountWords.h"
+#include "host/control/ControlVerb.h"
 #include "host/script/WordSplitter.h"
 
 #include <poll.h>
@@ -24,6 +25,14 @@ std::string ControlClient::commandLine(const std::vector<std::string>& words) {
 }
 
 int ControlClient::run(const CommandLine::Options& options, std::ostream& out, std::ostream& err) {
+  if (!options.command.empty() && ControlVerb::isVerb(options.command.front())) {
+    if (options.waitFor) {
+      err << "nphost: --wait is not for " << options.command.front()
+          << ", which waits for its own end; leave it out." << std::endl;
+      return 1;
+    }
+    return ControlVerb::run(*options.controlSocket, options.command, out, err);
+  }
   ControlClient client;
   std::vector<std::string> words = options.command;
   bool answered;
@@ -53,17 +62,16 @@ bool ControlClient::isFailure(std::string_view line) {
   // The data is served, but the data file does not hold it: the operator has work to do.
   if (line.starts_with("update ") && (line.find(" saved=false") != std::string_view::npos)) return true;
   if (line.starts_with("probe ") && endsWith(" result=false")) return true;
-  return line.starts_with("await ") && endsWith(" timeout");
+  return line.starts_with("await ") && (endsWith(" timeout") || endsWith(" failed"));
 }
 
 bool ControlClient::send(const std::string& path, const std::vector<std::string>& words, std::size_t lines,
                          int timeoutMs) {
-  for (const std::string& word : words) {
-    if (word.find('\n') != std::string::npos) {
-      errorM = "a command word cannot hold a line break.";
-      return false;
-    }
-  }
+  return connect(path) && ask(words, lines, timeoutMs);
+}
+
+bool ControlClient::connect(const std::string& path) {
+  pathM = path;
   sockaddr_un where{};
   where.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof(where.sun_path)) {
@@ -71,46 +79,63 @@ bool ControlClient::send(const std::string& path, const std::vector<std::string>
     return false;
   }
   std::memcpy(where.sun_path, path.data(), path.size());
-  const OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (socket.get() < 0 || connect(socket.get(), reinterpret_cast<const sockaddr*>(&where), sizeof(where)) != 0) {
+  socketM.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (socketM.get() < 0 || ::connect(socketM.get(), reinterpret_cast<const sockaddr*>(&where), sizeof(where)) != 0) {
     errorM = "cannot reach the control socket '" + path + "': " + std::strerror(errno) + ".";
+    socketM.reset();
     return false;
   }
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(socketM.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) serverM = peer.pid;
+  return true;
+}
 
+bool ControlClient::ask(const std::vector<std::string>& words, std::size_t lines, int timeoutMs) {
+  answersM.clear();
+  for (const std::string& word : words) {
+    if (word.find('\n') != std::string::npos) {
+      errorM = "a command word cannot hold a line break.";
+      return false;
+    }
+  }
+  if (socketM.get() < 0) {
+    errorM = "no connection to the control socket '" + pathM + "'.";
+    return false;
+  }
   const std::string line = commandLine(words) + "\n";
   for (std::size_t done = 0; done < line.size();) {
-    const ssize_t n = ::send(socket.get(), line.data() + done, line.size() - done, MSG_NOSIGNAL);
+    const ssize_t n = ::send(socketM.get(), line.data() + done, line.size() - done, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      errorM = "cannot send the command to '" + path + "': " + std::strerror(errno) + ".";
+      errorM = "cannot send the command to '" + pathM + "': " + std::strerror(errno) + ".";
       return false;
     }
     done += static_cast<std::size_t>(n);
   }
 
-  std::string received;
   for (;;) {
-    for (auto end = received.find('\n'); end != std::string::npos; end = received.find('\n')) {
-      answersM.push_back(received.substr(0, end));
-      received.erase(0, end + 1);
+    for (auto end = receivedM.find('\n'); end != std::string::npos; end = receivedM.find('\n')) {
+      answersM.push_back(receivedM.substr(0, end));
+      receivedM.erase(0, end + 1);
       if (answersM.size() == lines || answersM.back().starts_with("error")) return true;
     }
-    pollfd wait{socket.get(), POLLIN, 0};
+    pollfd wait{socketM.get(), POLLIN, 0};
     const int ready = poll(&wait, 1, timeoutMs);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) {
-      errorM = "no answer from the control socket '" + path + "' within " + std::to_string(timeoutMs / 1000) +
-               " seconds.";
+      errorM = "no answer from the control socket '" + pathM + "' within " +
+               CountWords::of(static_cast<unsigned>(timeoutMs / 1000), "second", "seconds") + ".";
       return false;
     }
     char buffer[4096];
-    const ssize_t n = recv(socket.get(), buffer, sizeof buffer, 0);
+    const ssize_t n = recv(socketM.get(), buffer, sizeof buffer, 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      errorM = "the control socket '" + path + "' closed the connection before the whole answer.";
+      errorM = "the control socket '" + pathM + "' closed the connection before the whole answer.";
       return false;
     }
-    received.append(buffer, static_cast<std::size_t>(n));
+    receivedM.append(buffer, static_cast<std::size_t>(n));
   }
 }
 

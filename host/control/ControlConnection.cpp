@@ -1,5 +1,6 @@
 #include "host/control/ControlConnection.h"
 
+#include "host/common/NphostMessages.h"
 #include "host/common/SelfPipe.h"
 
 #include <poll.h>
@@ -101,9 +102,11 @@ bool ControlConnection::take(const char* bytes, std::size_t size) {
     } else {
       inputM.append(bytes, static_cast<std::size_t>(stop - bytes));
       if (inputM.size() > maxLineBytesCM) {
+        const std::string refused = "error line longer than " + std::to_string(maxLineBytesCM) + " bytes";
+        logCommand(inputM, refused);  // the log shortens it
         inputM.clear();
         skippingM = newline == nullptr;
-        if (!answer("error line longer than " + std::to_string(maxLineBytesCM) + " bytes")) return false;
+        if (!answer(refused)) return false;
       } else if (newline != nullptr) {
         // The commands after this one run once it is answered (and its wait, if any), in the
         // order sent.
@@ -118,15 +121,33 @@ bool ControlConnection::take(const char* bytes, std::size_t size) {
 bool ControlConnection::runLine(const std::string& line) {
   if (stopping()) return false;  // the run is ending: start nothing more
   const auto reply = interpreterM.execute(line);
-  if (reply && !answer(*reply)) return false;
-  if (auto wait = interpreterM.takePendingWait(); wait && !park(std::move(*wait))) return false;
+  const auto wait = interpreterM.takePendingWait();
+  if (!wait) {
+    if (!reply) return true;  // a blank line or a comment
+    logCommand(line, *reply);
+    if (!answer(*reply)) return false;
+  } else {
+    // The command's own answer ("after") goes out at once; the log has the whole answer once
+    // the wait is over.
+    if (reply && !answer(*reply)) {
+      logCommand(line, *reply);
+      return false;
+    }
+    const auto ended = park(*wait);
+    logCommand(line, (reply ? *reply + "; " : std::string()) + ended.value_or("(the connection ended first)"));
+    if (!ended || !answer(*ended)) return false;
+  }
   idleSinceM = Clock::now();
   return true;
 }
 
-bool ControlConnection::park(CommandInterpreter::PendingWait wait) {
+void ControlConnection::logCommand(const std::string& line, const std::string& answer) const {
+  NphostMessages::write(sharedM.services->log, NphostMessages::commandIdCM, {line, answer});
+}
+
+std::optional<std::string> ControlConnection::park(const CommandInterpreter::PendingWait& wait) {
   SelfPipe logged;  // the log writes a byte into it for each entry while this wait is parked
-  if (!logged.open()) return answer(std::string("error cannot wait: ") + std::strerror(errno));
+  if (!logged.open()) return std::string("error cannot wait: ") + std::strerror(errno);
   CountingLogSink& counts = *sharedM.counts;
   counts.notifyOnWrite(logged.writeEnd());
   // The pipe must not be written into once it is closed, on every way out.
@@ -137,17 +158,18 @@ bool ControlConnection::park(CommandInterpreter::PendingWait wait) {
   } const unwatch{counts, logged.writeEnd()};
   for (;;) {
     // Looked at after the notification was set up, so an entry logged just before is seen.
-    const bool reached = counts.count(wait.id) >= wait.count;
-    if (reached || Clock::now() >= wait.deadline) return answer(CommandInterpreter::waitAnswer(wait.id, reached));
+    const CountingLogSink::Outcome outcome = counts.outcome(wait.goal);
+    if (outcome != CountingLogSink::Outcome::PENDING || Clock::now() >= wait.deadline)
+      return CommandInterpreter::waitAnswer(wait.goal.id, outcome);
     pollfd waits[3] = {{socketM.get(), static_cast<short>(outputM.empty() ? 0 : POLLOUT), 0},
                        {sharedM.stopDescriptor, POLLIN, 0},
                        {logged.readEnd(), POLLIN, 0}};
     const int ready = poll(waits, 3, millisecondsUntil(wait.deadline));
     if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0 || waits[1].revents != 0) return false;
+    if (ready < 0 || waits[1].revents != 0) return std::nullopt;
     // Nobody is left to read the answer of a client that hung up while it waited.
-    if (waits[0].revents & (POLLHUP | POLLERR)) return false;
-    if ((waits[0].revents & POLLOUT) && !flush()) return false;
+    if (waits[0].revents & (POLLHUP | POLLERR)) return std::nullopt;
+    if ((waits[0].revents & POLLOUT) && !flush()) return std::nullopt;
     if (waits[2].revents != 0) {
       char drained[256];
       while (read(logged.readEnd(), drained, sizeof drained) > 0) {

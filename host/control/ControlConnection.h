@@ -1,8 +1,10 @@
 // Host::ControlConnection is one client of the control socket, served on a thread of its own:
 // it reads command lines, carries each out through an interpreter of its own (in the plug-in,
 // for as long as the command takes), sends the answers, and parks on a wait until the log
-// counts the entry, the deadline passes, the client hangs up or the server stops. It is closed
-// when the client hangs up, does not read its answers, or leaves it idle too long.
+// counts the entry or its failure, the deadline passes, the client hangs up or the server
+// stops. Each command is logged with its whole answer before the answer's last line is sent, so
+// the log shows what changed the data and when. It is closed when the client hangs up, does
+// not read its answers, or leaves it idle too long.
 // The control server makes it, starts it, and joins it; its thread alone touches the rest.
 #pragma once
 
@@ -13,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,8 +55,11 @@ private:
   // Carries out the lines in `bytes`, in order; false when the connection is to be closed.
   bool take(const char* bytes, std::size_t size);
   bool runLine(const std::string& line);
-  // Holds the connection until the wait is over; false when it is to be closed meanwhile.
-  bool park(CommandInterpreter::PendingWait wait);
+  // Holds the connection until the wait is over and gives the wait's answer line; nullopt when
+  // the connection is to be closed meanwhile.
+  std::optional<std::string> park(const CommandInterpreter::PendingWait& wait);
+  // Writes the command and its answer to the log.
+  void logCommand(const std::string& line, const std::string& answer) const;
   bool answer(const std::string& text);
   // Sends what the client will take now; false when the connection failed.
   bool flush();

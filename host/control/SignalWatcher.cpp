@@ -14,6 +14,7 @@ namespace {
 // handlers are installed and cleared after they are removed.
 std::atomic<int> signalCountG{0};
 std::atomic<bool> hangUpG{false};
+std::atomic<int> firstSignalG{0};  // the number of the signal that asked the run to end
 int writeEndG = -1;
 
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
@@ -21,6 +22,7 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
 void onEnd(int number) {
   // Only async-signal-safe calls: an atomic increment, write and _exit.
   if (signalCountG.fetch_add(1) > 0) _exit(SignalWatcher::exitOffsetCM + number);
+  firstSignalG.store(number);
   SelfPipe::notify(writeEndG);
 }
 
@@ -42,11 +44,20 @@ void restore(std::size_t count) {
 
 bool SignalWatcher::takeHangUp() { return hangUpG.exchange(false); }
 
+const char* SignalWatcher::firstSignalName() {
+  switch (firstSignalG.load()) {
+    case SIGINT: return "SIGINT";
+    case SIGTERM: return "SIGTERM";
+    default: return "";
+  }
+}
+
 bool SignalWatcher::install() {
   if (!pipeM.open()) return false;
   writeEndG = pipeM.writeEnd();
   signalCountG = 0;
   hangUpG = false;
+  firstSignalG = 0;
 
   for (std::size_t i = 0; i < std::size(handledG); ++i) {
     struct sigaction action {};

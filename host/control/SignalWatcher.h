@@ -27,6 +27,9 @@ public:
 
   // Whether a SIGHUP arrived since the last call (several count as one).
   static bool takeHangUp();
+  // The name of the first SIGINT or SIGTERM ("SIGTERM"); empty while none arrived. Set before
+  // descriptor() becomes readable.
+  static const char* firstSignalName();
 
   // The status that a second signal ends the process with: 128 plus the signal number, as a
   // shell reports a process killed by it.

@@ -6,7 +6,9 @@
 #include "host/script/CommandInterpreter.h"
 #include "host/startup/HostSession.h"
 #include "STR/FileIoTurbo.h"
+#include "host/common/CountWords.h"
 #include "host/common/ExitStatus.h"
+#include "host/common/NphostMessages.h"
 #include "host/common/OwnedDescriptor.h"
 #include "host/common/SelfPipe.h"
 #include "plugin/PortabilityLookup.h"
@@ -19,6 +21,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -53,14 +56,26 @@ bool signalled(int descriptor) {
   return poll(&wait, 1, 0) > 0;
 }
 
+// The summary's line on standard error: the event records of the run, and the data lines of
+// the start-up load (a reload or delta load later does not change them).
 void writeSummary(std::ostream& err, const EventRecordPipeline::Totals& totals, double elapsed,
                   const DAT::NumberPortability::PortabilityLookup::LoadFigures& data) {
-  err << fmt::format("{} records: {} found, {} not found, {} rejected in {:.3f} s ({:.0f} records/s); "
-                     "data lines: {} loaded, {} rejected",
-                     totals.records, totals.found, totals.notFound, totals.rejected, elapsed,
-                     elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0, data.linesTaken,
-                     data.linesRejected)
+  const auto rate = static_cast<std::uint64_t>(std::llround(elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0));
+  err << fmt::format("{}: {} found, {} not found, {} rejected in {:.3f} s ({}); start-up load: {} loaded, {} rejected",
+                     CountWords::of(totals.records, "record", "records"), totals.found, totals.notFound,
+                     totals.rejected, elapsed, CountWords::of(rate, "record/s", "records/s"),
+                     CountWords::of(data.linesTaken, "data line", "data lines"), data.linesRejected)
       << std::endl;
+}
+
+// The same figures as the log's summary message.
+void logSummary(BAS::Log& log, const EventRecordPipeline::Totals& totals, double elapsed,
+                const DAT::NumberPortability::PortabilityLookup::LoadFigures& data) {
+  NphostMessages::write(log, NphostMessages::summaryIdCM,
+                        {std::to_string(totals.records), std::to_string(totals.found), std::to_string(totals.notFound),
+                         std::to_string(totals.rejected), fmt::format("{:.3f}", elapsed),
+                         fmt::format("{:.0f}", elapsed > 0 ? static_cast<double>(totals.records) / elapsed : 0.0),
+                         std::to_string(data.linesTaken), std::to_string(data.linesRejected)});
 }
 
 enum class Opened { OPEN, FAILED, STOPPED };
@@ -98,14 +113,16 @@ std::vector<CommandInterpreter::OwnFile> ownFiles(int input, int output) {
 // cannot be cut short, and the run has written nothing yet. Its end joins the thread.
 class StartupGuard {
 public:
-  StartupGuard(int signalDescriptor, const ControlServer& control) : controlM(control) {
+  StartupGuard(int signalDescriptor, const ControlServer& control, BAS::Log& log) : controlM(control) {
     if (!doneM.open()) return;
-    threadM = std::thread([this, signalDescriptor] {
+    threadM = std::thread([this, signalDescriptor, &log] {
       pollfd waits[2] = {{signalDescriptor, POLLIN, 0}, {doneM.readEnd(), POLLIN, 0}};
       while (poll(waits, 2, -1) < 0) {
       }
       if (waits[1].revents != 0) return;
-      // Every log line is on its way already (the log's sinks flush each line).
+      // Every log line is on its way already (the log's sinks flush each line); the stop line
+      // is the last.
+      NphostMessages::write(log, NphostMessages::stopIdCM, {SignalWatcher::firstSignalName()});
       controlM.removeSocketFileNow();
       constexpr std::string_view said = "nphost: stopped during the start-up load; the output is untouched.\n";
       [[maybe_unused]] const ssize_t ignored = ::write(STDERR_FILENO, said.data(), said.size());
@@ -169,63 +186,68 @@ int RunSession::run(std::ostream& err) {
 
   if (const int status = sessionM.start(err); status != ExitStatus::doneCM) return status;
   if (!sessionM.isValid()) return sessionM.refuseInvalid(err);
+  // From here on every way out notes its cause for the log's stop line.
+  const auto failAndStop = [this, &err](int status, const std::string& sentence) {
+    return sessionM.fail(err, status, sentence);
+  };
 
   // The socket and the signal handlers are set up while this is the only thread: the socket's
   // mode comes from the process-wide umask, which must not leak into files others create.
   const CommandInterpreter::Services services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
                                               sessionM.rewrites(), sessionM.log(),  sessionM.lookupsServed()};
   ControlServer control(services, sessionM.counts());
-  if (options.controlSocket && !control.open(*options.controlSocket)) return fail(ExitStatus::badInputCM, control.error());
+  if (options.controlSocket && !control.open(*options.controlSocket)) return failAndStop(ExitStatus::badInputCM, control.error());
   SignalWatcher signals;
   if (!signals.install())
-    return fail(ExitStatus::badInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
+    return failAndStop(ExitStatus::badInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
 
   bool started = false;
+  const auto loadBegin = std::chrono::steady_clock::now();
   {
     // The start-up load cannot be cut short, and nothing has been written yet: a signal
     // during it ends the process at once, the output untouched.
-    const StartupGuard guard(signals.descriptor(), control);
+    const StartupGuard guard(signals.descriptor(), control, sessionM.log());
     started = initShowingLoad();
   }
+  const double loadSeconds = seconds(std::chrono::steady_clock::now() - loadBegin);
   // Taken before a reload or delta load through the socket can change them: the summary
   // speaks of the data the run started with.
   const auto data = sessionM.lookup().loadFigures();
-  if (!started) {
-    sessionM.finish();
-    return fail(ExitStatus::invalidObjectCM,
-                fmt::format("the plug-in '{}' did not start; the log says why.", sessionM.instanceName()));
-  }
+  if (!started)
+    return failAndStop(ExitStatus::invalidObjectCM,
+                       fmt::format("the plug-in '{}' did not start; the log says why.", sessionM.instanceName()));
+  // A signal before the records flow ends the run with an empty summary.
+  const auto endBeforeRecords = [&] {
+    endRun(err, {}, 0.0, data, SignalWatcher::firstSignalName());
+    return ExitStatus::doneCM;
+  };
   // Opened only now that the plug-in runs: a run that cannot start, or is stopped before it
   // serves, leaves an existing output as it was.
   if (options.output != "-") {
     const Opened opened = openOutput(options.output, signals.descriptor(), openedOutput);
-    if (opened == Opened::STOPPED) {
-      sessionM.finish();
-      writeSummary(err, {}, 0.0, data);
-      return ExitStatus::doneCM;
-    }
+    if (opened == Opened::STOPPED) return endBeforeRecords();
     output = openedOutput.get();
     if (opened == Opened::FAILED) {
       const int code = errno;
-      sessionM.finish();
-      return outputUnwritable(code);
+      return failAndStop(ExitStatus::badInputCM, fmt::format("cannot open the output file '{}' for writing: {}",
+                                                             options.output, std::strerror(code)));
     }
   } else if (signalled(signals.descriptor())) {
-    sessionM.finish();
-    writeSummary(err, {}, 0.0, data);
-    return ExitStatus::doneCM;
+    return endBeforeRecords();
   }
-  if (options.controlSocket && !control.start(ownFiles(input, output))) {
-    sessionM.finish();
-    return fail(ExitStatus::badInputCM, control.error());
-  }
+  // Ready: the start-up load has ended and lookups are served. Logged as the control socket
+  // appears, so that whoever finds the socket finds the line in the log.
+  NphostMessages::write(sessionM.log(), NphostMessages::readyIdCM,
+                        {std::to_string(sessionM.lookup().activeRecords()), fmt::format("{:.3f}", loadSeconds)});
+  if (options.controlSocket && !control.start(ownFiles(input, output)))
+    return failAndStop(ExitStatus::badInputCM, control.error());
 
   EventRecordPipeline::Settings settings;
   settings.inputDescriptor = input;
   settings.outputDescriptor = output;
   settings.inputName = options.input;
   settings.outputName = options.output;
-  settings.threads = options.threads != 0 ? options.threads : std::max(1u, std::thread::hardware_concurrency());
+  settings.threads = sessionM.lookupThreads();
   settings.delimiter = options.delimiter;
   settings.stopDescriptor = signals.descriptor();
   settings.normalize = options.normalize;
@@ -250,11 +272,23 @@ int RunSession::run(std::ostream& err) {
   // ending; a reload or delta load that reads a file is waited for.
   STR::FileIoTurbo::stopWaiting();
   control.stop();
-  sessionM.finish();
 
-  writeSummary(err, totals, seconds(end - begin), data);
-  if (!failure.empty()) return fail(ExitStatus::badInputCM, failure);
+  const std::string signal = SignalWatcher::firstSignalName();
+  const std::string cause = !failure.empty()  ? "failure: " + failure.substr(0, failure.find_last_not_of('.') + 1)
+                            : !signal.empty() ? signal
+                                              : "end of input";
+  endRun(err, totals, seconds(end - begin), data, cause);
+  if (!failure.empty()) return ExitStatus::fail(err, ExitStatus::badInputCM, failure);
   return ExitStatus::doneCM;
+}
+
+void RunSession::endRun(std::ostream& err, const EventRecordPipeline::Totals& totals, double elapsed,
+                        const DAT::NumberPortability::PortabilityLookup::LoadFigures& data, const std::string& cause) {
+  logSummary(sessionM.log(), totals, elapsed, data);
+  sessionM.noteStopCause(cause);
+  sessionM.finish();
+  // After the log's last line, so that on a terminal the summary is what stays in view.
+  writeSummary(err, totals, elapsed, data);
 }
 
 bool RunSession::initShowingLoad() {
@@ -264,7 +298,8 @@ bool RunSession::initShowingLoad() {
   const std::string file = lookup.dataFileName();
   const auto draw = [&] {
     const auto figures = lookup.loadFigures();
-    std::string text = fmt::format("loading {}: {} data lines, {} rejected", file, figures.linesRead, figures.linesRejected);
+    std::string text = fmt::format("loading {}: {}, {} rejected", file,
+                                   CountWords::of(figures.linesRead, "data line", "data lines"), figures.linesRejected);
     if (figures.fileBytes > 0)
       text += fmt::format(", {:.1f}%", 100.0 * static_cast<double>(figures.bytesRead) / static_cast<double>(figures.fileBytes));
     line.show(std::move(text));
@@ -295,7 +330,9 @@ void RunSession::showProgress(EventRecordPipeline& pipeline, std::chrono::steady
     if (!terminal) continue;
     const auto now = pipeline.totals();
     const double elapsed = seconds(std::chrono::steady_clock::now() - begin);
-    std::string text = fmt::format("{} records, {:.0f} records/s", now.records, elapsed > 0 ? now.records / elapsed : 0.0);
+    const auto rate = static_cast<std::uint64_t>(std::llround(elapsed > 0 ? static_cast<double>(now.records) / elapsed : 0.0));
+    std::string text = fmt::format("{}, {}", CountWords::of(now.records, "record", "records"),
+                                   CountWords::of(rate, "record/s", "records/s"));
     if (inputSize > 0) text += fmt::format(", {:.1f}%", 100.0 * static_cast<double>(now.bytes) / static_cast<double>(inputSize));
     line.show(std::move(text));
   }

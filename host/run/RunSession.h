@@ -5,13 +5,16 @@
 // run threads of their own.
 #pragma once
 
+#include "host/run/EventRecordPipeline.h"
+#include "plugin/PortabilityLookup.h"
+
 #include <chrono>
 #include <cstdint>
 #include <iosfwd>
+#include <string>
 
 namespace Host {
 
-class EventRecordPipeline;
 class HostSession;
 class ProgressLine;
 
@@ -34,6 +37,10 @@ private:
   // The plug-in's init, with the data file's load drawn as the progress line meanwhile if
   // standard error is a terminal; the line is gone when it returns. Whether init succeeded.
   bool initShowingLoad();
+  // The end of a run that served: the summary in the log, the stop line with `cause`, the
+  // plug-in and framework ended, then the summary on `err`.
+  void endRun(std::ostream& err, const EventRecordPipeline::Totals& totals, double elapsed,
+              const DAT::NumberPortability::PortabilityLookup::LoadFigures& data, const std::string& cause);
 
   HostSession& sessionM;
 };

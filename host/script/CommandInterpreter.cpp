@@ -137,8 +137,10 @@ std::string CommandInterpreter::status(const Words& words) {
   add("usable", truth(servicesM.plugIn.isUsable()));
   add("file", lookup.dataFileName());
   add("loading", truth(figures.loading));
-  add("lines_loaded", std::to_string(figures.linesTaken));
-  add("lines_rejected", std::to_string(figures.linesRejected));
+  // The last load of any kind (start-up, reload, delta load), named so that its figures are not
+  // taken for the start-up load's in the run's summary.
+  add("last_load_lines_loaded", std::to_string(figures.linesTaken));
+  add("last_load_lines_rejected", std::to_string(figures.linesRejected));
   // Reloads and delta loads come through registry updates and through the worker alike; both
   // end in one of these events, which the log sees whatever road they took.
   const CountingLogSink& counts = servicesM.counts;
@@ -181,8 +183,10 @@ std::string CommandInterpreter::after(const Words& words) {
   if (words[3] == "after" || words[3] == "await") return "error after cannot wrap " + words[3];
   const std::string& id = words[1];
   // Noted before the command runs: only an entry logged after this counts, so an earlier
-  // reload's event cannot answer for the one this command starts.
-  const std::size_t target = servicesM.counts.count(id) + 1;
+  // reload's event cannot answer for the one this command starts, nor an earlier failure end
+  // the wait.
+  CountingLogSink::Goal goal{id, servicesM.counts.count(id) + 1, failureOf(id), 0};
+  if (!goal.failureId.empty()) goal.failureCount = servicesM.counts.count(goal.failureId) + 1;
   // The slot is taken before the command runs: a wait refused afterwards would leave a command
   // carried out whose end nobody hears of.
   WaitSlots::Slot slot = takeWaitSlot();
@@ -191,11 +195,28 @@ std::string CommandInterpreter::after(const Words& words) {
   // A refused command started nothing to wait for.
   if (answer.starts_with("error")) return answer;
   if (modeM == Mode::CONTROL) {
-    pendingM = PendingWait{id, target, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs),
+    pendingM = PendingWait{std::move(goal), std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs),
                            std::move(slot)};
     return answer;
   }
-  return answer + "\n" + waitAnswer(id, servicesM.counts.waitFor(id, target, std::chrono::milliseconds(timeoutMs)));
+  return answer + "\n" + waitAnswer(id, servicesM.counts.waitFor(goal, std::chrono::milliseconds(timeoutMs)));
+}
+
+std::string CommandInterpreter::waitAnswer(const std::string& id, CountingLogSink::Outcome outcome) {
+  switch (outcome) {
+    case CountingLogSink::Outcome::REACHED: return "await " + id + " ok";
+    case CountingLogSink::Outcome::FAILED: return "await " + id + " failed";
+    case CountingLogSink::Outcome::PENDING: break;
+  }
+  return "await " + id + " timeout";
+}
+
+std::string CommandInterpreter::failureOf(std::string_view id) {
+  // A reload and a delta load end in one of two events whichever road they took; once the
+  // failure is logged, the success will not come.
+  if (id == "EVT::RELOAD_SUCCESSFUL") return "EVT::RELOAD_FAILED";
+  if (id == "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL") return "EVT::ADD_NUM_PORT_DATA_FAILED";
+  return {};
 }
 
 std::string CommandInterpreter::update(const Words& words) {
@@ -245,13 +266,13 @@ std::string CommandInterpreter::await(const Words& words) {
   if (modeM == Mode::CONTROL) {
     WaitSlots::Slot slot = takeWaitSlot();
     if (!slot) return "error too many waits";
-    pendingM = PendingWait{words[1], static_cast<std::size_t>(count),
+    pendingM = PendingWait{CountingLogSink::Goal{words[1], static_cast<std::size_t>(count), {}, 0},
                            std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), std::move(slot)};
     return std::string();
   }
   const bool reached =
       servicesM.counts.waitFor(words[1], static_cast<std::size_t>(count), std::chrono::milliseconds(timeoutMs));
-  return waitAnswer(words[1], reached);
+  return waitAnswer(words[1], reached ? CountingLogSink::Outcome::REACHED : CountingLogSink::Outcome::PENDING);
 }
 
 std::string CommandInterpreter::sleep(const Words& words) {

@@ -81,17 +81,20 @@ public:
   std::optional<std::string> execute(std::string_view line);
 
   // The wait that "await" or "after" left in CONTROL mode ("after": its command's answer was
-  // given): the line waitAnswer() is due once `id` has been logged `count` times, or at
-  // `deadline`. It holds one of the wait slots until it ends.
+  // given): the line waitAnswer() is due once the goal is reached or failed, or at `deadline`.
+  // It holds one of the wait slots until it ends.
   struct PendingWait {
-    std::string id;
-    std::size_t count = 0;
+    CountingLogSink::Goal goal;
     std::chrono::steady_clock::time_point deadline;
     WaitSlots::Slot slot;
   };
   // The wait that the last execute() left; nullopt when it left none. Takes it away.
   std::optional<PendingWait> takePendingWait() { return std::exchange(pendingM, std::nullopt); }
-  static std::string waitAnswer(const std::string& id, bool reached) { return "await " + id + (reached ? " ok" : " timeout"); }
+  // "await ID ok", "await ID failed", or "await ID timeout" for a wait that is still pending.
+  static std::string waitAnswer(const std::string& id, CountingLogSink::Outcome outcome);
+  // The event that reports the failure of the work whose success `id` reports, which ends an
+  // "after" wait for `id` at once; empty when there is none.
+  static std::string failureOf(std::string_view id);
 
   // Whether the plug-in's shutdown was called (by a "shutdown" command).
   bool isShutDown() const { return shutDownM; }

@@ -1,9 +1,14 @@
 #include "host/script/ScriptSession.h"
 
 #include "host/common/ExitStatus.h"
+#include "host/common/NphostMessages.h"
 #include "host/script/CommandInterpreter.h"
 #include "host/startup/HostSession.h"
+#include "plugin/PortabilityLookup.h"
 
+#include <fmt/format.h>
+
+#include <chrono>
 #include <iostream>
 #include <string>
 
@@ -15,7 +20,14 @@ int ScriptSession::run(std::istream& in, std::ostream& out, std::ostream& err) {
   const bool valid = sessionM.isValid();
   out << "construct valid=" << (valid ? "true" : "false") << std::endl;
   if (!valid) return sessionM.refuseInvalid(err);
-  out << "init result=" << (sessionM.init() ? "true" : "false") << std::endl;
+  const auto loadBegin = std::chrono::steady_clock::now();
+  const bool started = sessionM.init();
+  if (started) {
+    const std::chrono::duration<double> loadTime = std::chrono::steady_clock::now() - loadBegin;
+    NphostMessages::write(sessionM.log(), NphostMessages::readyIdCM,
+                          {std::to_string(sessionM.lookup().activeRecords()), fmt::format("{:.3f}", loadTime.count())});
+  }
+  out << "init result=" << (started ? "true" : "false") << std::endl;
 
   CommandInterpreter interpreter(CommandInterpreter::Services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
                                                               sessionM.rewrites(), sessionM.log(), sessionM.lookupsServed()});
@@ -24,6 +36,7 @@ int ScriptSession::run(std::istream& in, std::ostream& out, std::ostream& err) {
     if (const auto answer = interpreter.execute(line)) out << *answer << std::endl;
     if (interpreter.isShutDown()) sessionM.noteShutDown();
   }
+  sessionM.noteStopCause("end of input");
   sessionM.finish();
   return ExitStatus::doneCM;
 }

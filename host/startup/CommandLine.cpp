@@ -20,6 +20,8 @@ std::string sentence(std::string text) {
 
 }  // namespace
 
+std::string_view CommandLine::version() { return NP_VERSION; }
+
 bool CommandLine::parse(int argc, const char* const* argv) {
   CLI::App app{"Loads a data plug-in named in a registry file and drives it.", "nphost"};
   app.set_version_flag("--version", std::string("nphost ") + NP_VERSION);
@@ -104,20 +106,31 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   auto* waitOption = ctl->add_option(
       "--wait", waitFor,
       "Wait until this message or event (e.g. EVT::RELOAD_SUCCESSFUL) is logged after the command began; "
-      "prints 'await ID ok' or 'await ID timeout' after the answer");
+      "prints 'await ID ok', 'await ID failed' (for EVT::RELOAD_SUCCESSFUL and EVT::ADD_NUM_PORT_DATA_SUCCESSFUL: "
+      "their failure event came first) or 'await ID timeout' after the answer");
   auto* timeoutOption = ctl->add_option("--timeout", optionsM.waitTimeoutMs, "Longest wait of --wait in ms (default 60000)")
                             ->check(CLI::Range(0ull, 86'400'000ull));
   ctl->add_option("SOCKET", controlSocket, "The socket given to 'nphost run --control'")->required();
   ctl->add_option("COMMAND", optionsM.command,
-                  "A command of the script grammar and its arguments (search, usable, status, update, probe, await); "
-                  "update takes the plug-in's keys bare, e.g. update Reload ReuseOnFailure=FALSE")
+                  "An operation: 'reload [--reuse]', 'delta FILE' or 'print FILE'; or a command of the script "
+                  "grammar and its arguments: search, usable, status, update, probe, await, after. update takes the "
+                  "plug-in's keys bare, e.g. update Reload ReuseOnFailure=FALSE")
       ->required()
       ->expected(-1);
-  ctl->footer("Exit status 1 when the answer starts with 'error', is 'update result=false ...' or '... taken=false',\n"
-              "is 'probe NAME result=false', or the wait timed out; also when the socket cannot be reached.\n"
+  ctl->footer("Operations, each a synchronous update followed by 'status'; two lines: 'VERB ok' or 'VERB failed: REASON',\n"
+              "then the status line:\n"
+              "  reload [--reuse]  reload the data file with ReuseOnFailure=FALSE; failed when that failed (the old\n"
+              "                    data serves). --reuse then reloads with TRUE: what the file holds serves, still failed\n"
+              "  delta FILE        load a delta file; failed when it failed or the data file was not rewritten\n"
+              "  print FILE        dump the data into FILE, a regular file; failed unless FILE now holds the dump\n"
+              "A relative FILE is taken in the working folder of nphost run, not of ctl.\n"
+              "Exit status 0 when the command was carried out; 1 when an operation failed, the answer starts with\n"
+              "'error', is 'update result=false ...' or '... taken=false' or ends 'saved=false', is\n"
+              "'probe NAME result=false', or a wait failed or timed out; also when the socket cannot be reached.\n"
               "Examples:\n"
+              "  nphost ctl /tmp/np.sock reload\n"
+              "  nphost ctl /tmp/np.sock delta /data/np_delta.txt\n"
               "  nphost ctl /tmp/np.sock status\n"
-              "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL /tmp/np.sock update Reload ReuseOnFailure=FALSE\n"
               "  nphost ctl --wait EVT::RELOAD_SUCCESSFUL --timeout 600000 /tmp/np.sock probe reload FALSE");
   // Arguments of the command may start with '-'; they are not options of ctl.
   ctl->prefix_command();

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Host {
@@ -43,6 +44,9 @@ public:
   // exitStatus(): 0 after --help or --version (the text in output()), 1 for a bad command line
   // (one sentence starting "nphost: " in error()).
   bool parse(int argc, const char* const* argv);
+
+  // The project's version, as CMake's project() gives it.
+  static std::string_view version();
 
   const Options& options() const { return optionsM; }
   int exitStatus() const { return exitStatusM; }

@@ -9,11 +9,13 @@
 #include "PLG/DataPlugIn.h"
 #include "STR/FileIoTurbo.h"
 #include "host/common/ExitStatus.h"
+#include "host/common/NphostMessages.h"
 #include "host/script/CommandInterpreter.h"
 #include "plugin/PortabilityLookup.h"
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -21,6 +23,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <thread>
 
 namespace Host {
 
@@ -128,15 +131,23 @@ int HostSession::start(std::ostream& err) {
   const auto probeDirectory = setting(optionsM.probeDirectory, "ProbeDirectory").value_or(libraryM.directory());
   frameworkM->setProbeDirectory(BAS::String(probeDirectory));
 
+  // Before the plug-in's own messages, so that the log says first what runs on which data.
+  const BAS::RegistryEntry* instance = instanceRegistry();
+  const BAS::RegistryEntry* dataFile = instance == nullptr ? nullptr : instance->find(BAS::String("FileName"));
+  NphostMessages::write(frameworkM->log(), NphostMessages::startIdCM,
+                        {std::string(CommandLine::version()), optionsM.registryFile, instanceNameM,
+                         dataFile == nullptr ? std::string() : dataFile->value().str(), std::to_string(lookupThreads())});
+  startLoggedM = true;
+
   plugInM.reset(libraryM.create(BAS::String(instanceNameM)));
   if (plugInM == nullptr)
-    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
-                            fmt::format("the entry point '{}' made no plug-in object.", entryPointM));
+    return fail(err, ExitStatus::invalidObjectCM,
+                          fmt::format("the entry point '{}' made no plug-in object.", entryPointM));
   lookupM = libraryM.lookup(plugInM.get());
   if (lookupM == nullptr)
-    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
-                            fmt::format("the entry point '{}' gave no lookup interface for the object that '{}' made.",
-                                        DAT::NumberPortability::PortabilityLookup::entryPointNameCM, entryPointM));
+    return fail(err, ExitStatus::invalidObjectCM,
+                          fmt::format("the entry point '{}' gave no lookup interface for the object that '{}' made.",
+                                      DAT::NumberPortability::PortabilityLookup::entryPointNameCM, entryPointM));
   rewritesM->watch(lookupM->dataFileName());
   return ExitStatus::doneCM;
 }
@@ -189,8 +200,19 @@ bool HostSession::isValid() const {
 int HostSession::refuseInvalid(std::ostream& err) {
   lookupM = nullptr;
   plugInM.reset();
-  return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
-                          fmt::format("the plug-in '{}' is not valid after construction; the log says why.", instanceNameM));
+  return fail(err, ExitStatus::invalidObjectCM,
+              fmt::format("the plug-in '{}' is not valid after construction; the log says why.", instanceNameM));
+}
+
+int HostSession::fail(std::ostream& err, int status, const std::string& sentence) {
+  noteStopCause("failure: " + (sentence.ends_with('.') ? sentence.substr(0, sentence.size() - 1) : sentence));
+  finish();
+  return ExitStatus::fail(err, status, sentence);
+}
+
+unsigned HostSession::lookupThreads() const {
+  if (optionsM.mode != CommandLine::Options::Mode::RUN) return 1;
+  return optionsM.threads != 0 ? optionsM.threads : std::max(1u, std::thread::hardware_concurrency());
 }
 
 void HostSession::reopenLog(std::ostream& err) {
@@ -218,6 +240,10 @@ void HostSession::finish() {
   shutDownM = true;
   lookupM = nullptr;
   plugInM.reset();
+  // After the plug-in's last messages (its destructor may close a file), before the log goes.
+  if (startLoggedM && frameworkM != nullptr)
+    NphostMessages::write(frameworkM->log(), NphostMessages::stopIdCM, {stopCauseM});
+  startLoggedM = false;
   frameworkM.reset();
 }
 

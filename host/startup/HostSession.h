@@ -2,7 +2,9 @@
 // a fresh framework, sets up the log, loads the plug-in library, creates the plug-in and takes
 // its lookup interface. It ends things in the order the plug-in's code needs: plug-in,
 // framework (which releases the probes and the worker thread), library. The script session
-// (ScriptSession) and the run session (RunSession) drive the plug-in in between. One thread.
+// (ScriptSession) and the run session (RunSession) drive the plug-in in between. Its log tells
+// where the story begins and ends: the start line once the log is set up, the stop line, with
+// the cause the session noted, as the last line before the framework goes. One thread.
 #pragma once
 
 #include "host/common/CountingLogSink.h"
@@ -61,8 +63,19 @@ public:
   // ("ERR_NPHOST_COMMAND_FAILED") and counts as a failed init.
   bool init();
   void noteShutDown() { shutDownM = true; }
-  // Shuts the plug-in down if it was started, then destroys it and the framework. Idempotent.
+  // Why the session ends, for the stop line: "end of input", a signal's name, or "failure: "
+  // and the sentence said on standard error. Until noted, "failure".
+  void noteStopCause(std::string cause) { stopCauseM = std::move(cause); }
+  // After start() began: ends the session (finish) with the stop line's cause "failure: " and
+  // the sentence, then says the sentence on `err` as ExitStatus::fail does, so that it is the
+  // last line there; returns `status`.
+  int fail(std::ostream& err, int status, const std::string& sentence);
+  // Shuts the plug-in down if it was started, then destroys it, logs the stop line if the start
+  // line was logged, and destroys the framework. Idempotent.
   void finish();
+  // The threads that look numbers up: --threads or one per core for run, the command thread for
+  // script.
+  unsigned lookupThreads() const;
 
   // Valid from a successful start() to finish().
   const CommandLine::Options& options() const { return optionsM; }
@@ -112,6 +125,8 @@ private:
   DAT::NumberPortability::PortabilityLookup* lookupM = nullptr;  // owned by plugInM
   bool startedM = false;
   bool shutDownM = false;
+  bool startLoggedM = false;
+  std::string stopCauseM = "failure";
 };
 
 }  // namespace Host

@@ -103,6 +103,33 @@ TEST_F(FailureReport, ARewriteThatFailsIsToldInTheAnswerAndTheStatus) {
   EXPECT_TRUE(faults[1].undo());
 }
 
+// `ctl delta` and `ctl print` fail where the folder refuses the write: the delta is served but
+// not saved, and the print leaves an earlier dump in place, which begins with the banner too.
+TEST_F(FailureReport, OperationsInOneCommandFailWhereTheFolderRefusesTheWrite) {
+  if (!mountDataFolder()) GTEST_SKIP() << "mounting a tmpfs is not permitted here (the test runs it as root)";
+  writeFile("delta.txt", "0033123456  20000101000000  FRA\n");
+  Nphost nphost(folderM, {"run", "reg.toml", "--control", "np.sock", "--log", "log.txt"});
+  ASSERT_TRUE(SocketClient(folderM / "np.sock").connected()) << nphost.errors();
+  ASSERT_EQ(ctl(folderM, {"np.sock", "print", "data/dump.txt"}).first, 0);
+  const std::string earlier = readFile("data/dump.txt");
+  ASSERT_TRUE(shell("mount -o remount,ro " + (folderM / "data").string()));
+
+  const auto [deltaStatus, delta] = ctl(folderM, {"np.sock", "delta", "delta.txt"});
+  EXPECT_EQ(deltaStatus, 1);
+  EXPECT_THAT(delta, StartsWith("delta failed: update result=true taken=true saved=false; the delta serves, but the "
+                                "data file does not hold it\nstatus records=2005 "));
+  EXPECT_THAT(delta, HasSubstr(" delta_result=unsaved "));
+  const auto [printStatus, print] = ctl(folderM, {"np.sock", "print", "data/dump.txt"});
+  EXPECT_EQ(printStatus, 1);
+  EXPECT_THAT(print, StartsWith("print failed: update result=true taken=true; ERR_FILE_NOT_WRITTEN was logged (the log "
+                                "says why)\nstatus records=2005 "));
+  EXPECT_TRUE(readFile("data/dump.txt") == earlier) << "the earlier dump changed";
+
+  EXPECT_TRUE(shell("mount -o remount,rw " + (folderM / "data").string()));
+  nphost.signal(SIGTERM);
+  EXPECT_EQ(nphost.waitForExit(), 0) << nphost.errors();
+}
+
 // The worker ends with the plug-in: `status` says so and a probe is refused, not taken.
 TEST_F(FailureReport, AStoppedWorkerShowsInTheStatusAndRefusesProbes) {
   Nphost nphost(folderM, {"script", "reg.toml", "--log", "log.txt"});

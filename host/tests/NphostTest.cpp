@@ -124,7 +124,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
       {"ctl np.sock", "", 1, Eq("nphost: COMMAND is required." + usage)},
       {"run reg.toml --threads 0", reg, 1, Eq("nphost: --threads: Value 0 not in range 1 to 1024." + usage)},
       {"script reg.toml --log-format xml", reg, 1, Eq("nphost: --log-format must be 'text' or 'json', not 'xml'.\n")},
-      {"run reg.toml --delimiter | --log log.txt", reg, 0, HasSubstr("1 records: 1 found, 0 not found, 0 rejected"),
+      {"run reg.toml --delimiter | --log log.txt", reg, 0, HasSubstr("1 record: 1 found, 0 not found, 0 rejected"),
        ElementsAre("004930123456|20240101000000|x|OPB"), "004930123456|20240101000000|x\n"},
       {"run reg.toml --delimiter ab", reg, 1,
        Eq("nphost: --delimiter must be one character other than a line feed, not 'ab'.\n")},

@@ -115,7 +115,7 @@ TEST_F(OperatorControl, StatusFollowsLoadsReloadsAndLookupsWhicheverRoadTheyTook
   EXPECT_THAT(first, HasSubstr(" file=\"my np.txt\" "));
   EXPECT_EQ(statusOf(first), (std::map<std::string, std::string>{
                                  {"records", "4"}, {"usable", "true"}, {"file", "my np.txt"}, {"loading", "false"},
-                                 {"lines_loaded", "4"}, {"lines_rejected", "1"}, {"reload", "never"},
+                                 {"last_load_lines_loaded", "4"}, {"last_load_lines_rejected", "1"}, {"reload", "never"},
                                  {"reload_result", "none"}, {"delta", "never"}, {"delta_result", "none"},
                                  {"lookups", "0"}, {"worker", "running"}}));
 
@@ -126,16 +126,16 @@ TEST_F(OperatorControl, StatusFollowsLoadsReloadsAndLookupsWhicheverRoadTheyTook
   EXPECT_THAT(now["delta"], MatchesRegex("20[0-9][0-9]-[01][0-9]-[0-3][0-9]T[0-9:]{8}[.][0-9]{3}Z"));
   EXPECT_EQ(now["delta_result"], "ok");
   EXPECT_EQ(now["records"], "6");
-  EXPECT_EQ(now["lines_loaded"], "2");  // the delta file's, not doubled by the second tree
-  EXPECT_EQ(now["lines_rejected"], "1");
+  EXPECT_EQ(now["last_load_lines_loaded"], "2");  // the delta file's, not doubled by the second tree
+  EXPECT_EQ(now["last_load_lines_rejected"], "1");
   EXPECT_EQ(now["lookups"], "1");
   EXPECT_EQ(now["reload"], "never");
 
   EXPECT_EQ(ask("update Reload"), "update result=true taken=true");
   now = statusOf(ask("status"));
   EXPECT_EQ(now["reload_result"], "ok");
-  EXPECT_EQ(now["lines_loaded"], "6");  // the delta load rewrote the data file without its rejected line
-  EXPECT_EQ(now["lines_rejected"], "0");
+  EXPECT_EQ(now["last_load_lines_loaded"], "6");  // the delta load rewrote the data file without its rejected line
+  EXPECT_EQ(now["last_load_lines_rejected"], "0");
 
   // A last line that is rejected makes a reload without reuse fail.
   writeFile("my np.txt", readFile("my np.txt") + "broken\n");
@@ -144,8 +144,8 @@ TEST_F(OperatorControl, StatusFollowsLoadsReloadsAndLookupsWhicheverRoadTheyTook
   EXPECT_EQ(now["reload_result"], "failed");
   EXPECT_EQ(now["usable"], "false");
   EXPECT_EQ(now["records"], "6") << "the old data stays";
-  EXPECT_EQ(now["lines_loaded"], "6");
-  EXPECT_EQ(now["lines_rejected"], "1");
+  EXPECT_EQ(now["last_load_lines_loaded"], "6");
+  EXPECT_EQ(now["last_load_lines_rejected"], "1");
   EXPECT_NE(now["reload"], "never");
   EXPECT_EQ(nphost.finish(), 0) << nphost.errors();
 }
@@ -166,7 +166,7 @@ TEST_F(OperatorControl, NormalizeFindsEveryWrittenFormAndKeepsTheNumberAsItCame)
                                     "004930123456;20240101000000;OPB", "30123456;20240101000000;" + found,
                                     "+49 30 123456;20240101000000;" + found, "0033123456;20240101000000;"}));
     EXPECT_THAT(nphost.errors(), ContainsRegex("^6 records: .* in [0-9.]+ s \\([0-9]+ records/s\\); "
-                                               "data lines: 4 loaded, 1 rejected\n$"));
+                                               "start-up load: 4 data lines loaded, 1 rejected\n$"));
   }
 }
 
@@ -188,7 +188,7 @@ TEST_F(OperatorControl, LoadProgressIsDrawnOnATerminalAndErasedBeforeTheLogAndTh
     const std::string next = screen.substr(end + 3, 8);
     EXPECT_TRUE(next.starts_with("\r\x1b[K") || next == "\rloading") << screen.substr(at, 200);
   }
-  EXPECT_THAT(screen, ContainsRegex("(\n|\x1b\\[K)1 records: 1 found, .*; data lines: 4 loaded, 1 rejected\r\n$"));
+  EXPECT_THAT(screen, ContainsRegex("(\n|\x1b\\[K)1 record: 1 found, .*; start-up load: 4 data lines loaded, 1 rejected\r\n$"));
 }
 
 }  // namespace

@@ -180,7 +180,7 @@ TEST_F(RunEnd, AnEndlessLineKeepsMemoryBounded) {
   EXPECT_LT(procFigure(nphost.pid(), "status", "VmHWM:"), 256 * 1024) << "kB, after reading 1 GiB";
   nphost.signal(SIGTERM);
   EXPECT_EQ(nphost.waitForExit(), 0) << nphost.errors();
-  EXPECT_THAT(nphost.errors(), HasSubstr("1 records: 0 found, 0 not found, 1 rejected"));
+  EXPECT_THAT(nphost.errors(), HasSubstr("1 record: 0 found, 0 not found, 1 rejected"));
 }
 
 }  // namespace
