@@ -15,7 +15,14 @@ int ScriptSession::run(std::istream& in, std::ostream& out, std::ostream& err) {
   const bool valid = sessionM.isValid();
   out << "construct valid=" << (valid ? "true" : "false") << std::endl;
   if (!valid) return sessionM.refuseInvalid(err);
-  out << "init result=" << (sessionM.init() ? "true" : "false") << std::endl;
+  const bool started = sessionM.init();
+  out << "init result=" << (started ? "true" : "false") << std::endl;
+  // A plug-in that did not start serves no data: the commands would answer about nothing.
+  if (!started) {
+    sessionM.finish();
+    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
+                            "the plug-in '" + sessionM.instanceName() + "' did not start; the log says why.");
+  }
 
   CommandInterpreter interpreter(CommandInterpreter::Services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
                                                               sessionM.rewrites(), sessionM.log(), sessionM.lookupsServed()});
