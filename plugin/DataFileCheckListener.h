@@ -52,8 +52,9 @@ public:
   // A remark on the key `key` (bare, as in the table) of the plug-in's table, in the table's
   // order, before anything about the data file. `text` is the rest of one sentence whose
   // subject is the key's path (the instance name, "." and the key): it names the values the
-  // plug-in takes and says what the plug-in does with this one. Every key in the table that
-  // the plug-in does not read gets a finding, including those its host reads.
+  // plug-in takes and says what the plug-in does with this one. Every key that is neither a
+  // start-up nor an update-time key of the plug-in gets a finding, the host's own (Library)
+  // included: the host knows which keys are its own.
   virtual void setting(const BAS::String& key, Weight weight, const BAS::String& text) = 0;
 
   // The data file is open and about to be read; every finding is about this file.
