@@ -39,27 +39,28 @@ std::string wrapped(std::initializer_list<std::string> paragraphs) {
   return text;
 }
 
-// The parts of the one table of exit statuses that run, script and check share.
-const std::string registryCM = "the registry file (unreadable, not TOML, a bad [Framework] value)";
-const std::string libraryStatusCM = "2 the plug-in library or an entry point is not found";
-const std::string causesCM =
-    "a missing mandatory key, a SearchMethod that is no whole number, a data file that cannot be read or is not a file";
-const std::string notValidCM = "not valid after construction (" + causesCM + ")";
-const std::string dataFileCM =
-    "The data file (the registry's FileName, a delta file): one record per line, three fields separated by blanks or "
-    "tabs: NUMBER VALID-FROM OPERATOR, e.g. '+4930123456 20230301000000 D052' (VALID-FROM as YYYYMMDDHHMMSS, UTC). "
-    "No header, no comments: every line is a record, and the last line needs its line end.";
-const std::string checkFirstCM = "'nphost check' shows what a load would skip.";
-const std::string reloadsCM =
-    "Reloads (update Reload): with ReuseOnFailure=TRUE, the default, a reload whose last line is rejected or whose "
-    "file is empty still replaces the data with whatever was read; ReuseOnFailure=FALSE keeps the old data then.";
-
 }  // namespace
 
 bool CommandLine::parse(int argc, const char* const* argv) {
   CLI::App app{"Loads a data plug-in named in a registry file and drives it.", "nphost"};
   app.set_version_flag("--version", std::string("nphost ") + NP_VERSION);
   app.require_subcommand(1);
+
+  // The parts of the one table of exit statuses that run, script and check share,
+  // and the paragraphs that several helps hold.
+  const std::string registryText = "the registry file (unreadable, not TOML, a bad [Framework] value)";
+  const std::string libraryStatus = "2 the plug-in library or an entry point is not found";
+  const std::string notStartedCauses =
+      "a missing mandatory key, a SearchMethod that is no whole number, a data file that cannot be read or is not a file";
+  const std::string notValid = "not valid after construction (" + notStartedCauses + ")";
+  const std::string dataFile =
+      "The data file (the registry's FileName, a delta file): one record per line, three fields separated by blanks or "
+      "tabs: NUMBER VALID-FROM OPERATOR, e.g. '+4930123456 20230301000000 D052' (VALID-FROM as YYYYMMDDHHMMSS, UTC). "
+      "No header, no comments: every line is a record, and the last line needs its line end.";
+  const std::string checkFirst = "'nphost check' shows what a load would skip.";
+  const std::string reloads =
+      "Reloads (update Reload): with ReuseOnFailure=TRUE, the default, a reload whose last line is rejected or whose "
+      "file is empty still replaces the data with whatever was read; ReuseOnFailure=FALSE keeps the old data then.";
 
   std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket;
   struct Shared {
@@ -90,10 +91,10 @@ bool CommandLine::parse(int argc, const char* const* argv) {
        "NUMBER DATETIME, usable, status, update KEY=VALUE ..., probe NAME [VALUE], await ID [COUNT [TIMEOUT_MS]], "
        "after ID TIMEOUT_MS COMMAND [ARGS...], sleep MS, shutdown. Lines that are blank or start with '#' get no "
        "answer. The log goes to standard error unless --log or Framework.Log say otherwise.",
-       dataFileCM + " " + checkFirstCM, reloadsCM,
+       dataFile + " " + checkFirst, reloads,
        "File names (FileName, delta and print files, --log) are relative to the working folder.",
-       "Exit status: 0 done; 1 the command line or " + registryCM + " cannot be used; " + libraryStatusCM +
-           "; 3 the plug-in could not start: " + notValidCM + ", or its start-up load failed (init result=false)."}));
+       "Exit status: 0 done; 1 the command line or " + registryText + " cannot be used; " + libraryStatus +
+           "; 3 the plug-in could not start: " + notValid + ", or its start-up load failed (init result=false)."}));
 
   CLI::App* run = app.add_subcommand(
       "run", "Enrich event records (NUMBER;DATETIME;...) with the operator found for each, in input order");
@@ -117,13 +118,13 @@ bool CommandLine::parse(int argc, const char* const* argv) {
        "(004930123456), the date-time as YYYYMMDDHHMMSS (UTC), further fields kept as they are. Output: every input "
        "line in input order, followed by the delimiter and the operator found (empty when none held). A summary on "
        "standard error at the end; the log goes there too unless --log or Framework.Log say otherwise.",
-       dataFileCM + " " + checkFirstCM, reloadsCM,
+       dataFile + " " + checkFirst, reloads,
        "File names (FileName, delta and print files, --input, --output, --log) are relative to the working folder.",
        "Signals: SIGINT or SIGTERM ends the run after writing the records read (status 0); a second one ends it at "
        "once (128 + signal); SIGHUP reopens the log file.",
-       "Exit status: 0 done, also after SIGINT or SIGTERM; 1 the command line, " + registryCM +
-           ", the input or the output cannot be used; " + libraryStatusCM + "; 3 the plug-in could not start: " +
-           notValidCM + ", or its start-up load failed; 128 + N a second signal N ended it at once."}));
+       "Exit status: 0 done, also after SIGINT or SIGTERM; 1 the command line, " + registryText +
+           ", the input or the output cannot be used; " + libraryStatus + "; 3 the plug-in could not start: " +
+           notValid + ", or its start-up load failed; 128 + N a second signal N ended it at once."}));
 
   CLI::App* check = app.add_subcommand(
       "check", "Judge the registry's data file line by line as the plug-in would load it, without starting it");
@@ -136,9 +137,9 @@ bool CommandLine::parse(int argc, const char* const* argv) {
        "blank line, an invalid date-time, a duplicate of an earlier number and date, a last line without a line "
        "end) and every line whose number holds anything but digits, one leading '+' and the separators - . / ( ), "
        "then a summary: lines, records, numbers, rejected, suspicious, the dates' span, operators.",
-       dataFileCM, "File names are relative to the working folder.",
-       "Exit status: 0 clean (notes aside); 1 the command line or " + registryCM + " cannot be used; " + libraryStatusCM +
-           "; 3 the plug-in would not start: " + causesCM +
+       dataFile, "File names are relative to the working folder.",
+       "Exit status: 0 clean (notes aside); 1 the command line or " + registryText + " cannot be used; " + libraryStatus +
+           "; 3 the plug-in would not start: " + notStartedCauses +
            ", or a data line it cannot read; also when the check was ended by a failure (memory ran out); 4 "
            "findings in the configuration or the data."}));
   check->add_option("REGISTRY", optionsM.registryFile, "Registry file (TOML)")->required();
@@ -173,9 +174,9 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   // Set after the subcommands, which would otherwise start with it as their own footer.
   app.footer(wrapped(
       {"Run 'nphost SUBCOMMAND --help' for what each reads and prints, its options and its exit statuses.",
-       "Exit status of run, script and check: 0 done (check: clean); 1 the command line, " + registryCM +
-           ", the input or the output cannot be used; " + libraryStatusCM + "; 3 the plug-in could not start: " +
-           notValidCM + ", or its start-up load failed; 4 (check only) findings in the configuration or the data. "
+       "Exit status of run, script and check: 0 done (check: clean); 1 the command line, " + registryText +
+           ", the input or the output cannot be used; " + libraryStatus + "; 3 the plug-in could not start: " +
+           notValid + ", or its start-up load failed; 4 (check only) findings in the configuration or the data. "
            "run: 128 + N when a second signal N ended it at once. ctl: 0 the command was carried out, 1 not."}));
 
   try {
