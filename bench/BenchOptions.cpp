@@ -6,6 +6,7 @@ namespace Bench {
 
 std::optional<int> BenchOptions::parse(int argc, char** argv, BenchOptions& options) {
   CLI::App app{"npbench: speed and memory of the number-portability plug-in on generated data"};
+  app.set_version_flag("--version", std::string("npbench ") + NP_VERSION);
   app.add_option("--records", options.recordsM, "Lines of the generated data file")->check(CLI::Range(1ULL, 1ULL << 34));
   app.add_option("--seed", options.seedM, "Seed of the generator");
   app.add_option("--threads-max", options.threadsMaxM, "Lookups are measured with 1 up to this many threads")

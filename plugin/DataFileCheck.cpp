@@ -3,6 +3,7 @@
 #include "BAS/RegistryEntry.h"
 #include "cache/DataFileLines.h"
 #include "plugin/NumberPortabilityPlugIn.h"
+#include "plugin/RegistryTableCheck.h"
 
 #include <sys/stat.h>
 
@@ -62,42 +63,45 @@ DataFileCheck::DataFileCheck(DataFileCheckListener& listener)
   for (BAS::DateTime& latest : latestPossibleM) latest = BAS::DateTime::fromSecs(BAS::DateTime::invalidSecsCM - 1);
 }
 
-bool DataFileCheck::readRegistry(const BAS::RegistryEntry* subtree, const BAS::String& name) {
-  if (subtree == nullptr) {
-    listenerM.cannotCheck("the registry holds no table for the plug-in '" + name + "'.");
-    return false;
-  }
+bool DataFileCheck::readRegistry(const BAS::RegistryEntry& subtree, const BAS::String& name) {
   const std::pair<const BAS::String*, BAS::String*> mandatory[] = {
       {&PlugIn::registryFileNameCM, &fileNameM},
       {&PlugIn::registryCountryCodeCM, &countryCodeM},
       {&PlugIn::registryNationalAccessCodeCM, &nationalAccessCodeM},
   };
   for (const auto& [key, field] : mandatory) {
-    const BAS::RegistryEntry* entry = subtree->find(*key);
+    const BAS::RegistryEntry* entry = subtree.find(*key);
     if (entry == nullptr) {
       listenerM.cannotCheck("the plug-in needs the key " + name + "." + *key + ", which the registry lacks.");
       return false;
     }
     *field = entry->value();
   }
-  const BAS::RegistryEntry* entry = subtree->find(PlugIn::registryInternationalAccessCodeCM);
+  const BAS::RegistryEntry* entry = subtree.find(PlugIn::registryInternationalAccessCodeCM);
   internationalAccessCodeM = entry != nullptr ? entry->value() : PlugIn::defaultInternationalAccessCodeCM;
-  entry = subtree->find(PlugIn::registryInternationalAccessCodeSignCM);
+  entry = subtree.find(PlugIn::registryInternationalAccessCodeSignCM);
   internationalAccessCodeSignM = entry != nullptr ? entry->value() : PlugIn::defaultInternationalAccessCodeSignCM;
   // The search method does not change how the file loads, but the plug-in refuses to start
-  // on one it cannot read, and then loads nothing at all.
+  // on one it cannot read, and then loads nothing at all; the table's remarks said why.
   unsigned int searchMethod = 0;
-  entry = subtree->find(PlugIn::registrySearchMethodCM);
+  entry = subtree.find(PlugIn::registrySearchMethodCM);
   if (entry != nullptr && !entry->value().toNum(searchMethod)) {
-    listenerM.cannotCheck(name + "." + PlugIn::registrySearchMethodCM + " must be a whole number, not '" +
-                          entry->value() + "'; the plug-in would not start.");
+    listenerM.cannotCheck("the plug-in '" + name + "' would not start: it cannot read " + name + "." +
+                          PlugIn::registrySearchMethodCM + " as a search method.");
     return false;
   }
   return true;
 }
 
-bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& name) {
-  if (!readRegistry(subtree, name)) return false;
+bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& name,
+                        DataFileCheckListener::Scope scope) {
+  if (subtree == nullptr) {
+    listenerM.cannotCheck("the registry holds no table for the plug-in '" + name + "'.");
+    return false;
+  }
+  RegistryTableCheck::run(*subtree, listenerM);
+  if (scope == DataFileCheckListener::Scope::SETTINGS) return true;
+  if (!readRegistry(*subtree, name)) return false;
   if (!readerM.openFile(fileNameM, openModeCM)) {
     listenerM.cannotCheck("the data file '" + fileNameM + "' (" + name + "." + PlugIn::registryFileNameCM +
                           ") does not exist.");

@@ -1,5 +1,6 @@
-// DAT::NumberPortability::DataFileCheck judges a data file before it goes live: it reads the
-// plug-in's registry keys with the plug-in's defaults and reads the file by the load's own rule,
+// DAT::NumberPortability::DataFileCheck judges a configuration and its data file before they go
+// live: it has RegistryTableCheck judge the plug-in's registry table, reads the plug-in's registry
+// keys with the plug-in's defaults and reads the file by the load's own rule,
 // with the load's parser and a tree of its own, and tells a DataFileCheckListener about every
 // line the load would skip and every number written in a way that stores it under a surprising
 // key. It starts no plug-in and writes no log. The entry point "DAT_NumberPortabilityCheck" runs it.
@@ -32,9 +33,10 @@ public:
   DataFileCheck(const DataFileCheck&) = delete;
   DataFileCheck& operator=(const DataFileCheck&) = delete;
 
-  // As DataFileCheckListener::EntryPoint: false (after cannotCheck) when the registry lacks
-  // what the plug-in needs or the file cannot be opened or read; true after summary().
-  bool run(const BAS::RegistryEntry* subtree, const BAS::String& name);
+  // As DataFileCheckListener::EntryPoint: false (after cannotCheck) when there is no table, or,
+  // with SETTINGS_AND_DATA, the plug-in would not start on it or the file cannot be opened or
+  // read; true after the table's remarks (SETTINGS) or after summary().
+  bool run(const BAS::RegistryEntry* subtree, const BAS::String& name, DataFileCheckListener::Scope scope);
 
 private:
   // Lines between two progress reports.
@@ -42,7 +44,7 @@ private:
   // Lines judged together: the trie walks of a batch overlap their cache misses, as in the load.
   static constexpr std::size_t batchCM = 64;
 
-  bool readRegistry(const BAS::RegistryEntry* subtree, const BAS::String& name);
+  bool readRegistry(const BAS::RegistryEntry& subtree, const BAS::String& name);
   // Parses one line that the load would hand to its parser into the batch; judges the batch
   // when it is full.
   void judge(const BAS::String& line, std::uint64_t lineNumber);

@@ -1,7 +1,9 @@
-// DAT::NumberPortability::DataFileCheckListener receives what the plug-in library's check of a
-// data file finds: each line the load would reject or that looks wrong, progress while it reads,
-// and a summary. A host implements it and passes it to the entry point "DAT_NumberPortabilityCheck",
-// which judges the file with the library's own parser, so the host compiles none of it.
+// DAT::NumberPortability::DataFileCheckListener receives what the plug-in library's check finds:
+// each key of the plug-in's registry table that the plug-in ignores or takes otherwise than it
+// reads, each data line the load would reject or that looks wrong, progress while it reads, and
+// a summary. A host implements it and passes it to the entry point "DAT_NumberPortabilityCheck",
+// which judges with the library's own knowledge of its keys and its own parser, so the host
+// compiles none of it.
 // Thread contract: the check calls the listener on the caller's thread only, one call at a time.
 #pragma once
 
@@ -29,13 +31,31 @@ public:
     BAS::String latest;
   };
 
-  // The library's entry point: checks the data file that `subtree` (the registry table of the
-  // plug-in instance `name`) configures. False when it could not check at all: the registry
-  // lacks a key the plug-in needs, or the data file cannot be opened or read; cannotCheck()
-  // then said why and no summary follows. True once the whole file was judged; summary() came last.
-  using EntryPoint = bool (*)(const BAS::RegistryEntry* subtree, const BAS::String& name,
+  // What the entry point judges: the registry table alone (a host about to start the plug-in),
+  // or the table and then the data file it names.
+  enum class Scope { SETTINGS, SETTINGS_AND_DATA };
+
+  // How much a remark on a key weighs: a finding is a mistake (a key the plug-in ignores, a
+  // value it takes otherwise than the writer meant); a note is legitimate but worth knowing.
+  enum class Weight { FINDING, NOTE };
+
+  // The library's entry point: judges the registry table `subtree` of the plug-in instance `name`
+  // (each key through setting()), then, with SETTINGS_AND_DATA, the data file it names. False
+  // when it could not check at all: no table, or (data scope) the plug-in would not start on the
+  // table (a mandatory key missing, a SearchMethod it cannot read) or the data file cannot be
+  // opened or read; cannotCheck() then said why and no summary follows. True once everything
+  // asked was judged; with SETTINGS_AND_DATA, summary() came last.
+  using EntryPoint = bool (*)(const BAS::RegistryEntry* subtree, const BAS::String& name, Scope scope,
                               DataFileCheckListener& listener);
   static constexpr const char* entryPointNameCM = "DAT_NumberPortabilityCheck";
+
+  // A remark on the key `key` (bare, as in the table) of the plug-in's table, in the table's
+  // order, before anything about the data file. `text` is the rest of one sentence whose
+  // subject is the key's path (the instance name, "." and the key): it names the values the
+  // plug-in takes and says what the plug-in does with this one. Every key that is neither a
+  // start-up nor an update-time key of the plug-in gets a finding, the host's own (Library)
+  // included: the host knows which keys are its own.
+  virtual void setting(const BAS::String& key, Weight weight, const BAS::String& text) = 0;
 
   // The data file is open and about to be read; every finding is about this file.
   virtual void begin(const BAS::String& fileName, std::uint64_t fileSize) = 0;

@@ -18,9 +18,11 @@ NP_ENTRY_POINT DAT::NumberPortability::PortabilityLookup* DAT_NumberPortabilityL
   return dynamic_cast<DAT::NumberPortability::PlugIn*>(plugIn);
 }
 
-// Judges the data file that a registry table configures, as the load would read it, without
-// making a plug-in object: a host checks a file before it goes live.
+// Judges a registry table as the plug-in would take it and, when asked, the data file it names
+// as the load would read it, without making a plug-in object: a host checks a configuration and
+// a file before they go live.
 NP_ENTRY_POINT bool DAT_NumberPortabilityCheck(const BAS::RegistryEntry* subtree, const BAS::String& name,
+                                               DAT::NumberPortability::DataFileCheckListener::Scope scope,
                                                DAT::NumberPortability::DataFileCheckListener& listener) {
-  return DAT::NumberPortability::DataFileCheck(listener).run(subtree, name);
+  return DAT::NumberPortability::DataFileCheck(listener).run(subtree, name, scope);
 }

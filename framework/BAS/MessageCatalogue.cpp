@@ -49,6 +49,10 @@ constexpr CatalogueEntry entriesCM[] = {
     {"ERR_OPEN_FILE_FAILED", "The file {1} exists but could not be opened."},
     {"INF_FILE_OPENED", "The file {1} was opened."},
 
+    // nphost: the plug-in's registry table as the plug-in would take it, judged at start.
+    {"ERR_NPHOST_CONFIGURATION", "{1}:{2}: {3} {4}"},
+    {"INF_NPHOST_CONFIGURATION", "{1}:{2}: note: {3} {4}"},
+
     // Run-time registry updates and worker requests.
     {"ERR_INVALID_REG_ENTRIES", "The registry update was refused: {1}"},
     {"ERR_INVALID_REG_VALUE", "The value '{1}' of the registry key {2} is not valid."},

@@ -2,6 +2,7 @@
 
 #include "BAS/FailureText.h"
 #include "STR/StagedFiles.h"
+#include "host/check/RegistryRemarks.h"
 #include "host/common/ExitStatus.h"
 #include "host/startup/HostSession.h"
 #include "plugin/DataFileCheckListener.h"
@@ -21,7 +22,15 @@ using Listener = DAT::NumberPortability::DataFileCheckListener;
 // Prints what the library's check reports, and keeps a progress line on a terminal.
 class PrintingListener : public Listener {
 public:
-  PrintingListener(std::ostream& out, std::ostream& err, bool terminal) : outM(out), errM(err), terminalM(terminal) {}
+  PrintingListener(const HostSession& session, std::ostream& out, std::ostream& err, bool terminal)
+      : sessionM(session), outM(out), errM(err), terminalM(terminal) {}
+
+  void setting(const BAS::String& key, Weight weight, const BAS::String& text) override {
+    const auto remark = RegistryRemarks::place(sessionM, key, weight, text);
+    if (!remark) return;
+    outM << RegistryRemarks::sentence(*remark) << '\n';
+    if (weight == Weight::FINDING) findingsM = true;
+  }
 
   void finding(std::uint64_t lineNumber, const BAS::String& text) override {
     erase();
@@ -70,10 +79,11 @@ public:
   void cannotCheck(const BAS::String& reason) override {
     erase();
     outM << std::flush;
-    ExitStatus::fail(errM, CheckSession::notCheckedCM, reason.str());
+    ExitStatus::fail(errM, ExitStatus::invalidObjectCM, reason.str());
   }
 
-  // Every rejected or suspicious line and a file without records came as a finding.
+  // Every key the plug-in ignores or takes otherwise than meant, every rejected or suspicious
+  // line and a file without records came as a finding.
   bool findings() const { return findingsM; }
   // The data file being checked; empty before the check began reading.
   const std::string& fileName() const { return fileNameM; }
@@ -88,6 +98,7 @@ private:
     drawnM = false;
   }
 
+  const HostSession& sessionM;
   std::ostream& outM;
   std::ostream& errM;
   bool terminalM;
@@ -101,25 +112,29 @@ private:
 }  // namespace
 
 int CheckSession::run(std::ostream& out, std::ostream& err, int errDescriptor) {
-  // Whatever keeps the check from starting keeps the file unjudged: one status for all of it.
-  if (sessionM.openLibrary(err, false) != ExitStatus::doneCM) return notCheckedCM;
+  // The registry file and the library fail a check as they fail a start, with the same status.
+  if (const int status = sessionM.openLibrary(err, false); status != ExitStatus::doneCM) return status;
   void* const symbol = sessionM.library().find(Listener::entryPointNameCM);
-  if (symbol == nullptr) return ExitStatus::fail(err, notCheckedCM, sessionM.library().error());
+  if (symbol == nullptr) return ExitStatus::fail(err, ExitStatus::noLibraryCM, sessionM.library().error());
   const auto check = reinterpret_cast<Listener::EntryPoint>(symbol);
 
   STR::StagedFiles::setProcessNeverWrites();
-  PrintingListener listener(out, err, isatty(errDescriptor) == 1);
+  PrintingListener listener(sessionM, out, err, isatty(errDescriptor) == 1);
+  // Whatever the plug-in would not start on (a missing key, a data file it cannot read) leaves
+  // the file unjudged, and so does a failure that ends the check part way.
   try {
-    if (!check(sessionM.instanceRegistry(), BAS::String(sessionM.instanceName()), listener)) return notCheckedCM;
+    if (!check(sessionM.instanceRegistry(), BAS::String(sessionM.instanceName()), Listener::Scope::SETTINGS_AND_DATA,
+               listener))
+      return ExitStatus::invalidObjectCM;
   } catch (...) {
     // The check has judged only part of the file: it says why it stopped, and judges nothing.
     const std::string what = listener.fileName().empty() ? "the data file of '" + sessionM.instanceName() + "'"
                                                          : "'" + listener.fileName() + "'";
     listener.cannotCheck(BAS::String("the check of " + what + " was ended by an unexpected failure: " +
                                      BAS::failureText(std::current_exception())));
-    return notCheckedCM;
+    return ExitStatus::invalidObjectCM;
   }
-  return listener.findings() ? findingsCM : cleanCM;
+  return listener.findings() ? ExitStatus::findingsCM : ExitStatus::doneCM;
 }
 
 }  // namespace Host

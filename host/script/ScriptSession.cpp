@@ -28,6 +28,12 @@ int ScriptSession::run(std::istream& in, std::ostream& out, std::ostream& err) {
                           {std::to_string(sessionM.lookup().activeRecords()), fmt::format("{:.3f}", loadTime.count())});
   }
   out << "init result=" << (started ? "true" : "false") << std::endl;
+  // A plug-in that did not start serves no data: the commands would answer about nothing.
+  if (!started) {
+    sessionM.finish();
+    return ExitStatus::fail(err, ExitStatus::invalidObjectCM,
+                            "the plug-in '" + sessionM.instanceName() + "' did not start; the log says why.");
+  }
 
   CommandInterpreter interpreter(CommandInterpreter::Services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
                                                               sessionM.rewrites(), sessionM.log(), sessionM.lookupsServed()});

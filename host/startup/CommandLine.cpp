@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <sstream>
 
 #ifndef NP_VERSION
@@ -18,6 +19,26 @@ std::string sentence(std::string text) {
   return text;
 }
 
+// Help text in lines of at most 110 columns; each element of `paragraphs` starts a line.
+std::string wrapped(std::initializer_list<std::string> paragraphs) {
+  constexpr std::size_t widthCM = 110;
+  std::string text;
+  for (const std::string& paragraph : paragraphs) {
+    std::istringstream words(paragraph);
+    std::string line;
+    for (std::string word; words >> word;) {
+      if (!line.empty() && line.size() + 1 + word.size() > widthCM) {
+        text += line + '\n';
+        line.clear();
+      }
+      line += (line.empty() ? "" : " ") + word;
+    }
+    text += line + '\n';
+  }
+  text.pop_back();  // CLI11 ends the footer itself
+  return text;
+}
+
 }  // namespace
 
 std::string_view CommandLine::version() { return NP_VERSION; }
@@ -26,19 +47,22 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   CLI::App app{"Loads a data plug-in named in a registry file and drives it.", "nphost"};
   app.set_version_flag("--version", std::string("nphost ") + NP_VERSION);
   app.require_subcommand(1);
-  app.footer(
-      "The data file (the registry's FileName, a delta file): one record per line, three fields separated by blanks\n"
-      "or tabs: NUMBER VALID-FROM OPERATOR, e.g. '+4930123456  20230301000000  D052' (VALID-FROM as YYYYMMDDHHMMSS,\n"
-      "UTC). No header, no comments: every line is a record, and the last line needs its line end. 'nphost check'\n"
-      "shows what a load would skip. File names (FileName, delta and print files, --input, --output, --log) are\n"
-      "relative to the working folder.\n"
-      "Reloads: with ReuseOnFailure=TRUE, the default, a reload whose last line is rejected or whose file is empty\n"
-      "still replaces the data with whatever was read; ReuseOnFailure=FALSE keeps the old data then.\n"
-      "Signals (run): SIGINT or SIGTERM ends the run after writing the records read (status 0); a second one ends\n"
-      "it at once (128 + signal); SIGHUP reopens the log file.\n"
-      "Exit status: 0 done; 1 bad command line or registry file, unreadable input or unwritable output (ctl: a\n"
-      "failed answer; check: a rejected or suspicious line); 2 plug-in library or entry point not found (check: the\n"
-      "registry, library or data file cannot be used); 3 the plug-in object is not valid or did not start.");
+
+  // The parts of the one table of exit statuses that run, script and check share,
+  // and the paragraphs that several helps hold.
+  const std::string registryText = "the registry file (unreadable, not TOML, a bad [Framework] value)";
+  const std::string libraryStatus = "2 the plug-in library or an entry point is not found";
+  const std::string notStartedCauses =
+      "a missing mandatory key, a SearchMethod that is no whole number, a data file that cannot be read or is not a file";
+  const std::string notValid = "not valid after construction (" + notStartedCauses + ")";
+  const std::string dataFile =
+      "The data file (the registry's FileName, a delta file): one record per line, three fields separated by blanks or "
+      "tabs: NUMBER VALID-FROM OPERATOR, e.g. '+4930123456 20230301000000 D052' (VALID-FROM as YYYYMMDDHHMMSS, UTC). "
+      "No header, no comments: every line is a record, and the last line needs its line end.";
+  const std::string checkFirst = "'nphost check' shows what a load would skip.";
+  const std::string reloads =
+      "Reloads (update Reload): with ReuseOnFailure=TRUE, the default, a reload whose last line is rejected or whose "
+      "file is empty still replaces the data with whatever was read; ReuseOnFailure=FALSE keeps the old data then.";
 
   std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket;
   struct Shared {
@@ -64,6 +88,15 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   CLI::App* script = app.add_subcommand(
       "script", "Create the plug-in, then run one command per line of standard input and print one answer per line");
   const Shared scriptOptions = addShared(script);
+  script->footer(wrapped(
+      {"Prints 'construct valid=true|false' and 'init result=true|false', then one answer line per command: search "
+       "NUMBER DATETIME, usable, status, update KEY=VALUE ..., probe NAME [VALUE], await ID [COUNT [TIMEOUT_MS]], "
+       "after ID TIMEOUT_MS COMMAND [ARGS...], sleep MS, shutdown. Lines that are blank or start with '#' get no "
+       "answer. The log goes to standard error unless --log or Framework.Log say otherwise.",
+       dataFile + " " + checkFirst, reloads,
+       "File names (FileName, delta and print files, --log) are relative to the working folder.",
+       "Exit status: 0 done; 1 the command line or " + registryText + " cannot be used; " + libraryStatus +
+           "; 3 the plug-in could not start: " + notValid + ", or its start-up load failed (init result=false)."}));
 
   CLI::App* run = app.add_subcommand(
       "run", "Enrich event records (NUMBER;DATETIME;...) with the operator found for each, in input order");
@@ -82,19 +115,35 @@ bool CommandLine::parse(int argc, const char* const* argv) {
                   "Longest event line in bytes (default 1048576); a longer one is passed on unchanged with an empty "
                   "operator and counted as rejected")
       ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  run->footer(wrapped(
+      {"Input: one event record per line, fields separated by the delimiter: the number in the stored form "
+       "(004930123456), the date-time as YYYYMMDDHHMMSS (UTC), further fields kept as they are. Output: every input "
+       "line in input order, followed by the delimiter and the operator found (empty when none held). A summary on "
+       "standard error at the end; the log goes there too unless --log or Framework.Log say otherwise.",
+       dataFile + " " + checkFirst, reloads,
+       "File names (FileName, delta and print files, --input, --output, --log) are relative to the working folder.",
+       "Signals: SIGINT or SIGTERM ends the run after writing the records read (status 0); a second one ends it at "
+       "once (128 + signal); SIGHUP reopens the log file.",
+       "Exit status: 0 done, also after SIGINT or SIGTERM; 1 the command line, " + registryText +
+           ", the input or the output cannot be used; " + libraryStatus + "; 3 the plug-in could not start: " +
+           notValid + ", or its start-up load failed; 128 + N a second signal N ended it at once."}));
 
   CLI::App* check = app.add_subcommand(
       "check", "Judge the registry's data file line by line as the plug-in would load it, without starting it");
-  check->footer(
-      "Prints 'FILE:LINE: what is wrong' for every line that the plug-in would reject (not three fields, a blank\n"
-      "line, an invalid date-time, a duplicate of an earlier number and date, a last line without a line end) and\n"
-      "every line whose number holds anything but digits, one leading '+' and the separators - . / ( ), then a\n"
-      "summary: lines, records, numbers, rejected, suspicious, the dates' span, operators.\n"
-      "The data file: one record per line, three blank-separated fields NUMBER DATETIME OPERATOR (DATETIME as\n"
-      "YYYYMMDDHHMMSS, UTC); no header, no comments, every line is a record, the last line needs its line end.\n"
-      "File names are relative to the working folder.\n"
-      "Exit status: 0 clean; 1 a rejected or suspicious line, a file without any record, or a bad command line;\n"
-      "2 the registry file, the plug-in library or the data file cannot be read or used.");
+  check->footer(wrapped(
+      {"First the registry file: 'REGISTRY:LINE: ...' for every key of the instance's table that the plug-in does "
+       "not read (Library aside), a SearchMethod other than 0, 1 or 2, and a CountryCode, NationalAccessCode or "
+       "InternationalAccessCode that is not digits alone; an empty NationalAccessCode (a country without a trunk "
+       "prefix) is only noted.",
+       "Then 'FILE:LINE: what is wrong' for every data line that the plug-in would reject (not three fields, a "
+       "blank line, an invalid date-time, a duplicate of an earlier number and date, a last line without a line "
+       "end) and every line whose number holds anything but digits, one leading '+' and the separators - . / ( ), "
+       "then a summary: lines, records, numbers, rejected, suspicious, the dates' span, operators.",
+       dataFile, "File names are relative to the working folder.",
+       "Exit status: 0 clean (notes aside); 1 the command line or " + registryText + " cannot be used; " + libraryStatus +
+           "; 3 the plug-in would not start: " + notStartedCauses +
+           ", or a data line it cannot read; also when the check was ended by a failure (memory ran out); 4 "
+           "findings in the configuration or the data."}));
   check->add_option("REGISTRY", optionsM.registryFile, "Registry file (TOML)")->required();
   auto* checkName = check->add_option("--name", name, "Plug-in instance to check when the registry holds several");
   auto* checkPlugin = check->add_option("--plugin-dir", pluginDirectory,
@@ -135,6 +184,14 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   // Arguments of the command may start with '-'; they are not options of ctl.
   ctl->prefix_command();
 
+  // Set after the subcommands, which would otherwise start with it as their own footer.
+  app.footer(wrapped(
+      {"Run 'nphost SUBCOMMAND --help' for what each reads and prints, its options and its exit statuses.",
+       "Exit status of run, script and check: 0 done (check: clean); 1 the command line, " + registryText +
+           ", the input or the output cannot be used; " + libraryStatus + "; 3 the plug-in could not start: " +
+           notValid + ", or its start-up load failed; 4 (check only) findings in the configuration or the data. "
+           "run: 128 + N when a second signal N ended it at once. ctl: 0 the command was carried out, 1 not."}));
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -143,8 +200,18 @@ bool CommandLine::parse(int argc, const char* const* argv) {
       std::ostringstream out, err;
       app.exit(e, out, err);
       outputM = out.str();
-    } else {
-      errorM = "nphost: " + sentence(e.what()) + " Run 'nphost --help' for the usage.";
+      return false;
+    }
+    errorM = "nphost: " + sentence(e.what()) + " Run 'nphost --help' for the usage.";
+    if (app.get_subcommands().empty()) {
+      // The program takes no words of its own before the subcommand: the first one is meant as one.
+      const char* const* word = std::find_if(argv + 1, argv + argc, [](const char* w) { return w[0] != '-'; });
+      errorM = word == argv + argc
+                   ? std::string("nphost: a subcommand is required: script, run, check or ctl. Run 'nphost --help' "
+                                 "for the usage.")
+                   : "nphost: '" + std::string(*word) +
+                         "' is not a subcommand; the subcommands are script, run, check and ctl. Run 'nphost --help' "
+                         "for the usage.";
     }
     return false;
   }

@@ -8,6 +8,7 @@
 #include "BAS/Status.h"
 #include "PLG/DataPlugIn.h"
 #include "STR/FileIoTurbo.h"
+#include "host/check/RegistryRemarks.h"
 #include "host/common/ExitStatus.h"
 #include "host/common/NphostMessages.h"
 #include "host/script/CommandInterpreter.h"
@@ -70,15 +71,19 @@ bool HostSession::setUpDataLineLimit(std::ostream& err) {
   return true;
 }
 
+bool HostSession::logFormatIsKnown(std::ostream& err) const {
+  const auto format = setting(optionsM.logFormat, "LogFormat").value_or("text");
+  if (format == "text" || format == "json") return true;
+  ExitStatus::fail(err, ExitStatus::badInputCM,
+                   fmt::format("registry file '{}', line {}: Framework.LogFormat must be 'text' or 'json', not '{}'.",
+                               optionsM.registryFile, registryFileM.lineOf("Framework.LogFormat"), format));
+  return false;
+}
+
 bool HostSession::setUpLog(std::ostream& err) {
   BAS::Log& log = frameworkM->log();
+  if (!logFormatIsKnown(err)) return false;
   const auto format = setting(optionsM.logFormat, "LogFormat").value_or("text");
-  if (format != "text" && format != "json") {
-    ExitStatus::fail(err, ExitStatus::badInputCM,
-                     fmt::format("registry file '{}', line {}: Framework.LogFormat must be 'text' or 'json', not '{}'.",
-                                 optionsM.registryFile, registryFileM.lineOf("Framework.LogFormat"), format));
-    return false;
-  }
   log.setFormat(format == "json" ? BAS::Log::Format::JSON : BAS::Log::Format::TEXT);
 
   const auto path = setting(optionsM.logFile, "Log").value_or("-");
@@ -128,6 +133,7 @@ const RegistryFile::Instance* HostSession::chooseInstance(std::ostream& err) con
 
 int HostSession::start(std::ostream& err) {
   if (const int status = openLibrary(err, true); status != ExitStatus::doneCM) return status;
+  RegistryRemarks::log(*this);
   const auto probeDirectory = setting(optionsM.probeDirectory, "ProbeDirectory").value_or(libraryM.directory());
   frameworkM->setProbeDirectory(BAS::String(probeDirectory));
 
@@ -171,6 +177,9 @@ int HostSession::openLibrary(std::ostream& err, bool withLog) {
     if (!setUpLog(err)) return ExitStatus::badInputCM;
     if (const auto handler = setting(std::nullopt, "EventHandler"))
       frameworkM->setEventHandlerName(BAS::String(*handler));
+  } else if (!logFormatIsKnown(err)) {
+    // Nothing is logged, but the registry file that a start would refuse is refused here too.
+    return ExitStatus::badInputCM;
   }
 
   if (!setUpDataLineLimit(err)) return ExitStatus::badInputCM;

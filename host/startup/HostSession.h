@@ -55,6 +55,8 @@ public:
   // After openLibrary: the chosen instance's registry table (null when it has none) and its library.
   const BAS::RegistryEntry* instanceRegistry() const;
   PluginLibrary& library() { return libraryM; }
+  // After openLibrary: the registry file as read, which knows the line of every key.
+  const RegistryFile& registryFile() const { return registryFileM; }
   bool isValid() const;
   // Destroys an object that is not valid after construction; its message and exit status.
   int refuseInvalid(std::ostream& err);
@@ -99,6 +101,8 @@ private:
   // with the reason on `err`, for a value that is no whole number of bytes within the bounds.
   bool setUpDataLineLimit(std::ostream& err);
   bool setUpLog(std::ostream& err);
+  // False, with the reason on `err`, when Framework.LogFormat (or --log-format) is neither text nor json.
+  bool logFormatIsKnown(std::ostream& err) const;
   // The value of a [Framework] key, or of the option that overrides it.
   std::optional<std::string> setting(const std::optional<std::string>& option, const char* key) const;
   // The one instance the options and the registry file name; null with the reason on `err`.

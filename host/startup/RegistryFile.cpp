@@ -57,7 +57,7 @@ public:
                     fmt::format("the key '{}' contains '.', which separates registry levels", name));
       // A table's Library key makes it a plug-in instance; a number or a table there would be
       // looked up as a library of that name, far from the line that is wrong.
-      if (name == "Library" && path.size() > 1 && !(path.size() == 2 && path[0] == RegistryFile::frameworkTableCM) &&
+      if (name == RegistryFile::libraryKeyCM && path.size() > 1 && !(path.size() == 2 && path[0] == RegistryFile::frameworkTableCM) &&
           !node->is_string())
         return fail(line, fmt::format("'{}' must be a quoted text naming the plug-in library", dotted));
       if (const auto* array = node->as_array()) {
@@ -148,8 +148,8 @@ bool RegistryFile::load(std::string_view text, const std::string& fileName, BAS:
     if (!item.isTable) {
       entry->setValue(BAS::String(item.value));
       const bool inTable = item.path.size() > 1;
-      if (inTable && item.path.back() == "Library" && !(item.path.size() == 2 && item.path[0] == frameworkTableCM)) {
-        const std::string owner = dotted.substr(0, dotted.size() - std::string_view(".Library").size());
+      if (inTable && item.path.back() == libraryKeyCM && !(item.path.size() == 2 && item.path[0] == frameworkTableCM)) {
+        const std::string owner = dotted.substr(0, dotted.size() - libraryKeyCM.size() - 1);
         instancesM.push_back(Instance{owner, item.value, linesM[owner]});
       }
     }

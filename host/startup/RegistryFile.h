@@ -25,6 +25,8 @@ public:
 
   // The host's own table; a Library key in it does not make it a plug-in instance.
   static constexpr std::string_view frameworkTableCM = "Framework";
+  // The key that makes a table a plug-in instance and names its library.
+  static constexpr std::string_view libraryKeyCM = "Library";
 
   // Parses `text` and adds its tables and values below `root`, in file order. `fileName` is
   // used in messages only. On failure nothing is added and error() holds one sentence that

@@ -34,22 +34,22 @@ TEST_F(NphostCheck, ReportsEachLineTheLoadWouldSkipOrStoreUnderASurprisingKey) {
         "np.txt:3: the line is blank; every line must be a record, so it is skipped.",
         "np.txt:4: the line has 2 fields, not 3: \"1 2\"" + skipped,
         "np.txt:5: the line has 4 fields, not 3: \"0301 20200101000000 OP B\"" + skipped},
-       1},
+       4},
       {"030123456 20231301000000 A\n030123456 2020-01-01 A\n030123456 20200101000000 A\n",
        {"np.txt:1: the date-time \"20231301000000\" is not a valid YYYYMMDDHHMMSS; the line is skipped.",
         "np.txt:2: the date-time \"2020-01-01\" is not a valid YYYYMMDDHHMMSS; the line is skipped."},
-       1},
+       4},
       // The same number in two notations and the same date: the first one stays.
       {"030123456 20200101000000 A\n030123456 20210101000000 B\n+49-30123456 20200101000000 C\n",
        {"np.txt:3: the number 004930123456 already has a record from 20200101000000 on an earlier line; this one is "
         "skipped and the earlier one stays."},
-       1},
+       4},
       {"030123456 20200101000000 A\n030999 20200101000000 B",
-       {"np.txt:2: the last line has no line end, so the plug-in never loads it: \"030999 20200101000000 B\"."}, 1},
+       {"np.txt:2: the last line has no line end, so the plug-in never loads it: \"030999 20200101000000 B\"."}, 4},
       {"\xEF\xBB\xBF+49301234567 20180101000000 D055\n",
        {"np.txt:1: the file starts with a byte-order mark, which becomes part of the number \"+49301234567\"; it "
         "would be stored as 004949301234567."},
-       1},
+       4},
       {"030123456 20200101000000 A\nX 20180101000000 D055\n+49+30 20200101000000 C\n0301*5 20200101000000 C\n"
        "030+1 20200101000000 C\n\xEF\xBB\xBF" "030 20200101000000 C\n",
        {"np.txt:2: the number \"X\" holds the letter 'X'; it would be stored as 0049, the country code alone, and "
@@ -58,13 +58,13 @@ TEST_F(NphostCheck, ReportsEachLineTheLoadWouldSkipOrStoreUnderASurprisingKey) {
         "np.txt:4: the number \"0301*5\" holds the character \"*\"; it would be stored as 00493015.",
         "np.txt:5: the number \"030+1\" holds a '+' after its start; it would be stored as 0049301.",
         "np.txt:6: the number \"\\xEF\\xBB\\xBF030\" holds the character \"\\xEF\"; it would be stored as 0049030."},
-       1},
+       4},
       // A file that would leave the service without data is a finding, whatever its lines.
-      {"", {"np.txt: no line holds a record that the plug-in would load; it would start with no data."}, 1},
+      {"", {"np.txt: no line holds a record that the plug-in would load; it would start with no data."}, 4},
       {"1 2\n",
        {"np.txt:1: the line has 2 fields, not 3: \"1 2\"" + skipped,
         "np.txt: no line holds a record that the plug-in would load; it would start with no data."},
-       1},
+       4},
   };
   for (const auto& [data, findings, status] : cases) {
     writeFile("np.txt", data);
@@ -83,14 +83,15 @@ TEST_F(NphostCheck, SummaryCountsLinesRecordsNumbersOperatorsAndTheSpanOfDates) 
   writeFile("np.txt", "030123456 20200101000000 A\n+4930123456 20230301000000 B\n0049151 20000101000000 A\n"
                       "01511234567 20220101000000 C\n1 2\n030x 20250615120000 D\n");
   Nphost nphost(folderM, {"check", "reg.toml"});
-  EXPECT_EQ(nphost.finish(), 1);
+  EXPECT_EQ(nphost.finish(), 4);
   EXPECT_THAT(nphost.rest(), ElementsAre(_, _, "checked np.txt: 6 lines, 5 records, 4 numbers, 1 rejected, 1 suspicious, "
                                                "dates 20000101000000 to 20250615120000, 4 operators"));
 }
 
-// What keeps a file from being judged gives status 2 and one sentence; the instance and the
-// library are chosen as script and run choose them.
-TEST_F(NphostCheck, InstanceAndLibraryAreFoundAsInScriptModeAndWhatCannotBeUsedGivesTwo) {
+// What keeps a file from being judged gives one sentence and the status that the same fault
+// gives a start: 1 the registry file, 2 the library, 3 what the plug-in would not start on. The
+// instance and the library are chosen as script and run choose them.
+TEST_F(NphostCheck, InstanceAndLibraryAreFoundAsInScriptModeAndWhatCannotBeUsedGivesItsStatus) {
   const auto replaced = [](std::string text, const std::string& what, const std::string& by) {
     return text.replace(text.find(what), what.size(), by);
   };
@@ -104,18 +105,27 @@ TEST_F(NphostCheck, InstanceAndLibraryAreFoundAsInScriptModeAndWhatCannotBeUsedG
     std::string err;
     Lines out = {};
   } cases[] = {
-      {"check missing.toml", registry(), 2,
+      {"check missing.toml", registry(), 1,
        "nphost: cannot read the registry file 'missing.toml': No such file or directory.\n"},
-      {"check reg.toml", replaced(registry(), "np.txt", "gone.txt"), 2,
+      {"check reg.toml", replaced(registry(), "np.txt", "gone.txt"), 3,
        "nphost: the data file 'gone.txt' (NumberPortability.FileName) does not exist.\n"},
-      {"check reg.toml", replaced(registry(), "np.txt", "."), 2,
+      {"check reg.toml", replaced(registry(), "np.txt", "."), 3,
        "nphost: cannot open the data file '.' for reading: it is a directory.\n"},
-      {"check reg.toml", replaced(registry(), "np.txt", "/dev/zero"), 2,
+      {"check reg.toml", replaced(registry(), "np.txt", "/dev/zero"), 3,
        "nphost: cannot open the data file '/dev/zero' for reading: it is a character device.\n"},
-      {"check reg.toml", replaced(registry(), "FileName = \"np.txt\"", "Other = 1"), 2,
-       "nphost: the plug-in needs the key NumberPortability.FileName, which the registry lacks.\n"},
-      {"check reg.toml", replaced(registry(), "SearchMethod = 0", "SearchMethod = \"x\""), 2,
-       "nphost: NumberPortability.SearchMethod must be a whole number, not 'x'; the plug-in would not start.\n"},
+      // The table's remarks come first, so the misspelt key is seen beside the missing one.
+      {"check reg.toml", replaced(registry(), "FileName = \"np.txt\"", "FileNme = \"np.txt\""), 3,
+       "nphost: the plug-in needs the key NumberPortability.FileName, which the registry lacks.\n",
+       {"reg.toml:6: NumberPortability.FileNme is not a key the plug-in reads, so it has no effect; did you mean "
+        "FileName? The plug-in reads FileName, CountryCode, NationalAccessCode, InternationalAccessCode, "
+        "InternationalAccessCodeSign and SearchMethod at start, and Reload, ReuseOnFailure, AdditionalNumPortData "
+        "and PrintData in updates."}},
+      {"check reg.toml", replaced(registry(), "SearchMethod = 0", "SearchMethod = -1"), 3,
+       "nphost: the plug-in 'NumberPortability' would not start: it cannot read NumberPortability.SearchMethod as a "
+       "search method.\n",
+       {"reg.toml:9: NumberPortability.SearchMethod is '-1', not a whole number written in digits alone; the plug-in "
+        "refuses it and does not start. Its search methods are 0 (the longest stored prefix with a record at the "
+        "date), 1 (the number itself only) and 2 (the shortest stored prefix)."}},
       {"check reg.toml --plugin-dir /nonexistent", registry(), 2,
        "nphost: cannot load the plug-in library '/nonexistent/libDAT_NumberPortability.so': "
        "/nonexistent/libDAT_NumberPortability.so: cannot open shared object file: No such file or directory.\n"},
@@ -148,7 +158,7 @@ TEST_F(NphostCheck, AnInterruptedRewriteIsNamedByTheCheckAndFinishedByTheNextSta
   writeFile(staged, whole);
 
   Nphost check(folderM, {"check", "reg.toml"});
-  EXPECT_EQ(check.finish(), 1);
+  EXPECT_EQ(check.finish(), 4);
   ASSERT_FALSE(check.rest().empty());
   EXPECT_THAT(check.rest().front(), StartsWith("np.txt: a rewrite of the file was interrupted"));
   EXPECT_TRUE(fs::exists(folderM / staged)) << "a check never writes";
@@ -173,12 +183,12 @@ TEST_F(NphostCheck, TheDataLineLimitIsTheRegistrysAndALongerLineStopsTheStart) {
     int status;
     std::string err;
   } cases[] = {
-      {"40", 2, "nphost: reading the data file 'np.txt' failed at line 2: line 2 is longer than 40 bytes; "
+      {"40", 3, "nphost: reading the data file 'np.txt' failed at line 2: line 2 is longer than 40 bytes; "
                 "the plug-in would not start.\n"},
-      // What keeps a check from starting gives 2, as a registry that cannot be used does.
-      {"\"4x\"", 2, "nphost: registry file 'reg.toml', line 3: Framework.DataLineLimit must be a whole number of "
+      // A registry file that cannot be used gives 1, as it does for a start.
+      {"\"4x\"", 1, "nphost: registry file 'reg.toml', line 3: Framework.DataLineLimit must be a whole number of "
                      "bytes from 1 to 1073741824, not '4x'.\n"},
-      {"0", 2, "nphost: registry file 'reg.toml', line 3: Framework.DataLineLimit must be a whole number of "
+      {"0", 1, "nphost: registry file 'reg.toml', line 3: Framework.DataLineLimit must be a whole number of "
                "bytes from 1 to 1073741824, not '0'.\n"},
   };
   for (const auto& [limit, status, err] : cases) {

@@ -185,7 +185,7 @@ TEST_F(MemoryLimit, AnAllocationFailureInInitOrCheckIsSaidInOneSentence) {
   EXPECT_EQ(readFile("out.txt"), "earlier\n");
 
   Nphost check(folderM, {"check", "reg.toml"}, "check-stderr.txt", limited(96));
-  EXPECT_EQ(check.finish(), 2);
+  EXPECT_EQ(check.finish(), 3);
   EXPECT_EQ(check.errors(), "nphost: the check of 'np.txt' was ended by an unexpected failure: " + std::string(exhaustedCM) + ".\n");
 }
 

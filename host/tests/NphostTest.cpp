@@ -119,7 +119,7 @@ TEST_F(NphostProgram, OptionsRegistriesAndFilesChooseWhatRunsOrEndItEarlyWithThe
        "search 004330123456 20240101000000\nprobe reload TRUE\nawait EVT::RELOAD_SUCCESSFUL\n"},
       {"--version", "", 0, Eq(""), ElementsAre("nphost 1.0.8")},
       {"--help", "", 0, Eq(""), Contains(HasSubstr("script"))},
-      {"", "", 1, Eq("nphost: A subcommand is required." + usage)},
+      {"", "", 1, Eq("nphost: a subcommand is required: script, run, check or ctl." + usage)},
       {"script", "", 1, Eq("nphost: REGISTRY is required." + usage)},
       {"ctl np.sock", "", 1, Eq("nphost: COMMAND is required." + usage)},
       {"run reg.toml --threads 0", reg, 1, Eq("nphost: --threads: Value 0 not in range 1 to 1024." + usage)},

@@ -19,6 +19,7 @@ using NpTest::TestEnvironment;
 
 class RecordingListener : public DataFileCheckListener {
 public:
+  void setting(const BAS::String& key, Weight, const BAS::String&) override { ADD_FAILURE() << key.view(); }
   void begin(const BAS::String&, std::uint64_t) override {}
   void finding(std::uint64_t lineNumber, const BAS::String& text) override {
     // A suspicious number is loaded all the same; every other finding is a line the load skips.
@@ -75,7 +76,8 @@ TEST(DataFileCheck, RejectsExactlyTheLinesTheLoadSkipsAndCountsItsRecords) {
     const std::size_t logged = env.statuses().size();
     RecordingListener listener;
     ASSERT_TRUE(DataFileCheck(listener).run(env.framework.registry().find(BAS::String("NumberPortability")),
-                                            BAS::String("NumberPortability")));
+                                            BAS::String("NumberPortability"),
+                                            DataFileCheckListener::Scope::SETTINGS_AND_DATA));
     EXPECT_EQ(listener.rejected, skipped) << "seed " << seed;
     EXPECT_EQ(std::to_string(listener.summaryM.records), loaded[0].args[0]) << "seed " << seed;
     EXPECT_EQ(listener.summaryM.rejected, skipped.size()) << "seed " << seed;

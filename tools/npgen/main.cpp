@@ -32,7 +32,9 @@ int main(int argc, char** argv) {
 
   CLI::App app{"npgen: writes a number-portability data file and, from the same options, a delta file and an "
                "event file that fit it. The same options give the same bytes."};
-  app.add_option("--records", options.records, "Lines of the data file, bad lines included")->required()
+  app.set_version_flag("--version", std::string("npgen ") + NP_VERSION);
+  // Required, but checked after the parse: CLI11 would refuse --version for want of it.
+  auto* records = app.add_option("--records", options.records, "Lines of the data file, bad lines included (required)")
       ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40));
   app.add_option("--seed", options.seed, "Seed of every random choice")->capture_default_str();
   app.add_option("--density", options.density, "Share of a used sub-block's numbers that are in the data")
@@ -53,6 +55,7 @@ int main(int argc, char** argv) {
   app.add_option("--prefix-share", options.prefixShare, "Share of events only a block prefix answers")
       ->capture_default_str()->check(CLI::Range(0.0, 1.0));
   CLI11_PARSE(app, argc, argv);
+  if (records->count() == 0) return app.exit(CLI::RequiredError("--records"));
 
   if (dataFile.empty() && deltaFile.empty() && eventFile.empty()) {
     fmt::print(stderr, "npgen: nothing to write; give --data, --delta or --events\n");
