@@ -65,19 +65,22 @@ inline ScriptResult runScript(const std::vector<std::string>& words, const std::
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (failed == 0) {
-    int status = 0;
+    // Waits for the end without reaping it, so that the group's id stays taken while what the
+    // program left in the background is killed.
+    siginfo_t ended{};
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (::waitpid(pid, &status, WNOHANG) == 0) {
+    bool hung = false;
+    while (::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid == 0) {
       if (std::chrono::steady_clock::now() > deadline) {
-        ::kill(-pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-        status = -1;
+        hung = true;
         break;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    ::kill(-pid, SIGKILL);  // what it left in the background
-    if (status != -1) result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    ::kill(-pid, SIGKILL);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (!hung) result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   const auto read = [](const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
