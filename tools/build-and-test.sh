@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Builds the project with warnings as errors and runs every test.
+# Installs what the tests need, builds everything with warnings as errors and runs every test.
 #   tools/build-and-test.sh [gcc|clang|asan|tsan]   (default: gcc)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 variant="${1:-gcc}"
-tools/build.sh "$variant"
+tools/build.sh --tests "$variant"
 ctest --test-dir "build/$variant" --output-on-failure -j2 --timeout 300

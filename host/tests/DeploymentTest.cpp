@@ -194,30 +194,5 @@ TEST_F(Deployment, TheExampleServiceRunsAndItsLogRotatesWithoutLosingALine) {
   close(enriched);
 }
 
-// The README's live walk-through, run as a reader would paste it (only its folder is moved):
-// a command or an option it teaches that nphost no longer takes, or an answer it promises that
-// nphost no longer gives, fails here.
-TEST(ReadmeWalkThrough, RunsAsWrittenAndGivesTheAnswersItPromises) {
-  const fs::path root = fs::path(NP_EXAMPLES_DIRECTORY).parent_path();
-  const std::string readme = readText(root / "README.md");
-  const auto begin = readme.find("mkdir -p /tmp/np-live");
-  ASSERT_NE(begin, std::string::npos) << "the walk-through is gone from the README";
-  std::string script = readme.substr(begin, readme.find("```", begin) - begin);
-  std::string pattern = "/tmp/np-walk.XXXXXX";
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  const fs::path folder = pattern;
-  script = std::regex_replace(script, std::regex("/tmp/np-live"), (folder / "live").string());
-  const fs::path output = folder / "output.txt";
-  const std::string path = fs::path(NPHOST_PROGRAM).parent_path().string() + ":" + std::getenv("PATH");
-  const int status = runToEnd({"env", "PATH=" + path, "bash", "-e", "-c", script}, root, output);
-  const std::string said = readText(output);
-  EXPECT_EQ(status, 0) << said;
-  for (const char* promised : {"update result=true taken=true\nawait INF_NUM_NPORT_ADDED ok\nstatus records=50 ",
-                               "delta_result=ok", "await EVT::RELOAD_SUCCESSFUL ok\nprobe reload result=true\n"
-                               "await EVT::RELOAD_SUCCESSFUL ok\nfound D052 20240301000000\n"})
-    EXPECT_NE(said.find(promised), std::string::npos) << "missing: " << promised << "\nin:\n" << said;
-  fs::remove_all(folder);
-}
-
 }  // namespace
 }  // namespace NphostTest
