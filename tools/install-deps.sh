@@ -2,7 +2,7 @@
 # Installs the Debian packages that the build and the tests need, when any is missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-          libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libfmt-dev
+          libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev
           logrotate systemd)  # the deployment test runs the example logrotate file and unit
 missing=()
 for p in "${packages[@]}"; do
