@@ -76,9 +76,11 @@ private:
   void classifyByStore();
   void crossCheck();
   void releaseReference();
-  // BenchRunLookups.cpp: 4 lookup rates and the batched rate.
+  // BenchRunLookups.cpp: 4 lookup rates and the batched rates.
   void measureLookups();
-  double batchedRate() const;
+  // Lookups per second, one thread, batchCM numbers a call: [0] through PlugIn::searchMany,
+  // [1] through the host's interface (PortabilityLookup::lookUp), timed in turns.
+  std::array<double, 2> batchedRates() const;
   // BenchRunLatency.cpp: 6a reload, 5 latency with reloads, 5b with a crowd of threads.
   void measureLatency();
   void measureCrowdedLatency();

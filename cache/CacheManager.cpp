@@ -8,6 +8,7 @@
 #include "cache/HelperThread.h"
 #include "cache/KeptLines.h"
 
+#include <chrono>
 #include <iostream>
 #include <utility>
 
@@ -68,6 +69,7 @@ bool CacheManager::load() {
 
   DataFileLines lines(dataFileReaderM);
   if (lines.atEnd()) {
+    publishLoaded();
     if (dataFileReaderM.isOpen()) {
       dataFileReaderM.closeFile();
       plugInM->reportStatus("INF_FILE_CLOSED", BAS::Status::NORMAL, dataFileReaderM.fileName());
@@ -83,7 +85,7 @@ bool CacheManager::load() {
   const LoadOperation::Reading reading = operation.loadBoth(lines, *active(), mirror);
   if (mirror == nullptr) operation.copy(*standby(), *active());
   mark.settle();
-  publishedRecordsM.store(active()->recordCount(), std::memory_order_relaxed);
+  publishLoaded();
   if (!reading.failedRead) {
     plugInM->reportStatus("INF_FILE_EOF", BAS::Status::NORMAL, dataFileReaderM.fileName());
     dataFileReaderM.closeFile();
@@ -94,10 +96,29 @@ bool CacheManager::load() {
   return false;
 }
 
+PublicationStamp CacheManager::nextStamp() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return PublicationStamp{++publicationsM, std::chrono::duration_cast<std::chrono::milliseconds>(now).count()};
+}
+
+void CacheManager::publishLoaded() {
+  // Under the write side, so that a lookup, should one come before the load ends, reads the
+  // stamp with the records it reads.
+  const PublicationStamp stamp = nextStamp();
+  BAS::WriteLocker locker(cacheLockM);
+  activeTreeM->setStamp(stamp);
+  publishedRecordsM.store(activeTreeM->recordCount(), std::memory_order_relaxed);
+  publishedStampM.store(stamp);
+}
+
 void CacheManager::exchangeTrees() {
+  // No lookup reaches the standby tree: its stamp is set before the lock, and a lookup that
+  // reads the tree after the exchange reads the stamp with it.
+  standby()->setStamp(nextStamp());
   BAS::WriteLocker locker(cacheLockM);
   std::swap(activeTreeM, standbyTreeM);
   publishedRecordsM.store(activeTreeM->recordCount(), std::memory_order_relaxed);
+  publishedStampM.store(activeTreeM->stamp());
 }
 
 bool CacheManager::cacheReload(const bool& reuseOnFailure) {

@@ -19,8 +19,10 @@
 #include "cache/DataLineParser.h"
 #include "cache/LoadOperation.h"
 #include "cache/LoadProgress.h"
+#include "cache/PublishedStamp.h"
 #include "store/NumberPortabilityData.h"
 #include "store/NumberPortabilityTree.h"
+#include "store/PublicationStamp.h"
 #include "store/RecordChunk.h"
 
 #include <atomic>
@@ -65,11 +67,15 @@ public:
     return activeTreeM->search(number, dateTime, result, searchMethod);
   }
 
-  // search for count numbers under one hold of the read lock, as NumberPortabilityTree::searchMany.
+  // search for count numbers under one hold of the read lock, as NumberPortabilityTree::searchMany
+  // (keyLengths included). With `stamp`, *stamp is the stamp of the tree that the searches read,
+  // taken under the same hold, so that it names the data that gave every answer of the call.
   void searchMany(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
-                  unsigned int searchMethod, NumberPortabilityData* results, bool* found) {
+                  unsigned int searchMethod, NumberPortabilityData* results, bool* found,
+                  std::uint32_t* keyLengths = nullptr, PublicationStamp* stamp = nullptr) {
     BAS::ReadLocker locker(cacheLockM);
-    activeTreeM->searchMany(numbers, dateTimes, count, searchMethod, results, found);
+    if (stamp != nullptr) *stamp = activeTreeM->stamp();
+    activeTreeM->searchMany(numbers, dateTimes, count, searchMethod, results, found, keyLengths);
   }
 
   // Dumps the active tree with banner to standard output (a name equal to BAS::NULL_STRING)
@@ -100,14 +106,24 @@ public:
   // The record count of the tree that answers lookups, as the last exchange (or the end of the
   // initial load) published it. Any thread; takes no lock, so it never waits.
   std::uint32_t publishedRecords() const { return publishedRecordsM.load(std::memory_order_relaxed); }
+  // The stamp of the tree that answers lookups: the publication that made it so (the end of the
+  // initial load is 1, each exchange of a reload or delta load the next) and its UTC time; a
+  // number of 0 until the initial load has published. Any thread; never waits for the cache.
+  PublicationStamp publishedStamp() const { return publishedStampM.load(); }
 
 private:
   // The operation in progress is the only writer of the tree pointers, so it may read them
   // without the lock; lookups only ever read them too.
   NumberPortabilityTree* active() const NO_THREAD_SAFETY_ANALYSIS { return activeTreeM; }
   NumberPortabilityTree* standby() const NO_THREAD_SAFETY_ANALYSIS { return standbyTreeM; }
-  // Publishes the standby tree: exchanges the two pointers under the write side of the lock.
+  // Publishes the standby tree: stamps it and exchanges the two pointers under the write side
+  // of the lock.
   void exchangeTrees();
+  // Publishes the active tree as the initial load leaves it: stamps it, and offers its stamp
+  // and record count to hosts.
+  void publishLoaded();
+  // The stamp of the next publication.
+  PublicationStamp nextStamp();
   // The loader of one operation, over the manager's parser, owner, figures and record arrays.
   LoadOperation makeOperation() { return LoadOperation(parserM, *plugInM, progressM, chunkLinesM, recordArraysM); }
 
@@ -143,6 +159,11 @@ private:
   // The active tree's record count, stored with every exchange and at the end of the initial
   // load; atomic, read without a lock by hosts that must never wait for the cache.
   std::atomic<std::uint32_t> publishedRecordsM{0};
+  // Publications so far; counted by the operation in progress only (operations never overlap),
+  // so no lock.
+  std::uint64_t publicationsM = 0;
+  // The active tree's stamp, stored with every publication; read without a lock (see its class).
+  PublishedStamp publishedStampM;
 };
 
 }  // namespace DAT::NumberPortability

@@ -65,19 +65,46 @@ void PlugIn::setValidNow(bool valid) {
 
 BAS::String PlugIn::registeredName() const { return lockedName(); }
 
+namespace {
+
+PortabilityLookup::Generation generationOf(const PublicationStamp& stamp) {
+  return PortabilityLookup::Generation{stamp.numberM, stamp.utcMillisM};
+}
+
+}  // namespace
+
 void PlugIn::lookUp(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
                     Answer* answers, bool* found) {
   // The host's answers are its own type, so that it needs no store header; the records are
-  // copied over a chunk at a time, which costs little beside the walks.
+  // copied over a chunk at a time, which costs little beside the walks. Each chunk is one hold
+  // of the read lock, so its stamp belongs to each of its answers.
   constexpr std::size_t chunkCM = 64;
   NumberPortabilityData records[chunkCM];
+  std::uint32_t keyLengths[chunkCM];
   for (std::size_t done = 0; done < count; done += chunkCM) {
     const std::size_t n = std::min(chunkCM, count - done);
-    searchMany(numbers + done, dateTimes + done, n, records, found + done);
+    PublicationStamp stamp;
+    if (cacheManagerM != nullptr) {
+      cacheManagerM->searchMany(numbers + done, dateTimes + done, n, searchMethodM, records, found + done, keyLengths,
+                                &stamp);
+    } else {
+      std::fill_n(found + done, n, false);
+    }
+    const Generation read = generationOf(stamp);
     for (std::size_t i = 0; i < n; ++i) {
-      if (found[done + i]) answers[done + i] = {records[i].validFromM, records[i].networkOperatorM};
+      Answer& answer = answers[done + i];
+      if (found[done + i]) {
+        answer.validFrom = records[i].validFromM;
+        answer.networkOperator = records[i].networkOperatorM;
+        answer.keyLength = keyLengths[i];
+      }
+      answer.generation = read;
     }
   }
+}
+
+PortabilityLookup::Generation PlugIn::generation() const {
+  return cacheManagerM != nullptr ? generationOf(cacheManagerM->publishedStamp()) : Generation{};
 }
 
 void PlugIn::normalize(std::string_view number, std::string& into) const {

@@ -130,6 +130,7 @@ public:
   void normalize(std::string_view number, std::string& into) const override;
   LoadFigures loadFigures() const override;
   std::uint64_t activeRecords() override { return cacheManagerM != nullptr ? cacheManagerM->publishedRecords() : 0; }
+  Generation generation() const override;
   std::string dataFileName() const override { return fileNameM.str(); }
   bool workerRunning() const override { return workerThreadM != nullptr && workerThreadM->isRunning(); }
 

@@ -27,11 +27,34 @@ namespace DAT::NumberPortability {
 
 class PortabilityLookup {
 public:
-  // What a lookup found: from validFrom on, the number is served by networkOperator.
+  // Which data answered: the publication that made it the data that answers lookups. The end
+  // of the initial load is publication 1, each exchange of a reload or delta load the next;
+  // with the UTC time of the publication the pair is unique across restarts. Publication 0:
+  // no data published yet.
+  struct Generation {
+    std::uint64_t publication = 0;
+    std::int64_t publishedAtMillis = 0;  // milliseconds since 1970-01-01 00:00:00 UTC
+  };
+
+  // What a lookup found: from validFrom on, the number is served by networkOperator, by the
+  // record of a stored key of keyLength digits (in its international form: the international
+  // access code and the country code included). The number itself answered exactly when
+  // keyLength equals digitCount() of the number looked up; a stored prefix of it when less.
+  // generation names the data that the lookup read.
   struct Answer {
     BAS::DateTime validFrom;
     BAS::SimpleString networkOperator;
+    std::uint32_t keyLength = 0;
+    Generation generation;
   };
+
+  // The digits of `number` as a lookup reads them: the decimal digits, every other character
+  // (blank, hyphen, plus sign, letter) skipped, as the data's keys skip them.
+  static std::size_t digitCount(std::string_view number) noexcept {
+    std::size_t digits = 0;
+    for (const char c : number) digits += c >= '0' && c <= '9' ? 1 : 0;
+    return digits;
+  }
 
   // The library's entry point: the lookup interface of a plug-in object that the same
   // library's module-start entry point made; null for any other object.
@@ -39,8 +62,10 @@ public:
   static constexpr const char* entryPointNameCM = "DAT_NumberPortabilityLookup";
 
   // For each i below count: found[i] tells whether a record holds for numbers[i] (in stored
-  // form) at dateTimes[i] with the configured search method, and answers[i] is that record
-  // (untouched when none holds).
+  // form) at dateTimes[i] with the configured search method, and answers[i] is that record with
+  // the length of the key that answered (all three untouched when none holds) and, in every
+  // case, the generation of the data that was read. Each answer comes wholly from one
+  // generation: its record, its key length and its generation are read together.
   virtual void lookUp(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
                       Answer* answers, bool* found) = 0;
 
@@ -65,6 +90,9 @@ public:
   // Records in the data that answers lookups, as the last exchange of the data published them.
   // Never waits, whatever the cache is doing.
   virtual std::uint64_t activeRecords() = 0;
+  // The generation of the data that answers lookups now, as the last publication left it.
+  // Never waits, whatever the cache is doing.
+  virtual Generation generation() const = 0;
   // The configured main data file, as the registry names it.
   virtual std::string dataFileName() const = 0;
   // Whether the background worker that carries out probe requests runs: false before init,

@@ -15,6 +15,7 @@
 #include "store/OperatorTable.h"
 #include "store/PrefixStack.h"
 #include "store/PtrTree.h"
+#include "store/PublicationStamp.h"
 #include "store/RecordChunk.h"
 #include "store/StoredHistory.h"
 
@@ -91,32 +92,38 @@ public:
   }
 
   // search for count numbers at once: found[i] and results[i] as search(numbers[i], dateTimes[i],
-  // results[i], method) gives them, results[i] untouched where found[i] is false. The trie walks
-  // and then the history reads of a batch overlap their cache misses, so that a host with many
-  // records in hand looks them up several times faster than one by one. Inline, as search.
+  // results[i], method) gives them, results[i] untouched where found[i] is false. With
+  // keyLengths, keyLengths[i] is where found[i] the number of digits of the stored key whose
+  // history answered (the number's own digits, characters other than decimal digits skipped,
+  // when the number itself answered; fewer when a shorter stored prefix did), untouched
+  // elsewhere. The trie walks and then the history reads of a batch overlap their cache misses,
+  // so that a host with many records in hand looks them up several times faster than one by
+  // one. Inline, as search.
   void searchMany(const std::string_view* numbers, const BAS::DateTime* dateTimes, std::size_t count,
-                  std::uint32_t method, NumberPortabilityData* results, bool* found) const {
-    using Lists = PrefixStack<const StoredHistory*, searchPrefixRoomCM>;
+                  std::uint32_t method, NumberPortabilityData* results, bool* found,
+                  std::uint32_t* keyLengths = nullptr) const {
+    using Lists = PrefixStack<Prefix, searchPrefixRoomCM>;
     for (std::size_t first = 0; first < count; first += batchCM) {
       const std::size_t batch = std::min(count - first, batchCM);
       Lists lists[batchCM];
       // EXACT_MATCH keeps the number's own history only, ANY_PREFIX_MATCH the shortest prefix's.
       ptrTreeM.searchMany(numbers + first, batch,
-                          [&](std::size_t i, const StoredHistory* list, bool whole) {
+                          [&](std::size_t i, const StoredHistory* list, std::uint32_t depth, bool whole) {
                             Lists& stack = lists[i];
                             if (method == BEST_MATCH || (method == EXACT_MATCH ? whole : stack.empty())) {
-                              stack.push_back(list);
+                              stack.push_back(Prefix{list, depth});
                             }
                           });
-      const StoredHistory* top = nullptr;
+      Prefix top;
       for (Lists& stack : std::span(lists, batch)) {
-        if (stack.top(top)) __builtin_prefetch(top);
+        if (stack.top(top)) __builtin_prefetch(top.history);
       }
       for (std::size_t i = 0; i < batch; ++i) {
         bool& hit = found[first + i];
         hit = false;
-        const StoredHistory* list = nullptr;
-        while (!hit && lists[i].pop(list)) hit = answer(*list, dateTimes[first + i], results[first + i]);
+        Prefix prefix;
+        while (!hit && lists[i].pop(prefix)) hit = answer(*prefix.history, dateTimes[first + i], results[first + i]);
+        if (hit && keyLengths != nullptr) keyLengths[first + i] = prefix.depth;
       }
     }
   }
@@ -137,6 +144,12 @@ public:
   // The formatting is split in two jobs for `both`, window by window.
   void printTree(std::ostream& out, bool withBanner, const PBC::BothJobs& both = PBC::oneAfterTheOther) const;
 
+  // The publication that made this tree the one that answers lookups; set by its publisher
+  // while no lookup can reach the tree, read by lookups beside their search. A fill, a clear
+  // or a copy leaves it: it changes only when the tree is published again.
+  const PublicationStamp& stamp() const noexcept { return stampM; }
+  void setStamp(const PublicationStamp& stamp) noexcept { stampM = stamp; }
+
   std::uint32_t recordCount() const noexcept { return recordCountM; }
   // Nodes of the trie, the root included.
   std::size_t nodeCount() const { return ptrTreeM.nodeCount(); }
@@ -148,6 +161,12 @@ private:
   static constexpr std::size_t searchPrefixRoomCM = 8;
 
   static constexpr std::size_t batchCM = 32;
+
+  // A stored prefix met by a batched search: its history and the digits of its key.
+  struct Prefix {
+    const StoredHistory* history = nullptr;
+    std::uint32_t depth = 0;
+  };
 
   using Trie = PBC::PtrTree<StoredHistory, PBC::PayloadsOwnedElsewhere>;
   using Piece = Trie::Piece;
@@ -190,6 +209,7 @@ private:
   Trie ptrTreeM;
   HistoryArena historiesM;   // the histories of the trie's numbers
   OperatorTable operatorsM;  // the operator texts that the records refer to
+  PublicationStamp stampM;   // see stamp()
 
 public:
   // Records accepted since construction or the last clearAndDestroy. Readable directly by the

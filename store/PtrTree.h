@@ -158,9 +158,11 @@ public:
     if (digitRead && node->dataM != nullptr) stack.push_back(node->dataM);
   }
 
-  // The stack search for several keys at once: visit(i, payload, whole) for each payload that
-  // search(keys[i], stack) would push, shortest prefix first for each key, with whole true
-  // only for the payload of the node of the key itself. The visits of different keys
+  // The stack search for several keys at once: visit(i, payload, depth, whole) for each payload
+  // that search(keys[i], stack) would push, shortest prefix first for each key, with depth the
+  // number of digits of the stored key whose payload it is (the trie skips non-digits, so this
+  // is the node's depth), and whole true only for the payload of the node of the key itself,
+  // whose depth is the number of digits of keys[i]. The visits of different keys
   // interleave. The walks advance together, one level at a time, each asking for its next node
   // before any reads one, so that a batch pays about one memory latency per level instead of
   // one per level and key.

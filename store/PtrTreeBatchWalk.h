@@ -25,8 +25,9 @@ public:
   using Tree = PtrTree<T, Release>;
   using Node = PtrTreeNode<T>;
 
-  // PtrTree::searchMany: visit(i, payload, whole) for each payload on the path of keys[i],
-  // shortest prefix first for each key, whole true only for the node of the key itself.
+  // PtrTree::searchMany: visit(i, payload, depth, whole) for each payload on the path of
+  // keys[i], shortest prefix first for each key: depth is the number of digits of the node's
+  // key, whole true only for the node of the key itself.
   template <class Visitor>
   static void searchMany(const Tree& tree, const std::string_view* keys, std::size_t count, Visitor&& visit) {
     walk(tree, keys, count, visit);
@@ -112,7 +113,7 @@ private:
     const char* next = nullptr;  // the rest of the key
     const char* end = nullptr;
     int digit = -1;
-    bool digitRead = false;
+    std::uint32_t depth = 0;  // digits read: the length of the key of `node`
   };
 
   template <class Visitor>
@@ -132,18 +133,18 @@ private:
           const Node* const node = walk.node;
           if (node == nullptr) continue;
           if (!walk.takeDigit(radix)) {
-            if (walk.digitRead && node->dataM != nullptr) visit(first + i, node->dataM, true);
+            if (walk.depth != 0 && node->dataM != nullptr) visit(first + i, node->dataM, walk.depth, true);
             walk.node = nullptr;
             --open;
             continue;
           }
-          if (node->dataM != nullptr) visit(first + i, node->dataM, false);
+          if (node->dataM != nullptr) visit(first + i, node->dataM, walk.depth, false);
           walk.node = tree.child(*node, walk.digit);
           if (walk.node == nullptr) {
             --open;
             continue;
           }
-          walk.digitRead = true;
+          ++walk.depth;
           __builtin_prefetch(walk.node);
         }
       }

@@ -23,7 +23,7 @@ variant="${1:-gcc}"
 # The main job's packages come without the packages that they merely recommend: the first build
 # on a fresh machine is timed, and the recommended ones (compilers of other languages, make,
 # documentation) are not used. The rest install as they always have, recommendations included.
-main=(cmake ninja-build g++ libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libfmt-dev)
+main=(cmake ninja-build g++ libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev)
 rest=()
 case "$variant" in
   gcc) ;;

@@ -20,6 +20,7 @@ void DescriptorBuffer::attach(int descriptor, long long failAfter, bool writeBac
   descriptorM = descriptor;
   failAfterM = failAfter;
   writeBackM = writeBack;
+  digestM.restart();
 }
 
 void DescriptorBuffer::detach() {
@@ -78,6 +79,7 @@ bool DescriptorBuffer::writeAll(const char* text, std::size_t size) {
       errorM = errno;
       return false;
     }
+    digestM.add(text, static_cast<std::size_t>(written));
     text += written;
     size -= static_cast<std::size_t>(written);
     writtenM += written;

@@ -1,7 +1,10 @@
 // STR::DescriptorBuffer is the stream buffer behind FileIo's output stream: it writes to a file
-// descriptor that it does not own. Once a write failed, every later one fails too, so that a
-// file with a hole in it is never taken for a complete one. Used by one thread at a time.
+// descriptor that it does not own, and keeps the digest of the bytes written. Once a write
+// failed, every later one fails too, so that a file with a hole in it is never taken for a
+// complete one. Used by one thread at a time.
 #pragma once
+
+#include "STR/ContentDigest.h"
 
 #include <streambuf>
 #include <vector>
@@ -23,6 +26,8 @@ public:
   int error() const { return errorM; }
   // Writes out what is buffered; false when that or an earlier write failed.
   bool flushBuffer();
+  // The digest of the bytes written to the descriptor since attach, and their number.
+  const ContentDigest& written() const { return digestM; }
 
 protected:
   int_type overflow(int_type c) override;
@@ -40,6 +45,7 @@ private:
   long long writeBackFromM = 0;  // the first byte not yet handed to write-back
   bool failedM = false;
   int errorM = 0;
+  ContentDigest digestM;
 };
 
 }  // namespace STR

@@ -28,8 +28,10 @@ public:
   // The identity last remembered for `name`; false when this process never read nor wrote it.
   static bool recall(const std::string& name, FileIdentity& identity);
 
+  dev_t device() const { return deviceM; }
   ino_t inode() const { return inodeM; }
   off_t size() const { return sizeM; }
+  const struct timespec& modified() const { return modifiedM; }
 
   friend bool operator==(const FileIdentity& a, const FileIdentity& b) {
     return a.deviceM == b.deviceM && a.inodeM == b.inodeM && a.sizeM == b.sizeM &&

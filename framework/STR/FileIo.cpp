@@ -1,6 +1,7 @@
 #include "STR/FileIo.h"
 
 #include "STR/DescriptorBuffer.h"
+#include "STR/FileDigests.h"
 #include "STR/FileIdentity.h"
 #include "STR/FilePaths.h"
 #include "STR/FileReport.h"
@@ -101,6 +102,8 @@ public:
   bool keepStagedM = false;  // a copy over the target failed: the pending copy stays for the next opening
   bool existedM = false;     // the target existed when writing began,
   FileIdentity expectedM;    // with this identity
+  bool writtenKnownM = false;  // a completed replacement or rewrite: the file that holds it now
+  FileIdentity writtenM;
 
   std::string untouched() const { return existedM ? "it is left as it was" : "it was not created"; }
 
@@ -178,7 +181,11 @@ public:
     }
     stagedNameM.clear();
     FileIdentity written;
-    if (FileIdentity::ofDescriptor(descriptorM, written)) FileIdentity::rememberIfRead(name.str(), written);
+    writtenKnownM = FileIdentity::ofDescriptor(descriptorM, written);
+    if (writtenKnownM) {
+      FileIdentity::rememberIfRead(name.str(), written);
+      writtenM = written;
+    }
     // Makes the rename itself durable. The target is replaced already, so a failure here is not
     // one of this file: it is left to the file system's own write-back.
     FilePaths::syncFolderOf(targetNameM);
@@ -237,7 +244,11 @@ public:
                "copies the complete new content kept in " + pending + " over it";
       return false;
     }
-    if (known) FileIdentity::rememberIfRead(name.str(), written);
+    if (known) {
+      FileIdentity::rememberIfRead(name.str(), written);
+      writtenKnownM = true;
+      writtenM = written;
+    }
     reached(Step::COPIED);
     ::unlink(pending.c_str());
     stagedNameM.clear();
@@ -268,6 +279,7 @@ FileIo::FileIo(const BAS::String& name, std::ios_base::openmode mode) : nameM(na
     if (impl.descriptorM < 0) reason = causeOf(errno) + "; nothing was written to it";
   }
   if (impl.descriptorM < 0) {
+    if (impl.wayM != Impl::Way::DIRECT) noteRewrite(false);
     reportNotWritten(name, reason);
     impl.streamM.setstate(std::ios_base::badbit);
     impl.closedM = true;
@@ -278,6 +290,22 @@ FileIo::FileIo(const BAS::String& name, std::ios_base::openmode mode) : nameM(na
 }
 
 FileIo::~FileIo() { closeFile(); }
+
+void FileIo::noteRewrite(bool complete) {
+  const Impl& impl = *implM;
+  if (!complete || !impl.writtenKnownM) {
+    // What the target is now is not known for certain: the identity it had when writing began.
+    FileDigests::rewriteEnded(nameM.str(), impl.expectedM.device(), impl.expectedM.inode(), nullptr);
+    return;
+  }
+  FileDigests::Record record;
+  record.digest = impl.bufferM.written().digest();
+  record.size = impl.bufferM.written().size();
+  record.modified = impl.writtenM.modified();
+  record.device = impl.writtenM.device();
+  record.inode = impl.writtenM.inode();
+  FileDigests::rewriteEnded(nameM.str(), record.device, record.inode, &record);
+}
 
 std::ostream& FileIo::stream() { return implM->streamM; }
 
@@ -299,6 +327,7 @@ bool FileIo::closeFile() {
     reason = causeOf(error) + "; only part of what was written may have reached it";
   } else {
     good = impl.publish(nameM, reason);
+    noteRewrite(good);
     if (!impl.stagedNameM.empty() && !impl.keepStagedM) ::unlink(impl.stagedNameM.c_str());
     // Last: closing the staged copy's descriptor releases the lock that tells a live writer.
     ::close(impl.descriptorM);

@@ -15,6 +15,9 @@
 // process's last rewrite of it (another file, size or modification time: a feed dropped in a new
 // one) is not overwritten.
 // The temporaries that killed writers left beside the target are removed before it is written.
+// A replacement or rewrite that completes leaves the digest and size of what was written, with
+// the identity and modification time of the file that holds it now, in STR::FileDigests under
+// the name given; one that fails takes away what the last rewrite of that name left there.
 // Other modes (app, in) write in place. Whatever is not written as asked is reported on the
 // thread that calls the constructor or closeFile() as "ERR_FILE_NOT_WRITTEN" (the file name as
 // given; the cause and what the file holds now, in words). One object is used by one thread at
@@ -60,6 +63,8 @@ public:
 
 private:
   class Impl;
+  // Tells FileDigests how a replacement or rewrite ended.
+  void noteRewrite(bool complete);
   BAS::String nameM;
   std::unique_ptr<Impl> implM;
 };

@@ -1,5 +1,7 @@
 #include "STR/FileIoTurbo.h"
 
+#include "STR/ContentDigest.h"
+#include "STR/FileDigests.h"
 #include "STR/FileIdentity.h"
 #include "STR/FilePaths.h"
 #include "STR/FileReport.h"
@@ -57,7 +59,7 @@ std::string inWords(std::chrono::milliseconds wait) {
 
 }  // namespace
 
-FileIoTurbo::FileIoTurbo() = default;
+FileIoTurbo::FileIoTurbo() : digestM(std::make_unique<ContentDigest>()) {}
 
 FileIoTurbo::~FileIoTurbo() { closeFile(); }
 
@@ -109,6 +111,15 @@ bool FileIoTurbo::openFile(const BAS::String& name, long /*mode*/) {
     return true;
   }
   if (bufferM.size() < bufferSizeCM) bufferM.resize(bufferSizeCM);
+  struct stat opened;
+  if (::fstat(descriptor, &opened) == 0) {
+    deviceM = opened.st_dev;
+    inodeM = opened.st_ino;
+  } else {
+    deviceM = status.st_dev;
+    inodeM = status.st_ino;
+  }
+  digestM->restart();
   streamM = stream;
   return true;
 }
@@ -187,7 +198,23 @@ void FileIoTurbo::refuse(const BAS::String& reason) {
   FileReport::write("ERR_FILE_NOT_READ", BAS::Status::CRITICAL, {fileNameM, reason});
 }
 
+void FileIoTurbo::readingEnded(bool complete) {
+  if (!complete) {
+    FileDigests::readingEnded(fileNameM.str(), deviceM, inodeM, nullptr);
+    return;
+  }
+  FileDigests::Record record;
+  record.digest = digestM->digest();
+  record.size = digestM->size();
+  record.device = deviceM;
+  record.inode = inodeM;
+  struct stat status;
+  if (::fstat(::fileno(streamM), &status) == 0) record.modified = status.st_mtim;
+  FileDigests::readingEnded(fileNameM.str(), deviceM, inodeM, &record);
+}
+
 void FileIoTurbo::fail(const BAS::String& reason) {
+  readingEnded(false);
   refuse(reason);
   beginM = endM = 0;
   endStream(true);
@@ -226,10 +253,14 @@ bool FileIoTurbo::refill() {
   for (;;) {
     const ssize_t got = ::read(descriptor, bufferM.data() + endM, bufferM.size() - endM);
     if (got > 0) {
+      // Hashed as it arrives, while the bytes are still in the processor's cache.
+      digestM->add(bufferM.data() + endM, static_cast<std::size_t>(got));
       endM += static_cast<std::size_t>(got);
       return true;
     }
     if (got == 0) {
+      // Before endStream, which takes the stream's descriptor away from the file.
+      readingEnded(true);
       endStream(false);
       return false;
     }
@@ -317,6 +348,7 @@ bool FileIoTurbo::closeFile() {
   if (bufferM.size() > bufferSizeCM) std::vector<char>().swap(bufferM);
   ParkedFifos::closeExpired();
   if (streamM == nullptr) return true;
+  if (readFromM && !endedM) readingEnded(false);
   if (fifoM && !readFromM && !endedM) {
     // What a writer put in the pipe stays there for the next reader of this FIFO.
     const int kept = ::fcntl(::fileno(streamM), F_DUPFD_CLOEXEC, 0);

@@ -21,6 +21,11 @@
 //
 // Only regular files and FIFOs are read. A FIFO is read once a writer comes within fifoWait();
 // no wait blocks for longer than 100 ms between looks at stopWaiting().
+//
+// A reading that reaches the end of the file leaves the digest of every byte read, their number
+// and the file's modification time in STR::FileDigests, under the name given to openFile and the
+// identity of the file opened; one that read from the file but stopped short (a failed read, a
+// close before the end) takes away what the last reading of that name left there.
 #pragma once
 
 #include "BAS/Export.h"
@@ -29,10 +34,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <memory>
 #include <sys/types.h>
 #include <vector>
 
 namespace STR {
+
+class ContentDigest;
 
 class BAS_EXPORT FileIoTurbo {
 public:
@@ -95,6 +103,8 @@ private:
   // Drops the rest of a line that was too long; false when the file ended or failed first.
   bool skipRestOfLine();
   bool tooLong();
+  // Tells FileDigests how the reading of the open file ended: at its end, or short of it.
+  void readingEnded(bool complete);
   // A file that exists but cannot be read.
   void refuse(const BAS::String& reason);
   // A failure after which nothing can be read.
@@ -116,6 +126,9 @@ private:
   bool readFromM = false;  // a read of the file was tried
   bool skippingM = false;  // the rest of a line that was too long is still to be dropped
   bool endedM = false;     // nothing more can be read
+  dev_t deviceM = 0;       // the identity of the open file
+  ino_t inodeM = 0;
+  std::unique_ptr<ContentDigest> digestM;  // of the bytes read from the open file
 };
 
 }  // namespace STR
