@@ -138,7 +138,7 @@ void BenchRun::printSizes() {
   sizes.addRow({"trie node", std::to_string(sizeof(StoreNode)), std::to_string(sizeof(RefNode))});
   sizes.addRow({"child slots of a node", "none (children side by side, a digit set in the node)",
                 fmt::format("{} (every node)", refChildArray)});
-  sizes.addRow({"history of a number", fmt::format("{} (a count before its records)", sizeof(StoredHistory)),
+  sizes.addRow({"history of a number", fmt::format("{} (a count before its records; none for one record)", sizeof(StoredHistory)),
                 std::to_string(sizeof(ReferenceTrie::History))});
   sizes.addRow({"record", fmt::format("{} (operator text once per tree)", sizeof(StoredRecord)),
                 std::to_string(sizeof(ReferenceTrie::Record))});
