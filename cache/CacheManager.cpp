@@ -62,6 +62,7 @@ bool CacheManager::insertCache(NumberPortabilityTree* tree, const BAS::String& l
 }
 
 bool CacheManager::load() {
+  const LoadProgress::OperationTimer timer(progressM);
   if (!plugInM->checkFile()) return false;
   if (dataFileReaderM.isOpen()) dataFileReaderM.closeFile();
   dataFileReaderM.openFile(fileNameM, openModeCM);
@@ -101,6 +102,7 @@ void CacheManager::exchangeTrees() {
 }
 
 bool CacheManager::cacheReload(const bool& reuseOnFailure) {
+  const LoadProgress::OperationTimer timer(progressM);
   if (!plugInM->checkFile()) return false;
   if (dataFileReaderM.isOpen()) dataFileReaderM.closeFile();
   dataFileReaderM.openFile(fileNameM, openModeCM);
@@ -135,6 +137,7 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
 }
 
 bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
+  const LoadProgress::OperationTimer timer(progressM);
   if (!plugInM->checkFile(deltaFileName)) return false;
   if (deltaFileReaderM.isOpen()) deltaFileReaderM.closeFile();
   deltaFileReaderM.openFile(deltaFileName, openModeCM);
