@@ -41,7 +41,8 @@ int connectTo(int port) {
 std::string get(int port, const std::string& path) {
   const int descriptor = connectTo(port);
   if (descriptor < 0) return "<no answer>";
-  writeAll(descriptor, "GET " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+  // HTTP/1.0: the answer comes whole, never in chunks.
+  writeAll(descriptor, "GET " + path + " HTTP/1.0\r\nHost: localhost\r\n\r\n");
   std::string answer, buffer;
   for (std::string line; (line = nextLine(descriptor, buffer)) != "<end>" && line != "<no answer>";) answer += line + "\n";
   close(descriptor);
@@ -96,7 +97,7 @@ TEST_F(Metrics, EachFamilyTellsWhatTheRunDid) {
   std::unique_ptr<Nphost> nphost;
   portM = start(nphost);
   const std::string answer = get(portM, "/metrics");
-  EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 OK\r\n"));
+  EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 OK\r\n")) << answer;
   EXPECT_THAT(answer, HasSubstr("Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n"));
   for (const char* family : {"nphost_records gauge", "nphost_lookups_total counter", "nphost_event_records_total counter",
                              "nphost_data_operations_total counter", "nphost_data_last_success_timestamp_seconds gauge",
@@ -262,6 +263,72 @@ TEST_F(Metrics, TheRunEndsWithAScrapeInFlight) {
   EXPECT_EQ(nphost->waitForExit(), 0) << nphost->errors();
   close(half);
   close(idle);
+}
+
+bool installed(const std::string& program) {
+  return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// promtool, Prometheus's own checker, finds nothing to say about a scrape taken after work.
+TEST_F(Metrics, PromtoolFindsNoFaultInTheExposition) {
+  if (!installed("promtool")) GTEST_SKIP() << "promtool is not installed (Debian package prometheus: tools/install-deps.sh --tests)";
+  std::unique_ptr<Nphost> nphost;
+  portM = start(nphost);
+  EXPECT_EQ(ctl(folderM, {"np.sock", "search", "004930123456", "20240101000000"}).first, 0);
+  const std::string answer = get(portM, "/metrics");
+  writeFile("scrape.txt", answer.substr(answer.find("\r\n\r\n") + 4));
+  EXPECT_EQ(std::system(("cd " + folderM.string() + " && promtool check metrics < scrape.txt > promtool.txt 2>&1").c_str()), 0)
+      << readFile("promtool.txt");
+  EXPECT_EQ(readFile("promtool.txt"), "");
+  nphost->signal(SIGTERM);
+  EXPECT_EQ(nphost->waitForExit(), 0) << nphost->errors();
+}
+
+// A real Prometheus server scrapes nphost every second; after a reload of a data file of another
+// size its query API gives the new record count.
+TEST_F(Metrics, APrometheusServerSeesTheRecordsOfAReload) {
+  if (!installed("prometheus")) GTEST_SKIP() << "prometheus is not installed (Debian package prometheus: tools/install-deps.sh --tests)";
+  std::unique_ptr<Nphost> nphost;
+  portM = start(nphost);
+  // A port that was free a moment ago, for the server's own web interface.
+  const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof where;
+  ASSERT_EQ(bind(probe, reinterpret_cast<const sockaddr*>(&where), sizeof where) |
+                getsockname(probe, reinterpret_cast<sockaddr*>(&where), &size), 0);
+  const int webPort = ntohs(where.sin_port);
+  close(probe);
+  writeFile("prometheus.yml", "global:\n  scrape_interval: 1s\nscrape_configs:\n  - job_name: nphost\n    static_configs:\n"
+                              "      - targets: ['127.0.0.1:" + std::to_string(portM) + "']\n");
+  fs::create_directory(folderM / "tsdb");
+  std::string command[] = {"prometheus", "--config.file=" + (folderM / "prometheus.yml").string(),
+                           "--storage.tsdb.path=" + (folderM / "tsdb").string(),
+                           "--web.listen-address=127.0.0.1:" + std::to_string(webPort)};
+  char* argv[] = {command[0].data(), command[1].data(), command[2].data(), command[3].data(), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, (folderM / "prometheus.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  pid_t server = 0;
+  ASSERT_EQ(posix_spawnp(&server, argv[0], &actions, nullptr, argv, environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  const auto records = [&] {
+    const std::string answer = get(webPort, "/api/v1/query?query=nphost_records");
+    const auto json = nlohmann::json::parse(answer.substr(std::min(answer.size(), answer.find("\r\n\r\n") + 4)), nullptr, false);
+    if (json.is_discarded() || !json.contains("data") || json["data"]["result"].empty()) return std::string("<none>");
+    return json["data"]["result"][0]["value"][1].get<std::string>();
+  };
+  EXPECT_TRUE(eventually([&] { return records() == "4"; }, std::chrono::seconds(30))) << records() << readFile("prometheus.log");
+  writeFile("np.txt", "0049301  20200101000000  A\n0049302  20200101000000  B\n0049303  20200101000000  C\n"
+                      "0049304  20200101000000  D\n0049305  20200101000000  E\n0049306  20200101000000  F\n");
+  EXPECT_EQ(ctl(folderM, {"np.sock", "reload"}).first, 0);
+  EXPECT_TRUE(eventually([&] { return records() == "6"; }, std::chrono::seconds(30))) << records();
+  kill(server, SIGKILL);
+  waitpid(server, nullptr, 0);
+  nphost->signal(SIGTERM);
+  EXPECT_EQ(nphost->waitForExit(), 0) << nphost->errors();
 }
 
 }  // namespace
