@@ -3,7 +3,8 @@
 # in one line. tools/build.sh calls it before it configures.
 #   tools/install-deps.sh [--tests] [--log FILE] [gcc|clang|asan|tsan]   (default: gcc)
 # Without --tests: what nphost, the framework and the plug-in need to build. With it, also what
-# the tests, npgen and npbench need and the programs the tests run (logrotate, systemd-analyze).
+# the tests, npgen and npbench need and the programs the tests run (logrotate, systemd-analyze,
+# promtool and prometheus).
 # apt-get's output is appended to FILE (default: shown).
 # Exit status: 0 all installed; 1 not: apt-get failed, or they are missing and this is not root
 # (and sudo is not there or refused), which one sentence with the apt-get line to run says.
@@ -23,7 +24,8 @@ variant="${1:-gcc}"
 # The main job's packages come without the packages that they merely recommend: the first build
 # on a fresh machine is timed, and the recommended ones (compilers of other languages, make,
 # documentation) are not used. The rest install as they always have, recommendations included.
-main=(cmake ninja-build g++ libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev)
+main=(cmake ninja-build g++ libtomlplusplus-dev libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev
+      libcpp-httplib-dev)
 rest=()
 case "$variant" in
   gcc) ;;
@@ -31,8 +33,9 @@ case "$variant" in
   asan|tsan) rest+=(clang libclang-rt-14-dev) ;;  # the sanitizer and libFuzzer runtimes
   *) echo "install-deps.sh: unknown variant '$variant' (gcc, clang, asan or tsan)" >&2; exit 1 ;;
 esac
-# The deployment test runs the example logrotate file and checks the example unit.
-[ "$tests" = 1 ] && rest+=(libgtest-dev libgmock-dev logrotate systemd)
+# The deployment test runs the example logrotate file and checks the example unit; the metrics
+# tests check a scrape with promtool and have a Prometheus server scrape nphost.
+[ "$tests" = 1 ] && rest+=(libgtest-dev libgmock-dev logrotate systemd prometheus)
 
 missing() {
   for p in "$@"; do

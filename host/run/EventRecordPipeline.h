@@ -30,6 +30,8 @@ class Log;
 
 namespace Host {
 
+class MetricsRegistry;
+
 class EventRecordPipeline {
 public:
   struct Settings {
@@ -44,8 +46,9 @@ public:
     // Numbers are looked up in the stored form that the plug-in's normalisation gives them;
     // the output keeps them as they came.
     bool normalize = false;
-    // Added to once per batch with the lookups made; null for none. Not owned.
-    std::atomic<std::uint64_t>* lookupsServed = nullptr;
+    // Added to once per batch with the lookups made and the records written; null for none.
+    // Not owned.
+    MetricsRegistry* metrics = nullptr;
     // A longer line (without its line end) is passed on in pieces as it is read, never held
     // whole, with the delimiter and an empty operator at its end, and counted as rejected.
     std::size_t maxLineBytes = std::size_t{1} << 20;

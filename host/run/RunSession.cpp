@@ -2,6 +2,7 @@
 
 #include "host/control/ControlServer.h"
 #include "host/control/SignalWatcher.h"
+#include "host/metrics/MetricsServer.h"
 #include "host/run/EventRecordPipeline.h"
 #include "host/script/CommandInterpreter.h"
 #include "host/startup/HostSession.h"
@@ -145,6 +146,10 @@ private:
 
 }  // namespace
 
+RunSession::RunSession(HostSession& session) : sessionM(session) {}
+
+RunSession::~RunSession() = default;
+
 int RunSession::run(std::ostream& err) {
   const CommandLine::Options& options = sessionM.options();
   const auto fail = [&err](int status, const std::string& sentence) { return ExitStatus::fail(err, status, sentence); };
@@ -188,18 +193,21 @@ int RunSession::run(std::ostream& err) {
   if (!sessionM.isValid()) return sessionM.refuseInvalid(err);
   // From here on every way out notes its cause for the log's stop line.
   const auto failAndStop = [this, &err](int status, const std::string& sentence) {
+    stopMetrics();
     return sessionM.fail(err, status, sentence);
   };
 
   // The socket and the signal handlers are set up while this is the only thread: the socket's
   // mode comes from the process-wide umask, which must not leak into files others create.
   const CommandInterpreter::Services services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
-                                              sessionM.rewrites(), sessionM.log(),  sessionM.lookupsServed()};
+                                              sessionM.rewrites(), sessionM.log(),  sessionM.metrics()};
   ControlServer control(services, sessionM.counts());
   if (options.controlSocket && !control.open(*options.controlSocket)) return failAndStop(ExitStatus::badInputCM, control.error());
   SignalWatcher signals;
   if (!signals.install())
     return failAndStop(ExitStatus::badInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
+  // Served from before the start-up load on, so that a long load is watched too.
+  if (options.metrics && !startMetrics(*options.metrics)) return failAndStop(ExitStatus::badInputCM, metricsM->error());
 
   bool started = false;
   const auto loadBegin = std::chrono::steady_clock::now();
@@ -251,7 +259,7 @@ int RunSession::run(std::ostream& err) {
   settings.delimiter = options.delimiter;
   settings.stopDescriptor = signals.descriptor();
   settings.normalize = options.normalize;
-  settings.lookupsServed = &sessionM.lookupsServed();
+  settings.metrics = &sessionM.metrics();
   settings.maxLineBytes = options.maxLineBytes;
 
   // The summary's time and rate cover the enrichment (reading, lookups, writing) up to the last
@@ -272,6 +280,7 @@ int RunSession::run(std::ostream& err) {
   // ending; a reload or delta load that reads a file is waited for.
   STR::FileIoTurbo::stopWaiting();
   control.stop();
+  stopMetrics();
 
   const std::string signal = SignalWatcher::firstSignalName();
   const std::string cause = !failure.empty()  ? "failure: " + failure.substr(0, failure.find_last_not_of('.') + 1)
@@ -284,11 +293,27 @@ int RunSession::run(std::ostream& err) {
 
 void RunSession::endRun(std::ostream& err, const EventRecordPipeline::Totals& totals, double elapsed,
                         const DAT::NumberPortability::PortabilityLookup::LoadFigures& data, const std::string& cause) {
+  stopMetrics();
   logSummary(sessionM.log(), totals, elapsed, data);
   sessionM.noteStopCause(cause);
   sessionM.finish();
   // After the log's last line, so that on a terminal the summary is what stays in view.
   writeSummary(err, totals, elapsed, data);
+}
+
+bool RunSession::startMetrics(const MetricsAddress& address) {
+  // The figures come from atomics and from the lookup interface's figures, which never wait: a
+  // scrape is answered while a reload or delta load runs.
+  metricsM = std::make_unique<MetricsServer>(
+      [this] { return sessionM.metrics().exposition(sessionM.lookup()); });
+  if (!metricsM->open(address) || !metricsM->start()) return false;
+  NphostMessages::write(sessionM.log(), NphostMessages::metricsIdCM, {metricsM->address().text()});
+  return true;
+}
+
+void RunSession::stopMetrics() {
+  // Before the plug-in goes: a scrape reads its lookup interface.
+  if (metricsM != nullptr) metricsM->stop();
 }
 
 bool RunSession::initShowingLoad() {

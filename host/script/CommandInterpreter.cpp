@@ -110,7 +110,7 @@ std::string CommandInterpreter::search(const Words& words) {
   DAT::NumberPortability::PortabilityLookup::Answer answer;
   bool found = false;
   servicesM.lookup.lookUp(&number, &dateTime, 1, &answer, &found);
-  servicesM.lookupsServed.fetch_add(1, std::memory_order_relaxed);
+  servicesM.metrics.addLookups(found ? 1 : 0, found ? 0 : 1);
   if (!found) return "not-found";
   return "found " + std::string(answer.networkOperator.view()) + " " + answer.validFrom.asString("%Y%m%d%H%M%S").str();
 }
@@ -169,7 +169,7 @@ std::string CommandInterpreter::status(const Words& words) {
     case RewriteWatch::Delta::UNKNOWN: break;
   }
   add("delta_result", result);
-  add("lookups", std::to_string(servicesM.lookupsServed.load(std::memory_order_relaxed)));
+  add("lookups", std::to_string(servicesM.metrics.lookups()));
   add("worker", lookup.workerRunning() ? "running" : "stopped");
   return line;
 }

@@ -12,6 +12,7 @@
 #include "host/common/CountingLogSink.h"
 #include "host/common/RewriteWatch.h"
 #include "host/common/WaitSlots.h"
+#include "host/metrics/MetricsRegistry.h"
 
 #include <sys/types.h>
 
@@ -45,15 +46,15 @@ public:
   enum class Mode { SCRIPT, CONTROL };
 
   // What every interpreter of a process shares. None is owned; all must outlive the
-  // interpreters. `lookup` is the lookup interface of `plugIn`; `lookupsServed` counts every
-  // lookup of the process ("search" adds to it, "status" shows it).
+  // interpreters. `lookup` is the lookup interface of `plugIn`; `metrics` counts every lookup
+  // of the process ("search" adds to it, "status" shows it) and the control connections.
   struct Services {
     PLG::DataPlugIn& plugIn;
     DAT::NumberPortability::PortabilityLookup& lookup;
     const CountingLogSink& counts;
     RewriteWatch& rewrites;
     BAS::Log& log;
-    std::atomic<std::uint64_t>& lookupsServed;
+    MetricsRegistry& metrics;
   };
 
   // A file of the run (its input, its output) that a print must not write over, whatever name

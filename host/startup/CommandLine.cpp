@@ -64,7 +64,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
       "Reloads (update Reload): with ReuseOnFailure=TRUE, the default, a reload whose last line is rejected or whose "
       "file is empty still replaces the data with whatever was read; ReuseOnFailure=FALSE keeps the old data then.";
 
-  std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket;
+  std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket, metrics;
   struct Shared {
     CLI::Option* log;
     CLI::Option* format;
@@ -108,6 +108,10 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   auto* delimiterOption = run->add_option("--delimiter", delimiter, "Field delimiter, one character (default ';')");
   run->add_option("--control", controlSocket,
                   "Unix domain socket (mode 0600) on which 'nphost ctl' sends commands while records flow");
+  auto* metricsOption = run->add_option(
+      "--metrics", metrics,
+      "Serve Prometheus metrics at http://HOST:PORT/metrics (127.0.0.1:9464, [::1]:9464, localhost:9464; a port "
+      "alone is on 127.0.0.1; port 0 takes a free one, which the log names); off by default");
   run->add_flag("--normalize", optionsM.normalize,
                 "Bring event numbers (+4930..., 030...) to the stored form with the plug-in's dialling codes "
                 "before the lookup; the output keeps them as they came");
@@ -254,6 +258,11 @@ bool CommandLine::parse(int argc, const char* const* argv) {
       optionsM.delimiter = delimiter[0];
     }
     if (!controlSocket.empty()) optionsM.controlSocket = controlSocket;
+    if (*metricsOption) {
+      std::string error;
+      optionsM.metrics = MetricsAddress::parse(metrics, error);
+      if (!optionsM.metrics) return refuse(error + ".");
+    }
   }
   return true;
 }

@@ -4,6 +4,8 @@
 // It prints nothing itself: help and version text and errors come back as text. One thread.
 #pragma once
 
+#include "host/metrics/MetricsAddress.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -30,6 +32,7 @@ public:
     unsigned threads = 0;      // 0: one per core
     char delimiter = ';';
     std::optional<std::string> controlSocket;
+    std::optional<MetricsAddress> metrics;  // where the metrics are served; none: not served
     bool normalize = false;  // event numbers are brought to the stored form before the lookup
     // A longer event line is passed on in pieces, never held whole, and counted as rejected.
     std::size_t maxLineBytes = std::size_t{1} << 20;

@@ -11,6 +11,7 @@
 #include "host/check/RegistryRemarks.h"
 #include "host/common/ExitStatus.h"
 #include "host/common/NphostMessages.h"
+#include "host/metrics/MetricsLogSink.h"
 #include "host/script/CommandInterpreter.h"
 #include "plugin/PortabilityLookup.h"
 
@@ -103,6 +104,8 @@ bool HostSession::setUpLog(std::ostream& err) {
   log.addSink(countsM);
   rewritesM = std::make_shared<RewriteWatch>();
   log.addSink(rewritesM);
+  // After the rewrite watch: a delta load's end is judged as the watch sees it.
+  log.addSink(std::make_shared<MetricsLogSink>(metricsM, *rewritesM));
   return true;
 }
 

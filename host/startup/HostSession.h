@@ -10,6 +10,7 @@
 #include "host/common/CountingLogSink.h"
 #include "host/common/ProgressLine.h"
 #include "host/common/RewriteWatch.h"
+#include "host/metrics/MetricsRegistry.h"
 #include "host/startup/CommandLine.h"
 #include "host/startup/PluginLibrary.h"
 #include "host/startup/RegistryFile.h"
@@ -87,8 +88,9 @@ public:
   CountingLogSink& counts() { return *countsM; }
   RewriteWatch& rewrites() { return *rewritesM; }
   ProgressLine& progressLine() { return *progressLineM; }
-  // Every lookup this process made: event records and "search" commands.
-  std::atomic<std::uint64_t>& lookupsServed() { return lookupsServedM; }
+  // The figures that the metrics serve, "status" included: every lookup this process made
+  // (event records and "search" commands), the data operations' outcomes as the log saw them.
+  MetricsRegistry& metrics() { return metricsM; }
   BAS::Log& log();
   // Reopens a log file by its name (after log rotation moved it away); nothing for standard
   // error. When it cannot, says so on `err` and the log goes on into the file held before.
@@ -113,6 +115,9 @@ private:
   RegistryFile registryFileM;
   std::string instanceNameM;
   std::string entryPointM;  // the chosen library's module-start entry point
+  // Before the framework, whose log's metrics sink adds to it until the log goes. Thread-safe
+  // itself.
+  MetricsRegistry metricsM;
   // Declared in the order of creation, so that they end in reverse: the plug-in's code stays
   // loaded until the framework has released what the plug-in handed it.
   PluginLibrary libraryM;
@@ -122,9 +127,6 @@ private:
   std::shared_ptr<BAS::FileLogSink> logFileM;
   std::string logPathM;  // as the options or the registry name it; "-" for standard error
   std::shared_ptr<ProgressLine> progressLineM;
-  // Atomic, so no lock: added to by the lookup threads a batch at a time and by the command
-  // thread, read by "status"; a count for people, so relaxed order suffices.
-  std::atomic<std::uint64_t> lookupsServedM{0};
   std::unique_ptr<PLG::DataPlugIn> plugInM;
   DAT::NumberPortability::PortabilityLookup* lookupM = nullptr;  // owned by plugInM
   bool startedM = false;

@@ -229,7 +229,8 @@ TEST(NphostCommandLine, EachHelpStatesItsOwnExitStatusesOnce) {
 }
 
 // A machine that only runs nphost needs the packages the README names: every library the
-// programs load from the system belongs to one of them or to the C and C++ run-time.
+// programs load from the system belongs to one of them, to a package one of them depends on
+// (which apt-get installs with it) or to the C and C++ run-time.
 TEST(NphostCommandLine, TheReadmeNamesThePackageOfEveryLibraryLoadedAtRunTime) {
   if (std::string(NP_SANITIZER_BUILD) != "") GTEST_SKIP() << "a sanitizer build loads its run-time, which no user installs";
   if (shell("command -v dpkg-query").first != 0) GTEST_SKIP() << "no dpkg here to tell which package owns a library";
@@ -239,7 +240,15 @@ TEST(NphostCommandLine, TheReadmeNamesThePackageOfEveryLibraryLoadedAtRunTime) {
   const auto line = std::find_if(readme.begin(), readme.end(), [&](const std::string& l) { return l.starts_with(install); });
   ASSERT_NE(line, readme.end()) << "the README names no run-time packages";
   std::istringstream words(line->substr(install.size()));
-  for (std::string word; words >> word;) named.insert(word);
+  for (std::string word; words >> word;) {
+    named.insert(word);
+    // apt-get installs what a named package depends on with it.
+    std::istringstream depends(shell("dpkg-query -W -f='${Depends}' " + word + " 2>/dev/null | tr ',|' '\\n\\n'").second);
+    for (std::string dependency; std::getline(depends, dependency);) {
+      std::istringstream name(dependency);
+      if (name >> dependency) named.insert(dependency.substr(0, dependency.find(':')));
+    }
+  }
   std::set<std::string> owners;
   for (const char* binary : {NPHOST_PROGRAM, NP_FRAMEWORK_LIBRARY, NP_PLUGIN_DIRECTORY "/libDAT_NumberPortability.so"}) {
     std::istringstream loaded(shell(std::string("ldd ") + binary + " | sed -n 's/.*=> \\(\\/[^ ]*\\) .*/\\1/p'").second);

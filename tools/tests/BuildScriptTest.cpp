@@ -16,8 +16,8 @@ namespace fs = std::filesystem;
 
 const std::string mainPackages =
     "apt-get update && apt-get install -y --no-install-recommends cmake ninja-build g++ libtomlplusplus-dev "
-    "libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev";
-const std::string testPackages = "libgtest-dev libgmock-dev logrotate systemd";
+    "libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev libcpp-httplib-dev";
+const std::string testPackages = "libgtest-dev libgmock-dev logrotate systemd prometheus";
 
 class BuildScriptWithoutRoot : public testing::Test {
 protected:
