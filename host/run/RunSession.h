@@ -1,11 +1,13 @@
 // Host::RunSession is `nphost run`: it checks the input and output, starts the plug-in through
 // a HostSession, and enriches the event records (EventRecordPipeline) beside a control socket
 // (ControlServer) until the input ends or a signal (SignalWatcher) asks it to stop; then it
-// writes the summary. main runs it. One thread drives it; the pipeline and the control server
-// run threads of their own.
+// writes the summary, telling a service manager that listens how it stands (ServiceNotifier).
+// main runs it. One thread drives it; the pipeline and the control server run threads of their
+// own.
 #pragma once
 
 #include "host/run/EventRecordPipeline.h"
+#include "host/run/ServiceNotifier.h"
 #include "plugin/PortabilityLookup.h"
 
 #include <chrono>
@@ -43,6 +45,7 @@ private:
               const DAT::NumberPortability::PortabilityLookup::LoadFigures& data, const std::string& cause);
 
   HostSession& sessionM;
+  ServiceNotifier notifierM;  // the driving thread's, and the start-up guard's while it alone runs
 };
 
 }  // namespace Host

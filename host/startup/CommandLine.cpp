@@ -108,6 +108,11 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   auto* delimiterOption = run->add_option("--delimiter", delimiter, "Field delimiter, one character (default ';')");
   run->add_option("--control", controlSocket,
                   "Unix domain socket (mode 0600) on which 'nphost ctl' sends commands while records flow");
+  run->add_option_function<std::string>(
+         "--control-mode",
+         [this](const std::string& mode) { optionsM.controlForGroup = mode == "0660"; },
+         "The control socket's mode: 0600 (default, the owner only) or 0660 (the process's group too)")
+      ->check(CLI::IsMember({"0600", "0660"}));
   run->add_flag("--normalize", optionsM.normalize,
                 "Bring event numbers (+4930..., 030...) to the stored form with the plug-in's dialling codes "
                 "before the lookup; the output keeps them as they came");
