@@ -21,9 +21,14 @@ done
 work="$build/fresh-root"
 root="$work/root"
 cleanup() {
-  for mount in "$root/proc" "$root/dev/pts"; do
-    mountpoint -q "$mount" 2>/dev/null && umount -l "$mount"
-  done
+  if mountpoint -q "$root/proc" 2>/dev/null; then
+    umount "$root/proc" || umount -l "$root/proc" || true
+  fi
+  # Never remove a tree that still holds a mounted file system.
+  if mountpoint -q "$root/proc" 2>/dev/null; then
+    echo "fresh-root.sh: $root/proc is still mounted; $work is left" >&2
+    return
+  fi
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -48,7 +53,7 @@ cp "$package" "$root/tmp/"
 in_root apt-get update -q >"$work/apt.log" 2>&1 || { tail -n 30 "$work/apt.log"; fail "apt-get update"; }
 in_root apt-get install -y -q "/tmp/$(basename "$package")" >>"$work/apt.log" 2>&1 ||
   { tail -n 30 "$work/apt.log"; fail "apt-get install of the package"; }
-grep -E "^(Setting up|The following NEW packages)" "$work/apt.log" | sed 's/^/   /'
+echo "   $(grep -c '^Setting up' "$work/apt.log") packages set up, among them: $(grep -oE '^Setting up (nphost|libfmt9|libtomlplusplus3|libsystemd0|adduser|logrotate)[^ ]*' "$work/apt.log" | cut -d' ' -f3 | tr '\n' ' ')"
 
 step "checking the installation"
 in_root getent passwd nphost | grep -q ':/var/lib/nphost:/usr/sbin/nologin$' || fail "no system user nphost"
@@ -60,7 +65,8 @@ for file in /usr/bin/nphost /usr/lib/libnpframework.so /usr/lib/libDAT_NumberPor
   [ -f "$root$file" ] || fail "$file is not installed"
 done
 for folder in /var/lib/nphost /var/log/nphost; do
-  [ "$(stat -c %U:%G:%a "$root$folder")" = nphost:nphost:750 ] || fail "$folder: $(stat -c %U:%G:%a "$root$folder")"
+  owner="$(in_root stat -c %U:%G:%a "$folder")"
+  [ "$owner" = nphost:nphost:750 ] || fail "$folder is $owner, not nphost:nphost:750"
 done
 grep -qx /etc/nphost/registry.toml "$root/var/lib/dpkg/info/nphost.conffiles" || fail "the registry is no conffile"
 [ ! -e "$root/etc/systemd/system/multi-user.target.wants/nphost.service" ] || fail "the package enabled the unit"
@@ -78,7 +84,7 @@ in_root sh -c 'cd /var/lib/nphost && nphost check /etc/nphost/registry.toml' >"$
   { cat "$work/check.txt"; fail "nphost check"; }
 sed 's/^/   /' "$work/check.txt"
 enriched="$(echo '004930123456;20240101000000;x' |
-  in_root setpriv --reuid=nphost --regid=nphost --init-groups sh -c 'cd /var/lib/nphost && nphost run /etc/nphost/registry.toml --log /var/log/nphost/nphost.log')"
+  in_root setpriv --reuid=nphost --regid=nphost --init-groups sh -c 'cd /var/lib/nphost && nphost run /etc/nphost/registry.toml --log /var/log/nphost/nphost.log' 2>"$work/run.txt")"
 [ "$enriched" = '004930123456;20240101000000;x;OPB' ] || fail "nphost run wrote '$enriched'"
 echo "   nphost run: $enriched"
 grep -q INF_NPHOST_READY "$root/var/log/nphost/nphost.log" || fail "no log in /var/log/nphost"
