@@ -241,6 +241,26 @@ TEST_F(Deployment, ThePackageHoldsTheServiceItsConfigurationAndItsManual) {
   }
   for (const char* dependency : {"adduser", "libfmt9", "libtomlplusplus3", "libsystemd0", "libstdc++6"})
     EXPECT_TRUE(named.contains(dependency)) << dependency << " not in: " << depends;
+  // Every library the packaged programs name as needed comes from a package it depends on.
+  for (const char* binary : {"bin/nphost", "lib/libnpframework.so", "lib/libDAT_NumberPortability.so"}) {
+    const std::string loaded =
+        outputOf({"sh", "-c",
+                  "f='" + (prefixG / binary).string() +
+                      "'; for n in $(readelf -d \"$f\" | sed -n 's/.*Shared library: \\[\\(.*\\)\\]/\\1/p'); do "
+                      "ldd \"$f\" | sed -n \"s/^.$n => \\(\\/[^ ]*\\) .*/\\1/p\"; done"},
+                 status);
+    std::istringstream paths(loaded);
+    for (std::string path; std::getline(paths, path);) {
+      if (path.starts_with(prefixG.string()) || path.find("clang") != std::string::npos) continue;  // its own; a sanitizer's
+      // A merged /usr knows a library by either name; dpkg by the one its package ships.
+      const std::string real = fs::canonical(path).string();
+      const std::string owner = outputOf({"sh", "-c", "dpkg-query -S '" + real + "' 2>/dev/null || dpkg-query -S '" +
+                                                          real.substr(real.starts_with("/usr/") ? 4 : 0) + "'"}, status);
+      EXPECT_EQ(status, 0) << path << " belongs to no package";
+      EXPECT_TRUE(named.contains(owner.substr(0, owner.find(':')))) << binary << " loads " << path << " of " << owner
+                                                                     << ", not in: " << depends;
+    }
+  }
   EXPECT_EQ(outputOf({"dpkg-deb", "-I", packageG.string(), "conffiles"}, status),
             "/etc/nphost/registry.toml\n/etc/logrotate.d/nphost\n");
 

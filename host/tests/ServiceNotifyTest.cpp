@@ -85,6 +85,8 @@ TEST_F(ServiceNotify, TheStatusFollowsReloadsAndDeltaLoadsAndSighupIsAReload) {
   const NotifyListener manager(folderM / "notify.sock");
   Nphost nphost(folderM, {"run", "reg.toml", "--control", "np.sock", "--log", "log.txt"});
   EXPECT_EQ(manager.next(), "READY=1\nSTATUS=" + never) << nphost.errors();
+  // Ready comes before the output is opened, and the control socket appears after that.
+  ASSERT_TRUE(eventually([&] { return fs::exists(folderM / "np.sock"); })) << nphost.errors();
   struct Step {
     std::string what;
     std::function<void()> act;
