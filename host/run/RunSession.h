@@ -1,12 +1,13 @@
 // Host::RunSession is `nphost run`: it checks the input and output, starts the plug-in through
 // a HostSession, and enriches the event records (EventRecordPipeline) beside a control socket
 // (ControlServer) until the input ends or a signal (SignalWatcher) asks it to stop; then it
-// writes the summary; with --metrics it serves them over HTTP (MetricsServer) meanwhile. main
-// runs it. One thread drives it; the pipeline, the control server and the metrics server run
-// threads of their own.
+// writes the summary, telling a service manager that listens how it stands (ServiceNotifier);
+// with --metrics it serves them over HTTP (MetricsServer) meanwhile. main runs it. One thread
+// drives it; the pipeline, the control server and the metrics server run threads of their own.
 #pragma once
 
 #include "host/run/EventRecordPipeline.h"
+#include "host/run/ServiceNotifier.h"
 #include "plugin/PortabilityLookup.h"
 
 #include <chrono>
@@ -56,6 +57,7 @@ private:
 
   HostSession& sessionM;
   std::unique_ptr<MetricsServer> metricsM;  // with --metrics only; the run's thread alone
+  ServiceNotifier notifierM;  // the driving thread's, and the start-up guard's while it alone runs
 };
 
 }  // namespace Host

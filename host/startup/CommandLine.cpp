@@ -112,6 +112,11 @@ bool CommandLine::parse(int argc, const char* const* argv) {
       "--metrics", metrics,
       "Serve Prometheus metrics at http://HOST:PORT/metrics (127.0.0.1:9464, [::1]:9464, localhost:9464; a port "
       "alone is on 127.0.0.1; port 0 takes a free one, which the log names); off by default");
+  run->add_option_function<std::string>(
+         "--control-mode",
+         [this](const std::string& mode) { optionsM.controlForGroup = mode == "0660"; },
+         "The control socket's mode: 0600 (default, the owner only) or 0660 (the process's group too)")
+      ->check(CLI::IsMember({"0600", "0660"}));
   run->add_flag("--normalize", optionsM.normalize,
                 "Bring event numbers (+4930..., 030...) to the stored form with the plug-in's dialling codes "
                 "before the lookup; the output keeps them as they came");

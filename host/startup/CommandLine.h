@@ -33,6 +33,8 @@ public:
     char delimiter = ';';
     std::optional<std::string> controlSocket;
     std::optional<MetricsAddress> metrics;  // where the metrics are served; none: not served
+    // The control socket's group, the process's own, may use it too (mode 0660, not 0600).
+    bool controlForGroup = false;
     bool normalize = false;  // event numbers are brought to the stored form before the lookup
     // A longer event line is passed on in pieces, never held whole, and counted as rejected.
     std::size_t maxLineBytes = std::size_t{1} << 20;
