@@ -79,6 +79,7 @@ constexpr CatalogueEntry entriesCM[] = {
     {"INF_NPHOST_COMMAND", "Control socket command \"{1}\", answer \"{2}\"."},
     {"INF_NPHOST_SUMMARY", "Event records: {1} ({2} found, {3} not found, {4} rejected) in {5} s, {6} per second; data lines of the start-up load: {7} loaded, {8} rejected."},
     {"INF_NPHOST_STOP", "nphost stops ({1})."},
+    {"INF_NPHOST_GENERATION", "Generation {1} answers lookups from now on ({2}): the data file {3}, {4} bytes, modified {5}, XXH3-128 {6}."},
 };
 
 const std::unordered_map<std::string_view, const char*>& index() {

@@ -222,7 +222,8 @@ int RunSession::run(std::ostream& err) {
   // The socket and the signal handlers are set up while this is the only thread: the socket's
   // mode comes from the process-wide umask, which must not leak into files others create.
   const CommandInterpreter::Services services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
-                                              sessionM.rewrites(), sessionM.log(),  sessionM.metrics()};
+                                              sessionM.rewrites(), sessionM.log(),  sessionM.metrics(),
+                                              &sessionM.publications()};
   ControlServer control(services, sessionM.counts());
   if (options.controlSocket && !control.open(*options.controlSocket, options.controlForGroup)) return failAndStop(ExitStatus::badInputCM, control.error());
   SignalWatcher signals;
@@ -286,6 +287,7 @@ int RunSession::run(std::ostream& err) {
   settings.normalize = options.normalize;
   settings.metrics = &sessionM.metrics();
   settings.maxLineBytes = options.maxLineBytes;
+  settings.fields = options.fields;
 
   // The summary's time and rate cover the enrichment (reading, lookups, writing) up to the last
   // record written: the plug-in's shutdown below frees both trees, which takes a fixed part of a

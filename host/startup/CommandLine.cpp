@@ -90,7 +90,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   const Shared scriptOptions = addShared(script);
   script->footer(wrapped(
       {"Prints 'construct valid=true|false' and 'init result=true|false', then one answer line per command: search "
-       "NUMBER DATETIME, usable, status, update KEY=VALUE ..., probe NAME [VALUE], await ID [COUNT [TIMEOUT_MS]], "
+       "NUMBER DATETIME, explain NUMBER DATETIME, usable, status, update KEY=VALUE ..., probe NAME [VALUE], await ID [COUNT [TIMEOUT_MS]], "
        "after ID TIMEOUT_MS COMMAND [ARGS...], sleep MS, shutdown. Lines that are blank or start with '#' get no "
        "answer. The log goes to standard error unless --log or Framework.Log say otherwise.",
        dataFile + " " + checkFirst, reloads,
@@ -124,6 +124,15 @@ bool CommandLine::parse(int argc, const char* const* argv) {
                   "Longest event line in bytes (default 1048576); a longer one is passed on unchanged with an empty "
                   "operator and counted as rejected")
       ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  std::string fields;
+  auto* fieldsOption = run->add_option(
+      "--fields", fields,
+      "What each record gets appended, in order, separated by the delimiter (default operator): " +
+          RecordFields::knownNames() +
+          ". valid_from: the date-time from which the answering record holds; match: number, or prefix:N when a "
+          "stored prefix of N digits answered; generation: the data that answered (as in status and the log's "
+          "INF_NPHOST_GENERATION); each empty when no record held (generation: when the line was rejected)")
+      ->type_name("LIST");
   run->footer(wrapped(
       {"Input: one event record per line, fields separated by the delimiter: the number in the stored form "
        "(004930123456), the date-time as YYYYMMDDHHMMSS (UTC), further fields kept as they are. Output: every input "
@@ -171,7 +180,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   ctl->add_option("SOCKET", controlSocket, "The socket given to 'nphost run --control'")->required();
   ctl->add_option("COMMAND", optionsM.command,
                   "An operation: 'reload [--reuse]', 'delta FILE' or 'print FILE'; or a command of the script "
-                  "grammar and its arguments: search, usable, status, update, probe, await, after. update takes the "
+                  "grammar and its arguments: search, explain, usable, status, update, probe, await, after. update takes the "
                   "plug-in's keys bare, e.g. update Reload ReuseOnFailure=FALSE")
       ->required()
       ->expected(-1);
@@ -268,6 +277,8 @@ bool CommandLine::parse(int argc, const char* const* argv) {
       optionsM.metrics = MetricsAddress::parse(metrics, error);
       if (!optionsM.metrics) return refuse(error + ".");
     }
+    std::string refusal;
+    if (*fieldsOption && !RecordFields::parse(fields, optionsM.fields, refusal)) return refuse(refusal);
   }
   return true;
 }
