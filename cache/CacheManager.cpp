@@ -63,6 +63,7 @@ bool CacheManager::insertCache(NumberPortabilityTree* tree, const BAS::String& l
 }
 
 bool CacheManager::load() {
+  const LoadProgress::OperationTimer timer(progressM);
   if (!plugInM->checkFile()) return false;
   if (dataFileReaderM.isOpen()) dataFileReaderM.closeFile();
   dataFileReaderM.openFile(fileNameM, openModeCM);
@@ -122,6 +123,7 @@ void CacheManager::exchangeTrees() {
 }
 
 bool CacheManager::cacheReload(const bool& reuseOnFailure) {
+  const LoadProgress::OperationTimer timer(progressM);
   if (!plugInM->checkFile()) return false;
   if (dataFileReaderM.isOpen()) dataFileReaderM.closeFile();
   dataFileReaderM.openFile(fileNameM, openModeCM);
@@ -156,6 +158,7 @@ bool CacheManager::cacheReload(const bool& reuseOnFailure) {
 }
 
 bool CacheManager::cacheDeltaLoad(const BAS::String& deltaFileName) {
+  const LoadProgress::OperationTimer timer(progressM);
   if (!plugInM->checkFile(deltaFileName)) return false;
   if (deltaFileReaderM.isOpen()) deltaFileReaderM.closeFile();
   deltaFileReaderM.openFile(deltaFileName, openModeCM);

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 namespace DAT::NumberPortability {
@@ -20,6 +21,9 @@ struct LoadProgress {
   std::atomic<std::uint64_t> linesReadM{0};   // data lines read so far
   std::atomic<std::uint64_t> linesTakenM{0};  // of them, kept as a record (a duplicate counts as rejected)
   std::atomic<std::uint64_t> linesRejectedM{0};
+  // How long the last load, reload or delta load that ended took from its file check to its
+  // end (both readings of a reload, the rewrite of a delta load); 0 until one has ended.
+  std::atomic<std::uint64_t> lastOperationNanosM{0};
 
   // Starts the figures of an operation that reads a file of `fileBytes` bytes.
   void begin(std::uint64_t fileBytes) {
@@ -44,6 +48,22 @@ struct LoadProgress {
     linesRejectedM.fetch_add(lines, std::memory_order_relaxed);
   }
   void end() { loadingM.store(false, std::memory_order_relaxed); }
+
+  // Times one whole operation of the cache manager, on every way out of it.
+  class OperationTimer {
+  public:
+    explicit OperationTimer(LoadProgress& progress) : progressM(progress), beginM(std::chrono::steady_clock::now()) {}
+    ~OperationTimer() {
+      const auto took = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - beginM);
+      progressM.lastOperationNanosM.store(static_cast<std::uint64_t>(took.count()), std::memory_order_relaxed);
+    }
+    OperationTimer(const OperationTimer&) = delete;
+    OperationTimer& operator=(const OperationTimer&) = delete;
+
+  private:
+    LoadProgress& progressM;
+    std::chrono::steady_clock::time_point beginM;
+  };
 };
 
 }  // namespace DAT::NumberPortability

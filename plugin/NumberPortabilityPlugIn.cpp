@@ -126,6 +126,7 @@ PortabilityLookup::LoadFigures PlugIn::loadFigures() const {
   figures.linesRead = progress.linesReadM.load(relaxed);
   figures.linesTaken = progress.linesTakenM.load(relaxed);
   figures.linesRejected = progress.linesRejectedM.load(relaxed);
+  figures.lastLoadSeconds = static_cast<double>(progress.lastOperationNanosM.load(relaxed)) / 1e9;
   return figures;
 }
 

@@ -84,6 +84,8 @@ public:
     std::uint64_t linesTaken = 0;   // of them, kept as a record
     // of them, skipped: not three fields, no valid date-time, or a duplicate of an earlier record
     std::uint64_t linesRejected = 0;
+    // How long the last load, reload or delta load that ended took; 0 until one has ended.
+    double lastLoadSeconds = 0.0;
   };
   // The figures of the load in progress, or when none runs, of the last one. Never waits.
   virtual LoadFigures loadFigures() const = 0;

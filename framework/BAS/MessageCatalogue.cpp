@@ -75,9 +75,11 @@ constexpr CatalogueEntry entriesCM[] = {
     // that the texts read right for one as for many.
     {"INF_NPHOST_START", "nphost {1} starts with the registry file {2}: instance {3}, data file {4}, lookup threads: {5}."},
     {"INF_NPHOST_READY", "nphost is ready: the start-up load took {2} s; records in service: {1}."},
+    {"INF_NPHOST_METRICS", "nphost serves metrics at http://{1}/metrics."},
     {"INF_NPHOST_COMMAND", "Control socket command \"{1}\", answer \"{2}\"."},
     {"INF_NPHOST_SUMMARY", "Event records: {1} ({2} found, {3} not found, {4} rejected) in {5} s, {6} per second; data lines of the start-up load: {7} loaded, {8} rejected."},
     {"INF_NPHOST_STOP", "nphost stops ({1})."},
+    {"INF_NPHOST_GENERATION", "Generation {1} answers lookups from now on ({2}): the data file {3}, {4} bytes, modified {5}, XXH3-128 {6}."},
 };
 
 const std::unordered_map<std::string_view, const char*>& index() {

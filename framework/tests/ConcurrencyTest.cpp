@@ -110,66 +110,58 @@ TEST(RWLock, WritersExcludeReadersAndEachOtherAndWakeSleepingReaders) {
 }
 
 // Once a writer waits, a reader that comes later waits behind it: the writer waits only for the
-// readers that were inside, so no stream of readers can keep it out.
-TEST(RWLock, AWriterWaitsForTheReaderInsideAndLaterReadersWaitBehindIt) {
-  BAS::RWLock lock;
-  std::atomic<bool> writerWaiting{false}, writerIn{false}, laterReaderIn{false}, laterReaderSawWriter{false};
-  lock.readLock();
-  std::thread writer([&] {
-    writerWaiting = true;
-    BAS::WriteLocker locker(lock);
-    writerIn = true;
-    std::this_thread::sleep_for(5ms);
-  });
-  while (!writerWaiting) std::this_thread::yield();
-  std::this_thread::sleep_for(50ms);  // lets the writer raise its flag
-  std::thread laterReader([&] {
-    BAS::ReadLocker locker(lock);
-    laterReaderSawWriter = writerIn.load();
-    laterReaderIn = true;
-  });
-  std::this_thread::sleep_for(50ms);
-  EXPECT_FALSE(laterReaderIn) << "a reader passed a waiting writer";
-  EXPECT_FALSE(writerIn) << "the writer got in while a reader was inside";
-  lock.readUnlock();
-  endsWithoutHanging([&] { writer.join(), laterReader.join(); });
-  EXPECT_TRUE(laterReaderSawWriter);
-}
-
-// A dump holds the read side for as long as its reader takes: a writer waits for it without
-// shutting lookups out meanwhile, and a dump that comes later waits behind the writer.
-TEST(RWLock, AWriterWaitingForALongReaderLetsShortReadersInAndALaterLongReaderWaitsBehindIt) {
-  BAS::RWLock lock;
-  std::atomic<bool> writerWaiting{false}, writerIn{false}, laterDumpIn{false}, laterDumpSawWriter{false};
-  lock.longReadLock();
-  std::thread writer([&] {
-    writerWaiting = true;
-    BAS::WriteLocker locker(lock);
-    writerIn = true;
-    std::this_thread::sleep_for(5ms);
-  });
-  while (!writerWaiting) std::this_thread::yield();
-  std::this_thread::sleep_for(50ms);  // lets the writer close the gate and wait
-  std::thread laterDump([&] {
-    BAS::LongReadLocker locker(lock);
-    laterDumpSawWriter = writerIn.load();
-    laterDumpIn = true;
-  });
-  endsWithoutHanging([&] {
-    std::vector<std::thread> lookups;
-    for (int t = 0; t < 4; ++t) {
-      lookups.emplace_back([&] {
-        for (int i = 0; i < 1000; ++i) BAS::ReadLocker locker(lock);
+// readers that were inside, so no stream of readers can keep it out. A dump holds the read side
+// for as long as its reader takes: a writer waits for it without shutting lookups out meanwhile,
+// and a dump that comes later waits behind the writer.
+TEST(RWLock, AWriterWaitsForTheReaderInsideAndALaterReaderOfItsKindWaitsBehindIt) {
+  struct Case {
+    const char* inside;
+    void (BAS::RWLock::*hold)();
+    void (BAS::RWLock::*release)();
+    bool isLong;  // a dump: lookups pass the waiting writer, the later reader is a dump too
+  };
+  for (const Case& c : {Case{"a reader", &BAS::RWLock::readLock, &BAS::RWLock::readUnlock, false},
+                        Case{"a long reader", &BAS::RWLock::longReadLock, &BAS::RWLock::longReadUnlock, true}}) {
+    SCOPED_TRACE(c.inside);
+    BAS::RWLock lock;
+    std::atomic<bool> writerWaiting{false}, writerIn{false}, laterIn{false}, laterSawWriter{false};
+    (lock.*c.hold)();
+    std::thread writer([&] {
+      writerWaiting = true;
+      BAS::WriteLocker locker(lock);
+      writerIn = true;
+      std::this_thread::sleep_for(5ms);
+    });
+    while (!writerWaiting) std::this_thread::yield();
+    std::this_thread::sleep_for(50ms);  // lets the writer close the gate and wait
+    std::thread later([&] {
+      const auto enter = [&] { laterSawWriter = writerIn.load(), laterIn = true; };
+      if (c.isLong) {
+        BAS::LongReadLocker locker(lock);
+        enter();
+      } else {
+        BAS::ReadLocker locker(lock);
+        enter();
+      }
+    });
+    if (c.isLong) {
+      endsWithoutHanging([&] {
+        std::vector<std::thread> lookups;
+        for (int t = 0; t < 4; ++t) {
+          lookups.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) BAS::ReadLocker locker(lock);
+          });
+        }
+        for (std::thread& lookup : lookups) lookup.join();
       });
     }
-    for (std::thread& lookup : lookups) lookup.join();
-  });
-  std::this_thread::sleep_for(50ms);
-  EXPECT_FALSE(writerIn) << "the writer got in while a long reader was inside";
-  EXPECT_FALSE(laterDumpIn) << "a long reader passed a waiting writer";
-  lock.longReadUnlock();
-  endsWithoutHanging([&] { writer.join(), laterDump.join(); });
-  EXPECT_TRUE(laterDumpSawWriter);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(writerIn) << "the writer got in while " << c.inside << " was inside";
+    EXPECT_FALSE(laterIn) << "a later reader passed a waiting writer";
+    (lock.*c.release)();
+    endsWithoutHanging([&] { writer.join(), later.join(); });
+    EXPECT_TRUE(laterSawWriter);
+  }
 }
 
 // A body that holds a share of `held` while it services its points; cancellation must unwind it

@@ -24,6 +24,8 @@ struct NphostMessages {
   static constexpr const char* summaryIdCM = "INF_NPHOST_SUMMARY";
   // The cause: "end of input", the signal's name ("SIGTERM"), or "failure: " and the sentence.
   static constexpr const char* stopIdCM = "INF_NPHOST_STOP";
+  // The address at which the metrics are served, HOST:PORT with the port bound.
+  static constexpr const char* metricsIdCM = "INF_NPHOST_METRICS";
   // The command line as received and its answer (the lines of a two-line answer joined by "; ").
   static constexpr const char* commandIdCM = "INF_NPHOST_COMMAND";
 

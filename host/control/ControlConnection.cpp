@@ -51,6 +51,7 @@ bool ControlConnection::stopping() const {
 }
 
 void ControlConnection::serve() {
+  sharedM.services->metrics.connectionOpened();
   // Whatever fails here ends this connection only; the thread never takes the process with it.
   try {
     idleSinceM = Clock::now();
@@ -89,6 +90,7 @@ void ControlConnection::serve() {
   } catch (...) {
   }
   socketM.reset();
+  sharedM.services->metrics.connectionClosed();
   endedM = true;
 }
 

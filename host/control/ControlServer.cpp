@@ -86,7 +86,7 @@ ControlServer::~ControlServer() {
     unlink(pathM.c_str());
 }
 
-bool ControlServer::open(const std::string& path) {
+bool ControlServer::open(const std::string& path, bool forGroup) {
   sockaddr_un where{};
   // Hidden in the same folder, so that the rename in start() puts it in place in one step.
   const std::filesystem::path folder = std::filesystem::path(path).parent_path();
@@ -110,9 +110,9 @@ bool ControlServer::open(const std::string& path) {
   // Left-overs of runs killed while they loaded, this process's id among them.
   removeLeftOvers(folder);
   unlink(hidden.c_str());
-  // The socket file takes its mode from the umask as bind creates it, so it is owner-only
-  // before anyone could connect; no chmod afterwards with a window between.
-  const mode_t previous = umask(0177);
+  // The socket file takes its mode from the umask as bind creates it, so it is owner-only (or
+  // owner and group) before anyone could connect; no chmod afterwards with a window between.
+  const mode_t previous = umask(forGroup ? 0117 : 0177);
   const int bound = bind(listenerM.get(), reinterpret_cast<const sockaddr*>(&hiddenWhere), sizeof(hiddenWhere));
   const int code = errno;
   umask(previous);

@@ -50,13 +50,14 @@ public:
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
 
-  // Checks `path` and creates the socket, mode 0600 from its creation on, under a hidden name
+  // Checks `path` and creates the socket, mode 0600 (0660 with `forGroup`: the process's group
+  // may use it too) from its creation on, under a hidden name
   // in the same folder, where nobody looks for it: the socket appears at `path` only when
   // start() publishes it. A socket file left at `path` by a process that ended will be
   // replaced; a socket someone listens on, or a file of another kind, is refused. False with
   // error() as one sentence. Call it while no other thread of the process creates files: the
   // file mode comes from the process's umask.
-  bool open(const std::string& path);
+  bool open(const std::string& path, bool forGroup = false);
   const std::string& error() const { return errorM; }
 
   // Once the data serves: puts the socket in its place (replacing a stale one, refusing one that

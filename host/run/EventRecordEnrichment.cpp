@@ -1,12 +1,13 @@
 // The work a lookup thread and the writer of Host::EventRecordPipeline do on one batch: cutting
 // its lines into fields, looking them up a group at a time through the lookup interface,
-// appending the operators, and reporting the rejected lines to the framework log. Apart from
+// appending the operators (or the fields chosen), and reporting the rejected lines to the framework log. Apart from
 // the thread handling, so that each file says one thing.
 #include "host/run/EventRecordPipeline.h"
 
 #include "BAS/DateTime.h"
 #include "BAS/Log.h"
 #include "BAS/Status.h"
+#include "host/common/GenerationText.h"
 
 #include <cstring>
 #include <string_view>
@@ -24,6 +25,8 @@ void EventRecordPipeline::lookUp(Batch& batch, Lookups& lookups) const {
   }
   const char* const begin = batch.input.data();
   const char* const end = begin + batch.size;
+  // Today's output, as fast as before: the operator alone needs nothing else of the answer.
+  const bool operatorOnly = settingsM.fields.size() == 1 && settingsM.fields.front() == RecordField::OPERATOR;
   // The lines are taken a group at a time: cut and parsed, looked up together in one call (the
   // plug-in overlaps the memory waits of a group's searches), then written out.
   for (const char* line = begin; line < end;) {
@@ -36,22 +39,70 @@ void EventRecordPipeline::lookUp(Batch& batch, Lookups& lookups) const {
                    lookups.found.get());
     std::size_t search = 0;
     for (const Lookups::Line& cutLine : lookups.lines) {
-      std::string_view found;
-      if (cutLine.searched) {
-        if (lookups.found[search]) {
-          found = lookups.results[search].networkOperator.view();
-          ++batch.found;
-        }
-        ++search;
-      }
       batch.output.append(cutLine.content);
-      batch.output.push_back(settingsM.delimiter);
-      batch.output.append(found);
+      if (operatorOnly) {
+        std::string_view found;
+        if (cutLine.searched) {
+          if (lookups.found[search]) {
+            found = lookups.results[search].networkOperator.view();
+            ++batch.found;
+          }
+          ++search;
+        }
+        batch.output.push_back(settingsM.delimiter);
+        batch.output.append(found);
+      } else {
+        appendFields(batch.output, lookups, search, cutLine.searched);
+        if (cutLine.searched) {
+          if (lookups.found[search]) ++batch.found;
+          ++search;
+        }
+      }
       // A line from a CRLF file keeps its carriage return at the end of the output line.
       if (cutLine.carriageReturn) batch.output.push_back('\r');
       batch.output.push_back('\n');
     }
     batch.records += lookups.lines.size();
+  }
+}
+
+void EventRecordPipeline::appendFields(std::string& output, Lookups& lookups, std::size_t search, bool searched) const {
+  using Lookup = DAT::NumberPortability::PortabilityLookup;
+  const bool found = searched && lookups.found[search];
+  const Lookup::Answer* answer = searched ? &lookups.results[search] : nullptr;
+  for (const RecordField field : settingsM.fields) {
+    output.push_back(settingsM.delimiter);
+    if (field == RecordField::GENERATION) {
+      // A rejected line was answered by no data.
+      if (!searched) continue;
+      if (answer->generation.publication != lookups.generation.publication ||
+          answer->generation.publishedAtMillis != lookups.generation.publishedAtMillis ||
+          lookups.generationText.empty()) {
+        lookups.generation = answer->generation;
+        lookups.generationText = GenerationText::of(answer->generation);
+      }
+      output.append(lookups.generationText);
+      continue;
+    }
+    if (!found) continue;
+    switch (field) {
+      case RecordField::OPERATOR: output.append(answer->networkOperator.view()); break;
+      case RecordField::VALID_FROM: {
+        char digits[14];
+        output.append(digits, answer->validFrom.writeCompact(digits));
+        break;
+      }
+      case RecordField::MATCH:
+        // The key's digits against the number's as looked up (normalised, under --normalize).
+        if (answer->keyLength == Lookup::digitCount(lookups.numbers[search])) {
+          output.append("number");
+        } else {
+          output.append("prefix:");
+          output.append(std::to_string(answer->keyLength));
+        }
+        break;
+      case RecordField::GENERATION: break;
+    }
   }
 }
 
@@ -67,7 +118,8 @@ void EventRecordPipeline::passOn(Batch& batch) const {
   const bool carriageReturn = bytes.ends_with('\r');
   if (carriageReturn) bytes.remove_suffix(1);
   batch.output.assign(bytes);
-  batch.output.push_back(settingsM.delimiter);
+  // Every field empty: nothing was looked up.
+  batch.output.append(settingsM.fields.size(), settingsM.delimiter);
   if (carriageReturn) batch.output.push_back('\r');
   batch.output.push_back('\n');
   batch.records = 1;

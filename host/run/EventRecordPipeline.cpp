@@ -1,5 +1,7 @@
 #include "host/run/EventRecordPipeline.h"
 
+#include "host/metrics/MetricsRegistry.h"
+
 #include "BAS/MutexLocker.h"
 
 #include <poll.h>
@@ -289,8 +291,11 @@ void EventRecordPipeline::writeLoop() {
       foundM += batch->found;
       rejectedM += batch->rejected.size();
       notFoundM += batch->records - batch->found - batch->rejected.size();
-      if (settingsM.lookupsServed != nullptr)
-        settingsM.lookupsServed->fetch_add(batch->records - batch->rejected.size(), std::memory_order_relaxed);
+      if (settingsM.metrics != nullptr) {
+        const std::uint64_t rejected = batch->rejected.size();
+        settingsM.metrics->addLookups(batch->found, batch->records - batch->found - rejected);
+        settingsM.metrics->addEventRecords(batch->records - rejected, rejected);
+      }
       bytesM += batch->size;
     }
     const bool last = batch->last;

@@ -11,6 +11,7 @@
 #include "BAS/DateTime.h"
 #include "BAS/Mutex.h"
 #include "BAS/String.h"
+#include "host/common/RecordFields.h"
 #include "host/common/SelfPipe.h"
 #include "plugin/PortabilityLookup.h"
 
@@ -30,6 +31,8 @@ class Log;
 
 namespace Host {
 
+class MetricsRegistry;
+
 class EventRecordPipeline {
 public:
   struct Settings {
@@ -44,11 +47,14 @@ public:
     // Numbers are looked up in the stored form that the plug-in's normalisation gives them;
     // the output keeps them as they came.
     bool normalize = false;
-    // Added to once per batch with the lookups made; null for none. Not owned.
-    std::atomic<std::uint64_t>* lookupsServed = nullptr;
+    // Added to once per batch with the lookups made and the records written; null for none.
+    // Not owned.
+    MetricsRegistry* metrics = nullptr;
     // A longer line (without its line end) is passed on in pieces as it is read, never held
     // whole, with the delimiter and an empty operator at its end, and counted as rejected.
     std::size_t maxLineBytes = std::size_t{1} << 20;
+    // Appended to each line, in order, each after the delimiter; the operator alone by default.
+    std::vector<RecordField> fields{RecordField::OPERATOR};
   };
 
   // Counts of the records written so far; each is read on its own, so a snapshot taken while
@@ -147,8 +153,15 @@ private:
     using Answer = DAT::NumberPortability::PortabilityLookup::Answer;
     std::vector<Answer> results = std::vector<Answer>(groupCM);
     std::unique_ptr<bool[]> found = std::make_unique<bool[]>(groupCM);
+    // The generation field as last written: a group's answers come from one generation, so it
+    // is formatted once per change, not per record.
+    DAT::NumberPortability::PortabilityLookup::Generation generation;
+    std::string generationText;
   };
   void lookUp(Batch& batch, Lookups& lookups) const;
+  // Appends the chosen fields, each after the delimiter, for one line: the answer `search` of the
+  // group when the line was looked up (`searched`), empty fields for a rejected line.
+  void appendFields(std::string& output, Lookups& lookups, std::size_t search, bool searched) const;
   void passOn(Batch& batch) const;
   // Cuts the line at `line` into `lookups` (or records its rejection in `batch`); returns the
   // start of the next line.

@@ -2,7 +2,9 @@
 
 #include "host/control/ControlServer.h"
 #include "host/control/SignalWatcher.h"
+#include "host/metrics/MetricsServer.h"
 #include "host/run/EventRecordPipeline.h"
+#include "host/run/ServiceNotifier.h"
 #include "host/script/CommandInterpreter.h"
 #include "host/startup/HostSession.h"
 #include "STR/FileIoTurbo.h"
@@ -14,6 +16,7 @@
 #include "plugin/PortabilityLookup.h"
 
 #include <fcntl.h>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -78,6 +81,24 @@ void logSummary(BAS::Log& log, const EventRecordPipeline::Totals& totals, double
                          std::to_string(data.linesTaken), std::to_string(data.linesRejected)});
 }
 
+// When the last of two events (an operation's success and its failure) was logged, and which.
+std::string lastOutcome(const CountingLogSink& counts, const char* succeeded, const char* failed) {
+  const auto ok = counts.lastTime(succeeded);
+  const auto bad = counts.lastTime(failed);
+  if (!ok && !bad) return "never";
+  const bool lastOk = ok && (!bad || *ok >= *bad);
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}Z {}", std::chrono::floor<std::chrono::seconds>(lastOk ? *ok : *bad),
+                     lastOk ? "ok" : "failed");
+}
+
+// The service manager's one line on the run: what serves and what last changed it.
+std::string serviceStatus(DAT::NumberPortability::PortabilityLookup& lookup, const CountingLogSink& counts) {
+  return fmt::format("{} in service; last reload: {}; last delta load: {}",
+                     CountWords::of(lookup.activeRecords(), "record", "records"),
+                     lastOutcome(counts, "EVT::RELOAD_SUCCESSFUL", "EVT::RELOAD_FAILED"),
+                     lastOutcome(counts, "EVT::ADD_NUM_PORT_DATA_SUCCESSFUL", "EVT::ADD_NUM_PORT_DATA_FAILED"));
+}
+
 enum class Opened { OPEN, FAILED, STOPPED };
 
 // Opens the output for writing into `into`. A FIFO without a reader is waited for, never in an
@@ -113,13 +134,15 @@ std::vector<CommandInterpreter::OwnFile> ownFiles(int input, int output) {
 // cannot be cut short, and the run has written nothing yet. Its end joins the thread.
 class StartupGuard {
 public:
-  StartupGuard(int signalDescriptor, const ControlServer& control, BAS::Log& log) : controlM(control) {
+  StartupGuard(int signalDescriptor, const ControlServer& control, BAS::Log& log, ServiceNotifier& notifier)
+      : controlM(control) {
     if (!doneM.open()) return;
-    threadM = std::thread([this, signalDescriptor, &log] {
+    threadM = std::thread([this, signalDescriptor, &log, &notifier] {
       pollfd waits[2] = {{signalDescriptor, POLLIN, 0}, {doneM.readEnd(), POLLIN, 0}};
       while (poll(waits, 2, -1) < 0) {
       }
       if (waits[1].revents != 0) return;
+      notifier.stopping();
       // Every log line is on its way already (the log's sinks flush each line); the stop line
       // is the last.
       NphostMessages::write(log, NphostMessages::stopIdCM, {SignalWatcher::firstSignalName()});
@@ -144,6 +167,10 @@ private:
 };
 
 }  // namespace
+
+RunSession::RunSession(HostSession& session) : sessionM(session) {}
+
+RunSession::~RunSession() = default;
 
 int RunSession::run(std::ostream& err) {
   const CommandLine::Options& options = sessionM.options();
@@ -188,25 +215,29 @@ int RunSession::run(std::ostream& err) {
   if (!sessionM.isValid()) return sessionM.refuseInvalid(err);
   // From here on every way out notes its cause for the log's stop line.
   const auto failAndStop = [this, &err](int status, const std::string& sentence) {
+    stopMetrics();
     return sessionM.fail(err, status, sentence);
   };
 
   // The socket and the signal handlers are set up while this is the only thread: the socket's
   // mode comes from the process-wide umask, which must not leak into files others create.
   const CommandInterpreter::Services services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
-                                              sessionM.rewrites(), sessionM.log(),  sessionM.lookupsServed()};
+                                              sessionM.rewrites(), sessionM.log(),  sessionM.metrics(),
+                                              &sessionM.publications()};
   ControlServer control(services, sessionM.counts());
-  if (options.controlSocket && !control.open(*options.controlSocket)) return failAndStop(ExitStatus::badInputCM, control.error());
+  if (options.controlSocket && !control.open(*options.controlSocket, options.controlForGroup)) return failAndStop(ExitStatus::badInputCM, control.error());
   SignalWatcher signals;
   if (!signals.install())
     return failAndStop(ExitStatus::badInputCM, fmt::format("cannot watch for signals: {}", std::strerror(errno)));
+  // Served from before the start-up load on, so that a long load is watched too.
+  if (options.metrics && !startMetrics(*options.metrics)) return failAndStop(ExitStatus::badInputCM, metricsM->error());
 
   bool started = false;
   const auto loadBegin = std::chrono::steady_clock::now();
   {
     // The start-up load cannot be cut short, and nothing has been written yet: a signal
     // during it ends the process at once, the output untouched.
-    const StartupGuard guard(signals.descriptor(), control, sessionM.log());
+    const StartupGuard guard(signals.descriptor(), control, sessionM.log(), notifierM);
     started = initShowingLoad();
   }
   const double loadSeconds = seconds(std::chrono::steady_clock::now() - loadBegin);
@@ -216,6 +247,13 @@ int RunSession::run(std::ostream& err) {
   if (!started)
     return failAndStop(ExitStatus::invalidObjectCM,
                        fmt::format("the plug-in '{}' did not start; the log says why.", sessionM.instanceName()));
+  // Ready: the start-up load has ended and lookups are served. Said before the output is
+  // opened, so that a FIFO whose reader has not come yet never holds up the service manager's
+  // start, and before the control socket appears, so that whoever finds the socket finds the
+  // line in the log.
+  NphostMessages::write(sessionM.log(), NphostMessages::readyIdCM,
+                        {std::to_string(sessionM.lookup().activeRecords()), fmt::format("{:.3f}", loadSeconds)});
+  notifierM.ready(serviceStatus(sessionM.lookup(), sessionM.counts()));
   // A signal before the records flow ends the run with an empty summary.
   const auto endBeforeRecords = [&] {
     endRun(err, {}, 0.0, data, SignalWatcher::firstSignalName());
@@ -235,10 +273,6 @@ int RunSession::run(std::ostream& err) {
   } else if (signalled(signals.descriptor())) {
     return endBeforeRecords();
   }
-  // Ready: the start-up load has ended and lookups are served. Logged as the control socket
-  // appears, so that whoever finds the socket finds the line in the log.
-  NphostMessages::write(sessionM.log(), NphostMessages::readyIdCM,
-                        {std::to_string(sessionM.lookup().activeRecords()), fmt::format("{:.3f}", loadSeconds)});
   if (options.controlSocket && !control.start(ownFiles(input, output)))
     return failAndStop(ExitStatus::badInputCM, control.error());
 
@@ -251,8 +285,9 @@ int RunSession::run(std::ostream& err) {
   settings.delimiter = options.delimiter;
   settings.stopDescriptor = signals.descriptor();
   settings.normalize = options.normalize;
-  settings.lookupsServed = &sessionM.lookupsServed();
+  settings.metrics = &sessionM.metrics();
   settings.maxLineBytes = options.maxLineBytes;
+  settings.fields = options.fields;
 
   // The summary's time and rate cover the enrichment (reading, lookups, writing) up to the last
   // record written: the plug-in's shutdown below frees both trees, which takes a fixed part of a
@@ -272,6 +307,7 @@ int RunSession::run(std::ostream& err) {
   // ending; a reload or delta load that reads a file is waited for.
   STR::FileIoTurbo::stopWaiting();
   control.stop();
+  stopMetrics();
 
   const std::string signal = SignalWatcher::firstSignalName();
   const std::string cause = !failure.empty()  ? "failure: " + failure.substr(0, failure.find_last_not_of('.') + 1)
@@ -284,11 +320,28 @@ int RunSession::run(std::ostream& err) {
 
 void RunSession::endRun(std::ostream& err, const EventRecordPipeline::Totals& totals, double elapsed,
                         const DAT::NumberPortability::PortabilityLookup::LoadFigures& data, const std::string& cause) {
+  stopMetrics();
+  notifierM.stopping();
   logSummary(sessionM.log(), totals, elapsed, data);
   sessionM.noteStopCause(cause);
   sessionM.finish();
   // After the log's last line, so that on a terminal the summary is what stays in view.
   writeSummary(err, totals, elapsed, data);
+}
+
+bool RunSession::startMetrics(const MetricsAddress& address) {
+  // The figures come from atomics and from the lookup interface's figures, which never wait: a
+  // scrape is answered while a reload or delta load runs.
+  metricsM = std::make_unique<MetricsServer>(
+      [this] { return sessionM.metrics().exposition(sessionM.lookup()); });
+  if (!metricsM->open(address) || !metricsM->start()) return false;
+  NphostMessages::write(sessionM.log(), NphostMessages::metricsIdCM, {metricsM->address().text()});
+  return true;
+}
+
+void RunSession::stopMetrics() {
+  // Before the plug-in goes: a scrape reads its lookup interface.
+  if (metricsM != nullptr) metricsM->stop();
 }
 
 bool RunSession::initShowingLoad() {
@@ -324,9 +377,13 @@ void RunSession::showProgress(EventRecordPipeline& pipeline, std::chrono::steady
   const bool terminal = ProgressLine::onTerminal();
   while (!pipeline.waitUntilDone(std::chrono::milliseconds(250))) {
     if (SignalWatcher::takeHangUp()) {
+      notifierM.reloading();
       line.clear();  // a failure to reopen is said on standard error, not inside the line
       sessionM.reopenLog(std::cerr);
+      notifierM.reloaded();
     }
+    // Reloads and delta loads through the control socket change what serves.
+    if (notifierM.active()) notifierM.status(serviceStatus(sessionM.lookup(), sessionM.counts()));
     if (!terminal) continue;
     const auto now = pipeline.totals();
     const double elapsed = seconds(std::chrono::steady_clock::now() - begin);

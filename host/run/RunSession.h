@@ -1,27 +1,35 @@
 // Host::RunSession is `nphost run`: it checks the input and output, starts the plug-in through
 // a HostSession, and enriches the event records (EventRecordPipeline) beside a control socket
 // (ControlServer) until the input ends or a signal (SignalWatcher) asks it to stop; then it
-// writes the summary. main runs it. One thread drives it; the pipeline and the control server
-// run threads of their own.
+// writes the summary, telling a service manager that listens how it stands (ServiceNotifier);
+// with --metrics it serves them over HTTP (MetricsServer) meanwhile. main runs it. One thread
+// drives it; the pipeline, the control server and the metrics server run threads of their own.
 #pragma once
 
 #include "host/run/EventRecordPipeline.h"
+#include "host/run/ServiceNotifier.h"
 #include "plugin/PortabilityLookup.h"
 
 #include <chrono>
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <string>
 
 namespace Host {
 
 class HostSession;
+class MetricsServer;
 class ProgressLine;
+struct MetricsAddress;
 
 class RunSession {
 public:
   // The session is not owned and must outlive this object.
-  explicit RunSession(HostSession& session) : sessionM(session) {}
+  explicit RunSession(HostSession& session);
+  ~RunSession();
+  RunSession(const RunSession&) = delete;
+  RunSession& operator=(const RunSession&) = delete;
 
   // Records from the input option to the output option, a progress line on `err` while it is
   // a terminal and a summary at the end. Returns the exit status; 1 also when the input cannot
@@ -42,7 +50,14 @@ private:
   void endRun(std::ostream& err, const EventRecordPipeline::Totals& totals, double elapsed,
               const DAT::NumberPortability::PortabilityLookup::LoadFigures& data, const std::string& cause);
 
+  // Serves the metrics at `address` from now on and logs where; false with the server's error().
+  bool startMetrics(const MetricsAddress& address);
+  // Ends the serving of the metrics, if any. Idempotent.
+  void stopMetrics();
+
   HostSession& sessionM;
+  std::unique_ptr<MetricsServer> metricsM;  // with --metrics only; the run's thread alone
+  ServiceNotifier notifierM;  // the driving thread's, and the start-up guard's while it alone runs
 };
 
 }  // namespace Host

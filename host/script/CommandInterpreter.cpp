@@ -8,6 +8,7 @@
 #include "BAS/RegistryEntry.h"
 #include "BAS/Status.h"
 #include "PLG/DataPlugIn.h"
+#include "host/common/GenerationText.h"
 #include "host/script/WordSplitter.h"
 #include "plugin/PortabilityLookup.h"
 
@@ -91,6 +92,7 @@ std::string CommandInterpreter::dispatch(const Words& words) {
     if (auto refused = refusal(words)) return *refused;
   }
   if (command == "search") return search(words);
+  if (command == "explain") return explain(words);
   if (command == "usable") return usable(words);
   if (command == "status") return status(words);
   if (command == "update") return update(words);
@@ -102,17 +104,43 @@ std::string CommandInterpreter::dispatch(const Words& words) {
   return "error unknown command " + command;
 }
 
-std::string CommandInterpreter::search(const Words& words) {
-  if (words.size() != 3) return "error usage: search NUMBER DATETIME";
+// search and explain: one lookup of NUMBER at DATETIME, counted as every lookup is; an error
+// answer when the words are not that.
+namespace {
+std::string lookUpOne(const CommandInterpreter::Services& services, const std::vector<std::string>& words,
+                      DAT::NumberPortability::PortabilityLookup::Answer& answer, bool& found) {
+  if (words.size() != 3) return "error usage: " + words[0] + " NUMBER DATETIME";
   const BAS::DateTime dateTime{std::string_view(words[2])};
   if (!dateTime.isValid()) return "error invalid date-time";
   const std::string_view number = words[1];
+  services.lookup.lookUp(&number, &dateTime, 1, &answer, &found);
+  services.metrics.addLookups(found ? 1 : 0, found ? 0 : 1);
+  return {};
+}
+}  // namespace
+
+std::string CommandInterpreter::search(const Words& words) {
   DAT::NumberPortability::PortabilityLookup::Answer answer;
   bool found = false;
-  servicesM.lookup.lookUp(&number, &dateTime, 1, &answer, &found);
-  servicesM.lookupsServed.fetch_add(1, std::memory_order_relaxed);
+  if (std::string error = lookUpOne(servicesM, words, answer, found); !error.empty()) return error;
   if (!found) return "not-found";
   return "found " + std::string(answer.networkOperator.view()) + " " + answer.validFrom.asString("%Y%m%d%H%M%S").str();
+}
+
+std::string CommandInterpreter::explain(const Words& words) {
+  DAT::NumberPortability::PortabilityLookup::Answer answer;
+  bool found = false;
+  if (std::string error = lookUpOne(servicesM, words, answer, found); !error.empty()) return error;
+  std::string match = "none";
+  if (found) {
+    match = answer.keyLength == DAT::NumberPortability::PortabilityLookup::digitCount(words[1])
+                ? std::string("number")
+                : "prefix:" + std::to_string(answer.keyLength);
+  }
+  // The record and the generation come from one lookup, so they name the same data.
+  return "explain operator=" + (found ? WordSplitter::quote(answer.networkOperator.view()) : std::string()) +
+         " valid_from=" + (found ? answer.validFrom.asString("%Y%m%d%H%M%S").str() : std::string()) +
+         " match=" + match + " generation=" + GenerationText::of(answer.generation);
 }
 
 std::string CommandInterpreter::usable(const Words& words) {
@@ -169,8 +197,9 @@ std::string CommandInterpreter::status(const Words& words) {
     case RewriteWatch::Delta::UNKNOWN: break;
   }
   add("delta_result", result);
-  add("lookups", std::to_string(servicesM.lookupsServed.load(std::memory_order_relaxed)));
+  add("lookups", std::to_string(servicesM.metrics.lookups()));
   add("worker", lookup.workerRunning() ? "running" : "stopped");
+  add("generation", GenerationText::of(lookup.generation()));
   return line;
 }
 
@@ -233,6 +262,8 @@ std::string CommandInterpreter::update(const Words& words) {
   BAS::ProtectedBool taken(false);
   const RewriteWatch::CommandScope watched(servicesM.rewrites);
   const bool result = servicesM.plugIn.registryUpdate(&entry, taken);
+  // The log names the data this update published before its answer tells of it.
+  if (servicesM.publications != nullptr) servicesM.publications->flush();
   // The plug-in answers for the records it serves; whether the data file holds them is what the
   // framework saw on this thread.
   return std::string("update result=") + truth(result) + " taken=" + truth(taken.get()) +

@@ -1,6 +1,6 @@
 // Host::CommandInterpreter carries out one command line against a number-portability plug-in,
 // through the framework's plug-in interface and the library's lookup interface, and gives back
-// the answer: lookups, usability, status, registry updates, probe writes, waiting for log
+// the answer: lookups (also with what answered: explain), usability, status, registry updates, probe writes, waiting for log
 // entries (also around another command), sleeping and shut-down. The script reader and each
 // connection of the control socket of `nphost run` use one; on the socket the commands that
 // would stall or end the run, or overwrite its own files, are refused, and a wait is left to
@@ -10,8 +10,10 @@
 #pragma once
 
 #include "host/common/CountingLogSink.h"
+#include "host/common/PublicationLog.h"
 #include "host/common/RewriteWatch.h"
 #include "host/common/WaitSlots.h"
+#include "host/metrics/MetricsRegistry.h"
 
 #include <sys/types.h>
 
@@ -45,15 +47,18 @@ public:
   enum class Mode { SCRIPT, CONTROL };
 
   // What every interpreter of a process shares. None is owned; all must outlive the
-  // interpreters. `lookup` is the lookup interface of `plugIn`; `lookupsServed` counts every
-  // lookup of the process ("search" adds to it, "status" shows it).
+  // interpreters. `lookup` is the lookup interface of `plugIn`; `metrics` counts every lookup
+  // of the process ("search" adds to it, "status" shows it) and the control connections.
   struct Services {
     PLG::DataPlugIn& plugIn;
     DAT::NumberPortability::PortabilityLookup& lookup;
     const CountingLogSink& counts;
     RewriteWatch& rewrites;
     BAS::Log& log;
-    std::atomic<std::uint64_t>& lookupsServed;
+    MetricsRegistry& metrics;
+    // Logs each publication of the data; an update writes its publication's line before it
+    // answers. Null for none.
+    PublicationLog* publications = nullptr;
   };
 
   // A file of the run (its input, its output) that a print must not write over, whatever name
@@ -113,6 +118,7 @@ private:
 
   std::string dispatch(const Words& words);
   std::string search(const Words& words);
+  std::string explain(const Words& words);
   std::string usable(const Words& words);
   std::string status(const Words& words);
   std::string after(const Words& words);

@@ -36,7 +36,8 @@ int ScriptSession::run(std::istream& in, std::ostream& out, std::ostream& err) {
   }
 
   CommandInterpreter interpreter(CommandInterpreter::Services{sessionM.plugIn(), sessionM.lookup(), sessionM.counts(),
-                                                              sessionM.rewrites(), sessionM.log(), sessionM.lookupsServed()});
+                                                              sessionM.rewrites(), sessionM.log(), sessionM.metrics(),
+                                                              &sessionM.publications()});
   std::string line;
   while (std::getline(in, line)) {
     if (const auto answer = interpreter.execute(line)) out << *answer << std::endl;

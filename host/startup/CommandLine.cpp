@@ -64,7 +64,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
       "Reloads (update Reload): with ReuseOnFailure=TRUE, the default, a reload whose last line is rejected or whose "
       "file is empty still replaces the data with whatever was read; ReuseOnFailure=FALSE keeps the old data then.";
 
-  std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket;
+  std::string logFile, logFormat, name, pluginDirectory, probeDirectory, delimiter, controlSocket, metrics;
   struct Shared {
     CLI::Option* log;
     CLI::Option* format;
@@ -90,7 +90,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   const Shared scriptOptions = addShared(script);
   script->footer(wrapped(
       {"Prints 'construct valid=true|false' and 'init result=true|false', then one answer line per command: search "
-       "NUMBER DATETIME, usable, status, update KEY=VALUE ..., probe NAME [VALUE], await ID [COUNT [TIMEOUT_MS]], "
+       "NUMBER DATETIME, explain NUMBER DATETIME, usable, status, update KEY=VALUE ..., probe NAME [VALUE], await ID [COUNT [TIMEOUT_MS]], "
        "after ID TIMEOUT_MS COMMAND [ARGS...], sleep MS, shutdown. Lines that are blank or start with '#' get no "
        "answer. The log goes to standard error unless --log or Framework.Log say otherwise.",
        dataFile + " " + checkFirst, reloads,
@@ -108,6 +108,15 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   auto* delimiterOption = run->add_option("--delimiter", delimiter, "Field delimiter, one character (default ';')");
   run->add_option("--control", controlSocket,
                   "Unix domain socket (mode 0600) on which 'nphost ctl' sends commands while records flow");
+  auto* metricsOption = run->add_option(
+      "--metrics", metrics,
+      "Serve Prometheus metrics at http://HOST:PORT/metrics (127.0.0.1:9464, [::1]:9464, localhost:9464; a port "
+      "alone is on 127.0.0.1; port 0 takes a free one, which the log names); off by default");
+  run->add_option_function<std::string>(
+         "--control-mode",
+         [this](const std::string& mode) { optionsM.controlForGroup = mode == "0660"; },
+         "The control socket's mode: 0600 (default, the owner only) or 0660 (the process's group too)")
+      ->check(CLI::IsMember({"0600", "0660"}));
   run->add_flag("--normalize", optionsM.normalize,
                 "Bring event numbers (+4930..., 030...) to the stored form with the plug-in's dialling codes "
                 "before the lookup; the output keeps them as they came");
@@ -115,6 +124,15 @@ bool CommandLine::parse(int argc, const char* const* argv) {
                   "Longest event line in bytes (default 1048576); a longer one is passed on unchanged with an empty "
                   "operator and counted as rejected")
       ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  std::string fields;
+  auto* fieldsOption = run->add_option(
+      "--fields", fields,
+      "What each record gets appended, in order, separated by the delimiter (default operator): " +
+          RecordFields::knownNames() +
+          ". valid_from: the date-time from which the answering record holds; match: number, or prefix:N when a "
+          "stored prefix of N digits answered; generation: the data that answered (as in status and the log's "
+          "INF_NPHOST_GENERATION); each empty when no record held (generation: when the line was rejected)")
+      ->type_name("LIST");
   run->footer(wrapped(
       {"Input: one event record per line, fields separated by the delimiter: the number in the stored form "
        "(004930123456), the date-time as YYYYMMDDHHMMSS (UTC), further fields kept as they are. Output: every input "
@@ -162,7 +180,7 @@ bool CommandLine::parse(int argc, const char* const* argv) {
   ctl->add_option("SOCKET", controlSocket, "The socket given to 'nphost run --control'")->required();
   ctl->add_option("COMMAND", optionsM.command,
                   "An operation: 'reload [--reuse]', 'delta FILE' or 'print FILE'; or a command of the script "
-                  "grammar and its arguments: search, usable, status, update, probe, await, after. update takes the "
+                  "grammar and its arguments: search, explain, usable, status, update, probe, await, after. update takes the "
                   "plug-in's keys bare, e.g. update Reload ReuseOnFailure=FALSE")
       ->required()
       ->expected(-1);
@@ -254,6 +272,13 @@ bool CommandLine::parse(int argc, const char* const* argv) {
       optionsM.delimiter = delimiter[0];
     }
     if (!controlSocket.empty()) optionsM.controlSocket = controlSocket;
+    if (*metricsOption) {
+      std::string error;
+      optionsM.metrics = MetricsAddress::parse(metrics, error);
+      if (!optionsM.metrics) return refuse(error + ".");
+    }
+    std::string refusal;
+    if (*fieldsOption && !RecordFields::parse(fields, optionsM.fields, refusal)) return refuse(refusal);
   }
   return true;
 }

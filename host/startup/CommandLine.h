@@ -4,6 +4,9 @@
 // It prints nothing itself: help and version text and errors come back as text. One thread.
 #pragma once
 
+#include "host/common/RecordFields.h"
+#include "host/metrics/MetricsAddress.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -30,9 +33,14 @@ public:
     unsigned threads = 0;      // 0: one per core
     char delimiter = ';';
     std::optional<std::string> controlSocket;
+    std::optional<MetricsAddress> metrics;  // where the metrics are served; none: not served
+    // The control socket's group, the process's own, may use it too (mode 0660, not 0600).
+    bool controlForGroup = false;
     bool normalize = false;  // event numbers are brought to the stored form before the lookup
     // A longer event line is passed on in pieces, never held whole, and counted as rejected.
     std::size_t maxLineBytes = std::size_t{1} << 20;
+    // What each record gets appended, in order; never empty.
+    std::vector<RecordField> fields{RecordField::OPERATOR};
 
     // ctl: the socket (in controlSocket) and the command with its arguments
     std::vector<std::string> command;

@@ -11,6 +11,7 @@
 #include "host/check/RegistryRemarks.h"
 #include "host/common/ExitStatus.h"
 #include "host/common/NphostMessages.h"
+#include "host/metrics/MetricsLogSink.h"
 #include "host/script/CommandInterpreter.h"
 #include "plugin/PortabilityLookup.h"
 
@@ -103,6 +104,8 @@ bool HostSession::setUpLog(std::ostream& err) {
   log.addSink(countsM);
   rewritesM = std::make_shared<RewriteWatch>();
   log.addSink(rewritesM);
+  // After the rewrite watch: a delta load's end is judged as the watch sees it.
+  log.addSink(std::make_shared<MetricsLogSink>(metricsM, *rewritesM));
   return true;
 }
 
@@ -155,6 +158,10 @@ int HostSession::start(std::ostream& err) {
                           fmt::format("the entry point '{}' gave no lookup interface for the object that '{}' made.",
                                       DAT::NumberPortability::PortabilityLookup::entryPointNameCM, entryPointM));
   rewritesM->watch(lookupM->dataFileName());
+  publicationsM = std::make_shared<PublicationLog>(*lookupM, frameworkM->log());
+  frameworkM->log().addSink(publicationsM);
+  if (!publicationsM->start())
+    return fail(err, ExitStatus::invalidObjectCM, "cannot start the thread that logs the data's publications.");
   return ExitStatus::doneCM;
 }
 
@@ -207,6 +214,7 @@ bool HostSession::isValid() const {
 }
 
 int HostSession::refuseInvalid(std::ostream& err) {
+  closePublications();
   lookupM = nullptr;
   plugInM.reset();
   return fail(err, ExitStatus::invalidObjectCM,
@@ -234,7 +242,9 @@ void HostSession::reopenLog(std::ostream& err) {
 bool HostSession::init() {
   startedM = true;
   try {
-    return plugInM->init();
+    const bool started = plugInM->init();
+    publicationsM->flush();
+    return started;
   } catch (...) {
     BAS::Status status;
     status.set(BAS::String(CommandInterpreter::reporterNameCM), CommandInterpreter::commandFailedIdCM,
@@ -244,9 +254,17 @@ bool HostSession::init() {
   }
 }
 
+void HostSession::closePublications() {
+  if (publicationsM == nullptr) return;
+  publicationsM->close();
+  frameworkM->log().removeSink(publicationsM);
+  publicationsM.reset();
+}
+
 void HostSession::finish() {
   if (plugInM != nullptr && startedM && !shutDownM) plugInM->shutdown();
   shutDownM = true;
+  closePublications();
   lookupM = nullptr;
   plugInM.reset();
   // After the plug-in's last messages (its destructor may close a file), before the log goes.

@@ -9,7 +9,9 @@
 
 #include "host/common/CountingLogSink.h"
 #include "host/common/ProgressLine.h"
+#include "host/common/PublicationLog.h"
 #include "host/common/RewriteWatch.h"
+#include "host/metrics/MetricsRegistry.h"
 #include "host/startup/CommandLine.h"
 #include "host/startup/PluginLibrary.h"
 #include "host/startup/RegistryFile.h"
@@ -60,7 +62,7 @@ public:
   bool isValid() const;
   // Destroys an object that is not valid after construction; its message and exit status.
   int refuseInvalid(std::ostream& err);
-  // Calls the plug-in's init; from then on finish() shuts it down unless noteShutDown() said
+  // Calls the plug-in's init (its publication logged before it returns); from then on finish() shuts it down unless noteShutDown() said
   // that a script did. An exception out of init is logged with its cause
   // ("ERR_NPHOST_COMMAND_FAILED") and counts as a failed init.
   bool init();
@@ -86,9 +88,12 @@ public:
   DAT::NumberPortability::PortabilityLookup& lookup() { return *lookupM; }
   CountingLogSink& counts() { return *countsM; }
   RewriteWatch& rewrites() { return *rewritesM; }
+  // Logs each publication of the data; an update flushes it before it answers.
+  PublicationLog& publications() { return *publicationsM; }
   ProgressLine& progressLine() { return *progressLineM; }
-  // Every lookup this process made: event records and "search" commands.
-  std::atomic<std::uint64_t>& lookupsServed() { return lookupsServedM; }
+  // The figures that the metrics serve, "status" included: every lookup this process made
+  // (event records and "search" commands), the data operations' outcomes as the log saw them.
+  MetricsRegistry& metrics() { return metricsM; }
   BAS::Log& log();
   // Reopens a log file by its name (after log rotation moved it away); nothing for standard
   // error. When it cannot, says so on `err` and the log goes on into the file held before.
@@ -101,6 +106,8 @@ private:
   // with the reason on `err`, for a value that is no whole number of bytes within the bounds.
   bool setUpDataLineLimit(std::ostream& err);
   bool setUpLog(std::ostream& err);
+  // Writes the publications still queued and stops watching for more: before the plug-in goes.
+  void closePublications();
   // False, with the reason on `err`, when Framework.LogFormat (or --log-format) is neither text nor json.
   bool logFormatIsKnown(std::ostream& err) const;
   // The value of a [Framework] key, or of the option that overrides it.
@@ -113,18 +120,20 @@ private:
   RegistryFile registryFileM;
   std::string instanceNameM;
   std::string entryPointM;  // the chosen library's module-start entry point
+  // Before the framework, whose log's metrics sink adds to it until the log goes. Thread-safe
+  // itself.
+  MetricsRegistry metricsM;
   // Declared in the order of creation, so that they end in reverse: the plug-in's code stays
   // loaded until the framework has released what the plug-in handed it.
   PluginLibrary libraryM;
   std::unique_ptr<BAS::Framework> frameworkM;
   std::shared_ptr<CountingLogSink> countsM;
   std::shared_ptr<RewriteWatch> rewritesM;
+  // Made once the lookup interface is there; closed before the plug-in goes.
+  std::shared_ptr<PublicationLog> publicationsM;
   std::shared_ptr<BAS::FileLogSink> logFileM;
   std::string logPathM;  // as the options or the registry name it; "-" for standard error
   std::shared_ptr<ProgressLine> progressLineM;
-  // Atomic, so no lock: added to by the lookup threads a batch at a time and by the command
-  // thread, read by "status"; a count for people, so relaxed order suffices.
-  std::atomic<std::uint64_t> lookupsServedM{0};
   std::unique_ptr<PLG::DataPlugIn> plugInM;
   DAT::NumberPortability::PortabilityLookup* lookupM = nullptr;  // owned by plugInM
   bool startedM = false;

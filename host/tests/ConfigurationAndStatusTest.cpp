@@ -228,32 +228,4 @@ TEST(NphostCommandLine, EachHelpStatesItsOwnExitStatusesOnce) {
   }
 }
 
-// A machine that only runs nphost needs the packages the README names: every library the
-// programs load from the system belongs to one of them or to the C and C++ run-time.
-TEST(NphostCommandLine, TheReadmeNamesThePackageOfEveryLibraryLoadedAtRunTime) {
-  if (std::string(NP_SANITIZER_BUILD) != "") GTEST_SKIP() << "a sanitizer build loads its run-time, which no user installs";
-  if (shell("command -v dpkg-query").first != 0) GTEST_SKIP() << "no dpkg here to tell which package owns a library";
-  std::set<std::string> named = {"libc6", "libstdc++6", "libgcc-s1"};
-  const Lines readme = linesOf(fs::path(NP_EXAMPLES_DIRECTORY).parent_path() / "README.md");
-  const std::string install = "apt-get install --no-install-recommends ";
-  const auto line = std::find_if(readme.begin(), readme.end(), [&](const std::string& l) { return l.starts_with(install); });
-  ASSERT_NE(line, readme.end()) << "the README names no run-time packages";
-  std::istringstream words(line->substr(install.size()));
-  for (std::string word; words >> word;) named.insert(word);
-  std::set<std::string> owners;
-  for (const char* binary : {NPHOST_PROGRAM, NP_FRAMEWORK_LIBRARY, NP_PLUGIN_DIRECTORY "/libDAT_NumberPortability.so"}) {
-    std::istringstream loaded(shell(std::string("ldd ") + binary + " | sed -n 's/.*=> \\(\\/[^ ]*\\) .*/\\1/p'").second);
-    for (std::string path; std::getline(loaded, path);) {
-      if (path.starts_with(NP_BUILD_DIRECTORY)) continue;
-      // A merged /usr knows a library by either name; dpkg by the one its package ships.
-      const std::string real = fs::canonical(path).string();
-      const auto [status, owner] = shell("dpkg-query -S '" + real + "' 2>/dev/null || dpkg-query -S '" +
-                                         real.substr(real.starts_with("/usr/") ? 4 : 0) + "' 2>/dev/null");
-      ASSERT_EQ(status, 0) << path << " belongs to no package";
-      owners.insert(owner.substr(0, owner.find_first_of(":")));
-    }
-  }
-  for (const std::string& owner : owners) EXPECT_TRUE(named.contains(owner)) << owner << " is missing from the README";
-}
-
 }  // namespace

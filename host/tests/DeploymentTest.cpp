@@ -1,6 +1,6 @@
-// nphost as an operator deploys it: installed with `cmake --install` into a prefix of its own,
-// started as the example systemd unit starts it, its log rotated by the example logrotate
-// configuration. The examples are run with their paths moved into a test folder; everything
+// nphost as an operator deploys it: the Debian package made from this build and unpacked into a
+// folder of its own, started as its systemd unit starts it, its log rotated by its logrotate
+// file. The packaged files are used with their system paths moved into a test folder; everything
 // else in them (commands, options, signals, rotation settings) is used as written.
 #include "ProcessText.h"
 
@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -89,34 +90,40 @@ bool eventually(Condition condition) {
 
 class Deployment : public testing::Test {
 protected:
-  // One installation for the suite: every test runs the installed program.
+  // One package for the suite, unpacked into root/: every test runs the packaged program.
   static void SetUpTestSuite() {
     std::string pattern = "/tmp/np-deploy.XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    prefixG = pattern;
-    installStatusG = runToEnd({CMAKE_COMMAND, "--install", NP_BUILD_DIRECTORY, "--prefix", prefixG.string()}, "/",
-                              prefixG / "install.txt");
+    packingG = pattern;
+    installStatusG = runToEnd({CPACK_COMMAND, "--config", NP_BUILD_DIRECTORY "/CPackConfig.cmake", "-G", "DEB", "-B",
+                               (packingG / "deb").string()},
+                              "/", packingG / "install.txt");
+    for (const auto& entry : fs::directory_iterator(packingG / "deb"))
+      if (entry.path().extension() == ".deb") packageG = entry.path();
+    if (installStatusG == 0)
+      installStatusG = runToEnd({"dpkg-deb", "-x", packageG.string(), (packingG / "root").string()}, "/",
+                                packingG / "install.txt");
+    prefixG = packingG / "root" / "usr";
   }
-  static void TearDownTestSuite() { fs::remove_all(prefixG); }
+  static void TearDownTestSuite() { fs::remove_all(packingG); }
 
   void SetUp() override {
     std::signal(SIGPIPE, SIG_IGN);
-    ASSERT_EQ(installStatusG, 0) << readText(prefixG / "install.txt");
+    ASSERT_EQ(installStatusG, 0) << readText(packingG / "install.txt");
     std::string pattern = "/tmp/np-service.XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     folderM = pattern;
     for (const char* sub : {"etc", "lib", "log", "run", "other"}) fs::create_directory(folderM / sub);
-    std::ofstream(folderM / "lib" / "np.txt") << "+4930123456  20200101000000  OPA\n030123456  20230301000000  OPB\n";
-    std::ofstream(folderM / "etc" / "registry.toml")
-        << "[NumberPortability]\nLibrary = \"DAT_NumberPortability\"\nFileName = \"np.txt\"\n"
-           "CountryCode = \"49\"\nNationalAccessCode = \"0\"\n";
+    // The packaged registry as it comes, with a data file where it looks for one.
+    std::ofstream(folderM / "lib" / "np_data.txt") << "+4930123456  20200101000000  OPA\n030123456  20230301000000  OPB\n";
+    fs::copy_file(packingG / "root" / "etc" / "nphost" / "registry.toml", folderM / "etc" / "registry.toml");
   }
   void TearDown() override { fs::remove_all(folderM); }
 
-  // An example file with its system paths moved into the test folder and the installation.
-  std::string example(const std::string& name) const {
-    std::string text = readText(fs::path(NP_EXAMPLES_DIRECTORY) / name);
-    for (const auto& [from, to] : {std::pair<std::string, fs::path>{"/usr/local/", prefixG / ""},
+  // A packaged file with its system paths moved into the test folder and the unpacked package.
+  std::string packaged(const fs::path& name) const {
+    std::string text = readText(packingG / "root" / name);
+    for (const auto& [from, to] : {std::pair<std::string, fs::path>{"/usr/bin/nphost", prefixG / "bin" / "nphost"},
                                    {"/etc/nphost/", folderM / "etc" / ""},
                                    {"/var/lib/nphost", folderM / "lib"},
                                    {"/var/log/nphost/", folderM / "log" / ""},
@@ -127,7 +134,9 @@ protected:
     return text;
   }
 
-  static inline fs::path prefixG;
+  static inline fs::path packingG;  // the package and root/, where it is unpacked
+  static inline fs::path packageG;
+  static inline fs::path prefixG;   // root/usr
   static inline int installStatusG = -1;
   fs::path folderM;
 };
@@ -145,15 +154,12 @@ TEST_F(Deployment, TheInstalledProgramRunsFromAnyFolderAndFindsThePlugInByName) 
 }
 
 // The unit's commands run as systemd would run them: records flow from FIFO to FIFO, the
-// example logrotate configuration rotates the log through the unit's reload without losing a
-// line, and the unit's stop signal ends the run with status 0. SIGHUP ending the run, or a log
-// that is not reopened, fails here.
-TEST_F(Deployment, TheExampleServiceRunsAndItsLogRotatesWithoutLosingALine) {
-  const std::string unit = example("nphost.service");
+// control socket is for the service's group, the packaged logrotate file rotates the log
+// through the unit's reload without losing a line, and the unit's stop signal ends the run with
+// status 0. SIGHUP ending the run, or a log that is not reopened, fails here.
+TEST_F(Deployment, ThePackagedServiceRunsAndItsLogRotatesWithoutLosingALine) {
+  const std::string unit = packaged("usr/lib/systemd/system/nphost.service");
   std::ofstream(folderM / "etc" / "nphost.service") << unit;
-  const fs::path analysis = folderM / "analysis.txt";
-  EXPECT_EQ(runToEnd({"systemd-analyze", "verify", (folderM / "etc" / "nphost.service").string()}, folderM, analysis), 0)
-      << readText(analysis);
 
   const fs::path journal = folderM / "journal.txt";
   ASSERT_EQ(runToEnd(wordsOf(unitSetting(unit, "ExecStartPre")), folderM, journal), 0) << readText(journal);
@@ -166,11 +172,16 @@ TEST_F(Deployment, TheExampleServiceRunsAndItsLogRotatesWithoutLosingALine) {
   std::string buffer;
   writeAll(events, "004930123456;20240101000000;a\n");
   EXPECT_EQ(nextLine(enriched, buffer), "004930123456;20240101000000;a;OPB");
+  // The operators of the service's group reach the control socket, nobody else.
+  struct stat socket {};
+  ASSERT_TRUE(eventually([&] { return lstat((folderM / "run" / "control.sock").c_str(), &socket) == 0; }));
+  EXPECT_EQ(socket.st_mode & 07777, 0660u);
+  EXPECT_EQ(socket.st_gid, getgid());
 
   const fs::path log = folderM / "log" / "nphost.log";
   const std::string reload = std::regex_replace(unitSetting(unit, "ExecReload"), std::regex("\\$MAINPID"),
                                                 std::to_string(service));
-  std::string rotation = example("nphost.logrotate");
+  std::string rotation = packaged("etc/logrotate.d/nphost");
   rotation.replace(rotation.find("systemctl reload nphost.service"), 31, reload);
   std::ofstream(folderM / "etc" / "nphost.logrotate") << rotation;
   const fs::path rotated = folderM / "rotate.txt";
@@ -192,6 +203,97 @@ TEST_F(Deployment, TheExampleServiceRunsAndItsLogRotatesWithoutLosingALine) {
   EXPECT_NE(readText(journal).find("2 records: 1 found, 0 not found, 1 rejected"), std::string::npos) << readText(journal);
   close(events);
   close(enriched);
+}
+
+
+// What `command` prints (standard output and error), its exit status in `status`.
+std::string outputOf(const Lines& command, int& status) {
+  std::string pattern = "/tmp/np-output.XXXXXX";
+  const int descriptor = mkstemp(pattern.data());
+  close(descriptor);
+  status = runToEnd(command, "/", pattern);
+  const std::string text = readText(pattern);
+  fs::remove(pattern);
+  return text;
+}
+
+// The package an operator installs: named for the version, holding the program, its libraries
+// and every file of the service, its /etc files kept over upgrades, its run-time libraries
+// named as dependencies, and a manual page that documents every subcommand nphost has.
+TEST_F(Deployment, ThePackageHoldsTheServiceItsConfigurationAndItsManual) {
+  int status = 0;
+  const std::string architecture = outputOf({"dpkg", "--print-architecture"}, status);
+  EXPECT_EQ(packageG.filename().string(),
+            std::string("nphost_") + NP_VERSION + "_" + architecture.substr(0, architecture.find('\n')) + ".deb");
+  const std::string contents = outputOf({"dpkg-deb", "-c", packageG.string()}, status);
+  for (const char* file : {"./usr/bin/nphost", "./usr/lib/libnpframework.so", "./usr/lib/libDAT_NumberPortability.so",
+                           "./usr/lib/DAT_NumberPortability.probe", "./usr/lib/systemd/system/nphost.service",
+                           "./etc/logrotate.d/nphost", "./etc/nphost/registry.toml", "./usr/share/man/man1/nphost.1.gz",
+                           "./usr/share/man/man5/nphost-registry.5.gz", "./usr/share/man/man5/nphost-data.5.gz"})
+    EXPECT_TRUE(std::regex_search(contents, std::regex(std::string(" ") + file + "\n"))) << file << " missing:\n" << contents;
+  EXPECT_EQ(outputOf({"dpkg-deb", "-f", packageG.string(), "Version"}, status), std::string(NP_VERSION) + "\n");
+  const std::string depends = outputOf({"dpkg-deb", "-f", packageG.string(), "Depends"}, status);
+  std::set<std::string> named;  // the packages, without their versions
+  for (std::istringstream list(depends); list >> std::ws;) {
+    std::string entry;
+    std::getline(list, entry, ',');
+    named.insert(entry.substr(0, entry.find_first_of(" \n")));
+  }
+  for (const char* dependency : {"adduser", "libfmt9", "libtomlplusplus3", "libsystemd0", "libstdc++6"})
+    EXPECT_TRUE(named.contains(dependency)) << dependency << " not in: " << depends;
+  // Every library the packaged programs name as needed comes from a package it depends on.
+  for (const char* binary : {"bin/nphost", "lib/libnpframework.so", "lib/libDAT_NumberPortability.so"}) {
+    const std::string loaded =
+        outputOf({"sh", "-c",
+                  "f='" + (prefixG / binary).string() +
+                      "'; for n in $(readelf -d \"$f\" | sed -n 's/.*Shared library: \\[\\(.*\\)\\]/\\1/p'); do "
+                      "ldd \"$f\" | sed -n \"s/^.$n => \\(\\/[^ ]*\\) .*/\\1/p\"; done"},
+                 status);
+    std::istringstream paths(loaded);
+    for (std::string path; std::getline(paths, path);) {
+      if (path.starts_with(prefixG.string()) || path.find("clang") != std::string::npos) continue;  // its own; a sanitizer's
+      // A merged /usr knows a library by either name; dpkg by the one its package ships.
+      const std::string real = fs::canonical(path).string();
+      const std::string owner = outputOf({"sh", "-c", "dpkg-query -S '" + real + "' 2>/dev/null || dpkg-query -S '" +
+                                                          real.substr(real.starts_with("/usr/") ? 4 : 0) + "'"}, status);
+      EXPECT_EQ(status, 0) << path << " belongs to no package";
+      EXPECT_TRUE(named.contains(owner.substr(0, owner.find(':')))) << binary << " loads " << path << " of " << owner
+                                                                     << ", not in: " << depends;
+    }
+  }
+  EXPECT_EQ(outputOf({"dpkg-deb", "-I", packageG.string(), "conffiles"}, status),
+            "/etc/nphost/registry.toml\n/etc/logrotate.d/nphost\n");
+
+  const std::string manual = outputOf({"gzip", "-dc", (prefixG / "share/man/man1/nphost.1.gz").string()}, status);
+  const std::string help = outputOf({(prefixG / "bin" / "nphost").string(), "--help"}, status);
+  const std::string listed = help.substr(help.find("Subcommands:"));
+  int subcommands = 0;
+  const std::regex subcommand("\n  ([a-z]+) ");
+  for (std::sregex_iterator it(listed.begin(), listed.end(), subcommand), end; it != end; ++it, ++subcommands)
+    EXPECT_NE(manual.find(".SS " + (*it)[1].str() + "\n"), std::string::npos) << "nphost(1) lacks " << (*it)[1];
+  EXPECT_GE(subcommands, 4) << help;
+}
+
+// The packaged unit, its paths moved, passes systemd's own check (its commands exist, its
+// manual pages are found), and its hardening rates 3.0 or better, as systemd rates it.
+TEST_F(Deployment, ThePackagedUnitIsValidAndHardened) {
+  if (access("/usr/bin/systemd-analyze", X_OK) != 0) GTEST_SKIP() << "systemd-analyze is not installed (package systemd)";
+  fs::create_directories(folderM / "unit");
+  std::ofstream(folderM / "unit" / "nphost.service") << packaged("usr/lib/systemd/system/nphost.service");
+  setenv("MANPATH", (prefixG / "share" / "man").c_str(), 1);
+  int status = 0;
+  const std::string verified = outputOf({"systemd-analyze", "verify", (folderM / "unit" / "nphost.service").string()}, status);
+  unsetenv("MANPATH");
+  EXPECT_EQ(status, 0) << verified;
+  EXPECT_EQ(verified, "");
+
+  const std::string rating = outputOf({"systemd-analyze", "security", "--offline=true", "--no-pager",
+                                       (packingG / "root/usr/lib/systemd/system/nphost.service").string()},
+                                      status);
+  std::smatch score;
+  ASSERT_TRUE(std::regex_search(rating, score, std::regex("Overall exposure level for nphost.service: ([0-9]+[.][0-9])")))
+      << rating;
+  EXPECT_LE(std::stod(score[1]), 3.0) << rating;
 }
 
 }  // namespace

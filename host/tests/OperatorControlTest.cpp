@@ -113,11 +113,12 @@ TEST_F(OperatorControl, StatusFollowsLoadsReloadsAndLookupsWhicheverRoadTheyTook
   };
   const std::string first = ask("status");
   EXPECT_THAT(first, HasSubstr(" file=\"my np.txt\" "));
+  EXPECT_THAT(first, ContainsRegex(" generation=[0-9]{8}T[0-9]{6}[.][0-9]{3}Z-1$"));
   EXPECT_EQ(statusOf(first), (std::map<std::string, std::string>{
                                  {"records", "4"}, {"usable", "true"}, {"file", "my np.txt"}, {"loading", "false"},
                                  {"last_load_lines_loaded", "4"}, {"last_load_lines_rejected", "1"}, {"reload", "never"},
                                  {"reload_result", "none"}, {"delta", "never"}, {"delta_result", "none"},
-                                 {"lookups", "0"}, {"worker", "running"}}));
+                                 {"lookups", "0"}, {"worker", "running"}, {"generation", statusOf(first)["generation"]}}));
 
   EXPECT_EQ(ask("search 004930123456 20210101000000"), "found OPA 20200101000000");
   EXPECT_EQ(ask("after EVT::ADD_NUM_PORT_DATA_SUCCESSFUL 60000 probe deltaLoad delta.txt"), "probe deltaLoad result=true");

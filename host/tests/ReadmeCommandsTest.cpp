@@ -3,7 +3,7 @@
 // checkout is a scratch folder: a copy of examples/, this build as build/gcc, the rest of the
 // source tree linked in, and the two build scripts standing in for the build they made. Blocks
 // that install into the system say so on their first line and run with their system paths moved
-// into the scratch folder. A comment that begins with a quoted text promises what the command
+// into the scratch folder; there apt-get unpacks the package it is given into a root of its own. A comment that begins with a quoted text promises what the command
 // prints, and the output must hold it.
 #include "ProcessText.h"
 #include "testing/ScriptRun.h"
@@ -90,6 +90,17 @@ void writeStandIn(const fs::path& file, const fs::path& real, bool takesTests) {
   fs::permissions(file, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec, fs::perm_options::replace);
 }
 
+// apt-get as the installing blocks use it: `install [-y] ./FILE.deb` unpacks each package into
+// `root`, as dpkg would put its files there; it takes nothing else.
+void writeAptGet(const fs::path& file, const fs::path& root) {
+  std::ofstream(file) << "#!/bin/sh\n[ \"${1:-}\" = install ] || { echo \"apt-get stand-in does not take: $*\" >&2; exit 2; }\n"
+                         "shift\n[ \"${1:-}\" = -y ] && shift\n[ $# -gt 0 ] || exit 2\n"
+                         "for deb; do\n  case \"$deb\" in ./*.deb|/*.deb) ;; *) echo \"not a package file: $deb\" >&2; exit 2 ;; esac\n"
+                         "  dpkg-deb -x \"$deb\" '"
+                      << root.string() << "' || exit 1\ndone\n";
+  fs::permissions(file, fs::perms::owner_all, fs::perm_options::replace);
+}
+
 // The scratch checkout: examples/ copied, this build as build/gcc, the rest linked to the source.
 fs::path makeCheckout(const fs::path& scratch) {
   const fs::path checkout = scratch / "checkout";
@@ -138,6 +149,9 @@ TEST(ReadmeCommands, EveryShellBlockRunsAsWrittenInOrderInOneShell) {
   fs::create_directory(scratch / "tmp");
   const auto paths = systemPaths(scratch / "system");
   for (const auto& [ignored, to] : paths) fs::create_directories(to);
+  const fs::path root = scratch / "system" / "root";
+  fs::create_directories(scratch / "stand-ins");
+  writeAptGet(scratch / "stand-ins" / "apt-get", root);
 
   std::string script;
   std::vector<std::pair<std::string, std::regex>> promises;
@@ -150,7 +164,7 @@ TEST(ReadmeCommands, EveryShellBlockRunsAsWrittenInOrderInOneShell) {
   std::ofstream(scratch / "readme.sh") << script;
 
   // The shell's own PATH, without this build's programs: the README must say where they are.
-  std::vector<std::string> environment{"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin",
+  std::vector<std::string> environment{"PATH=" + (scratch / "stand-ins").string() + ":/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin",
                                        "HOME=" + scratch.string(), "TMPDIR=" + (scratch / "tmp").string()};
   for (char** variable = environ; *variable != nullptr; ++variable)  // the sanitizers' settings
     if (std::regex_search(*variable, std::regex("^[A-Z]+SAN_OPTIONS="))) environment.emplace_back(*variable);
@@ -167,8 +181,10 @@ TEST(ReadmeCommands, EveryShellBlockRunsAsWrittenInOrderInOneShell) {
     }
     from = found[0].second;
   }
-  if (script.find(paths.front().second.string()) != std::string::npos) {  // an installation, moved
-    EXPECT_FALSE(fs::is_empty(paths.front().second)) << run.output;
+  if (script.find("apt-get install") != std::string::npos) {  // the package, unpacked: its nphost runs
+    const NpTest::ScriptResult installed = NpTest::runScript({(root / "usr/bin/nphost").string(), "--version"}, scratch,
+                                                             environment, true);
+    EXPECT_EQ(installed.output, std::string("nphost ") + NP_VERSION + "\n") << run.output;
   }
   fs::remove_all(scratch);
 }

@@ -15,9 +15,9 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string mainPackages =
-    "apt-get update && apt-get install -y --no-install-recommends cmake ninja-build g++ libtomlplusplus-dev "
-    "libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev";
-const std::string testPackages = "libgtest-dev libgmock-dev logrotate systemd";
+    "apt-get update && apt-get install -y --no-install-recommends cmake ninja-build g++ pkg-config libtomlplusplus-dev "
+    "libcli11-dev nlohmann-json3-dev libfmt-dev libxxhash-dev libcpp-httplib-dev libsystemd-dev";
+const std::string testPackages = "libgtest-dev libgmock-dev logrotate systemd dpkg-dev file debootstrap prometheus";
 
 class BuildScriptWithoutRoot : public testing::Test {
 protected:
