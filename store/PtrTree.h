@@ -223,9 +223,9 @@ public:
     usedM = other.usedM;
     liveM = other.liveM;
     std::copy(std::begin(other.freeGroupsM), std::end(other.freeGroupsM), std::begin(freeGroupsM));
-    // Payloads are given their copies in key order, the order in which a sorted load made the
-    // originals, so that what clone reads and writes moves forward through memory. Until a
-    // payload has its copy, its word holds none.
+    // Payloads are given their copies group by group, depth first, close to the order in
+    // which a sorted load made the originals, so that what clone reads and writes mostly moves
+    // forward through memory. Until a payload has its copy, its word holds none.
     std::size_t cloned = 0;
     try {
       forEachPayloadWord([&](T*& payload) {
@@ -267,7 +267,7 @@ public:
 
   // Number of nodes, leaves and the root included; 0 after destroy.
   std::size_t nodeCount() const noexcept { return liveM; }
-  // Bytes of the node array.
+  // Bytes of the word array that holds the nodes and leaves.
   std::size_t reservedBytes() const noexcept { return capacityM * sizeof(Word); }
 
 private:
@@ -401,8 +401,9 @@ private:
     return leafDigit >= 0 ? slotOf(at, leafDigit) : &nodeAt(at).dataM;
   }
 
-  // Calls visit(T*&) for the payload field of every node and leaf, the root's first, in key
-  // order. The trie must not change meanwhile.
+  // Calls visit(T*&) for the payload field of every node and leaf, the root's first, in one
+  // fixed order (group by group, depth first, a subtree's groups near one another). The trie
+  // must not change meanwhile.
   template <class Visit>
   void forEachPayloadWord(Visit&& visit) {
     if (usedM == 0) return;
@@ -411,30 +412,24 @@ private:
   }
 
   // forEachPayloadWord for the nodes and leaves below `top`, which may lie outside the array.
+  // Group by group: the payloads of a group's nodes and leaves lie side by side and are read
+  // in one sweep, then the group of its first node is next.
   template <class Visit>
   void forEachPayloadWordBelow(const Node& top, Visit&& visit) {
-    struct Frame {
-      const Node* node;
-      unsigned digits;  // the children still to visit
-    };
-    std::vector<Frame> frames;
-    if (top.hasChildren()) frames.push_back(Frame{&top, unsigned{top.innerM} | top.leafM});
-    while (!frames.empty()) {
-      Frame& frame = frames.back();
-      if (frame.digits == 0) {
-        frames.pop_back();
-        continue;
+    std::vector<const Node*> pending;
+    if (top.hasChildren()) pending.push_back(&top);
+    while (!pending.empty()) {
+      const Node& node = *pending.back();
+      pending.pop_back();
+      Word* const group = wordsM + node.childrenM;
+      Node* const children = reinterpret_cast<Node*>(group);
+      const unsigned inner = Node::bitCount(node.innerM);
+      for (unsigned i = 0; i < inner; ++i) visit(children[i].dataM);
+      T** const leaves = reinterpret_cast<T**>(group + Node::wordsCM * inner);
+      for (unsigned i = 0, count = Node::bitCount(node.leafM); i < count; ++i) visit(leaves[i]);
+      for (unsigned i = inner; i-- != 0;) {
+        if (children[i].hasChildren()) pending.push_back(&children[i]);
       }
-      const int digit = std::countr_zero(frame.digits);
-      frame.digits &= frame.digits - 1;
-      const Node& node = *frame.node;
-      if (node.hasLeaf(digit)) {
-        visit(*reinterpret_cast<T**>(wordsM + node.leafAt(digit)));
-        continue;
-      }
-      Node& inner = nodeAt(node.innerAt(digit));
-      visit(inner.dataM);
-      if (inner.hasChildren()) frames.push_back(Frame{&inner, unsigned{inner.innerM} | inner.leafM});
     }
   }
 
