@@ -43,10 +43,9 @@ LoadOperation::LoadOperation(const DataLineParser& parser, CacheOwner& owner, Lo
     : parserM(parser), ownerM(owner), progressM(progress), chunkLinesM(chunkLines), lentM{records}, chunkM(records) {}
 
 // The helper thread ends first (a job that it still runs after a failure finishes), then the
-// blocks and the chunk go. The chunk's large arrays go back lazily: the system takes their
-// pages only when it runs short, so the next reload writes into the pages this one touched.
-// Fresh pages instead would be faulted in by the hundred thousand at every reload; on a
-// virtual machine that stalls the lookups on the other processors for milliseconds at a time.
+// blocks and the chunk go, their memory back to the system at once. A chunk is a bounded number
+// of lines, so the next operation faults in a few thousand fresh pages for it, not one per
+// record of the file; the pages of the trees, which are that large, stay mapped.
 LoadOperation::~LoadOperation() = default;
 
 void LoadOperation::failTreeFillAfterForTesting(long fills) { fillsBeforeFailureCM.store(fills); }

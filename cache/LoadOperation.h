@@ -10,6 +10,7 @@
 // ended by the time the destructor returns.
 #pragma once
 
+#include "BAS/LargeBlock.h"
 #include "STR/FileIoTurbo.h"
 #include "cache/CacheOwner.h"
 #include "cache/DataFileLines.h"
@@ -34,8 +35,8 @@ class LoadOperation {
 public:
   // The operation parses with `parser`, reports through `owner`, keeps `progress` up to date
   // while it reads a file (not in a second pass), inserts `chunkLines` lines (a block at least)
-  // at a time, and gathers them in `records`, which it leaves empty with its memory offered back
-  // to the system (RecordChunk::release), so that the next operation refills the same pages.
+  // at a time, and gathers them in `records`, which it leaves empty with its memory returned to
+  // the system (RecordChunk::release), the heap's free pages with it.
   LoadOperation(const DataLineParser& parser, CacheOwner& owner, LoadProgress& progress, std::size_t chunkLines,
                 RecordChunk& records);
   ~LoadOperation();
@@ -117,10 +118,14 @@ private:
     bool empty() const { return recordsM.empty() && skippedM.empty(); }
   };
 
-  // Gives the chunk's records back once everything that could still use them has ended.
+  // Gives the chunk's records back once everything that could still use them has ended, and
+  // with them what the blocks, the helper thread and the rest of the operation freed on the heap.
   struct RecordsLent {
     RecordChunk& recordsM;
-    ~RecordsLent() { recordsM.release(); }
+    ~RecordsLent() {
+      recordsM.release();
+      BAS::LargeBlock::returnFreeHeap();
+    }
   };
 
   static constexpr std::size_t blockCountCM = 4;
