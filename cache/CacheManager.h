@@ -99,10 +99,9 @@ public:
   // Lines that a load, reload or delta load gathers before it inserts them into a tree (a block
   // of lines at least): about 48 bytes each while a chunk is sorted, whatever the file's size.
   // A tree is built from its first chunk in one pass and takes the later ones walk by walk,
-  // which leaves its node and history free lists with some unused blocks: at ten million
-  // records about 3 bytes per record per tree for two chunks or for twenty, at no cost in
-  // time that we could measure. So the default keeps the chunk small. Not while an operation
-  // runs.
+  // which is slower and leaves its node and history free lists with some unused blocks: at ten
+  // million records about 3 bytes per record per tree, as much for three chunks as for twenty.
+  // So the default keeps the chunk small. Not while an operation runs.
   void setChunkLines(std::size_t lines) { chunkLinesM = lines; }
   static constexpr std::size_t defaultChunkLinesCM = std::size_t{1} << 19;
   // How far the operation in progress has read its file; readable from any thread.

@@ -52,10 +52,10 @@ public:
     bool failedRead = false;
   };
 
-  // The initial load: the rest of the file into `tree`, and into `mirror` beside it when not
-  // null, each rejected line and duplicate reported twice (once per tree). Stops at the first
-  // line that the reader fails to deliver.
-  Reading loadBoth(DataFileLines& lines, NumberPortabilityTree& tree, NumberPortabilityTree* mirror);
+  // The initial load: the rest of the file into `tree`, each rejected line and duplicate
+  // reported twice, once for it and once for the copy of it that the caller makes (copy()).
+  // Stops at the first line that the reader fails to deliver.
+  Reading loadBoth(DataFileLines& lines, NumberPortabilityTree& tree);
   // The first pass of a reload or delta load: the rest of the file into `tree`, each report
   // once; a line that the reader fails to deliver is skipped and counted. With `kept`, every
   // processed line is appended to it for the second pass; without, the lines that gave a
@@ -151,7 +151,7 @@ private:
   void collectHelpedBlock();
   // Adds what a parsed block gave to the chunk.
   void addBlock(const LineBlock& block, const STR::FileIoTurbo& reader);
-  // Adds every waiting block to the chunk, inserts the chunk into the tree (and the mirror)
+  // Adds every waiting block to the chunk, inserts the chunk into the tree
   // and reports its rejected lines and duplicates, line by line in file order, each `reports`
   // times: once per tree that gets (or will get by a copy) the same lines.
   void flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports);
@@ -163,7 +163,6 @@ private:
   CacheOwner& ownerM;
   LoadProgress& progressM;
   const std::size_t chunkLinesM;
-  NumberPortabilityTree* mirrorM = nullptr;  // a tree that insertChunk fills beside the one it is given
   bool secondPassM = false;                  // the lines are inserted again: the figures have them already
   bool noteLinesM = false;                   // insertChunk notes the lines it reports in notedM
   std::vector<NotedLine> notedM;

@@ -134,8 +134,10 @@ TEST(LargeBlock, ReturnsTheHeapsFreePagesBelowMemoryStillInUse) {
   for (int i = 0; i < 64 * 1024; ++i) {
     pieces.push_back(std::make_unique<char[]>(1000));
     std::fill_n(pieces.back().get(), 1000, 'x');
+    asm volatile("" : : "r"(pieces.back().get()) : "memory");  // kept from the optimiser's allocation elision
   }
   const auto kept = std::make_unique<char[]>(1000);  // above them: the heap's top cannot shrink
+  asm volatile("" : : "r"(kept.get()) : "memory");
   pieces.clear();
   const std::size_t freed = residentBytes();
   ASSERT_GT(freed, before + 32 * 1024 * 1024) << "the freed pieces are expected to stay resident";
