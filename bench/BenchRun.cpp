@@ -127,6 +127,8 @@ bool BenchRun::generateData() {
                             {"events", eventCount},        {"threads_max", optionsM.threadsMaxM},
                             {"min_time_ms", optionsM.minTimeMsM}, {"repeats", optionsM.repeatsM},
                             {"reload_rounds", optionsM.reloadRoundsM},
+                            {"chunk_lines", optionsM.chunkLinesM != 0 ? optionsM.chunkLinesM
+                                                                      : DAT::NumberPortability::CacheManager::defaultChunkLinesCM},
                             {"generate_s", generateSeconds}};
   return true;
 }
@@ -168,6 +170,7 @@ bool BenchRun::makePlugIn() {
     std::cerr << "npbench: the plug-in could not be made (registry or data file)\n";
     return false;
   }
+  if (optionsM.chunkLinesM != 0) cacheManagerM->setChunkLines(optionsM.chunkLinesM);
   return true;
 }
 

@@ -139,8 +139,8 @@ bool BenchRun::measureLoading() {
                     bytesText(2 * storeObjectBytes / records), "", "from sizeof and the trie's shape"});
     }
     table.print(outM);
-    outM << "  (RSS growth leaves out the loader's record arrays, offered back to the system until the next load: "
-         << mibText(static_cast<double>(initOffered)) << " resident)\n";
+    outM << "  (RSS growth leaves out pages offered back to the system but still resident: "
+         << mibText(static_cast<double>(initOffered)) << "; the loader returns its own at once)\n";
     if (!optionsM.noReferenceM) {
       outM << "  (reference trie: RSS " << mibText(static_cast<double>(refRssAfter)) << " once built; store trie nodes "
            << treeNodes << " vs reference " << shape.nodesM << ", inner " << shape.innerNodesM << ")\n";

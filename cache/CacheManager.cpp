@@ -80,11 +80,11 @@ bool CacheManager::load() {
 
   LoadOperation operation = makeOperation();
   StandbyMark mark(standbyStaleM);
-  // Into two empty trees, the standby tree takes each chunk beside the active one; otherwise it
-  // becomes a copy of the active tree at the end.
-  NumberPortabilityTree* const mirror = active()->recordCount() == 0 && standby()->recordCount() == 0 ? standby() : nullptr;
-  const LoadOperation::Reading reading = operation.loadBoth(lines, *active(), mirror);
-  if (mirror == nullptr) operation.copy(*standby(), *active());
+  // One tree takes the chunks and the other becomes a copy of it at the end: after the first
+  // chunk each one is merged walk by walk, and copying a tree costs far less than a second
+  // tree's walks.
+  const LoadOperation::Reading reading = operation.loadBoth(lines, *active());
+  operation.copy(*standby(), *active());
   mark.settle();
   publishLoaded();
   if (!reading.failedRead) {
