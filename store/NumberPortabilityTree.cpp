@@ -206,15 +206,18 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner, const 
   // out the window before in piece order; so no more than two windows' text is held.
   const std::vector<Piece> pieces = ptrTreeM.pieces(printPiecesCM, printCutDepthCM);
   std::vector<std::string> texts[2] = {std::vector<std::string>(printWindowCM), std::vector<std::string>(printWindowCM)};
+  // A text is given up once written, not cleared: a slot would keep the capacity of the largest
+  // piece it ever held, and all slots together far more than a window.
   const auto writeWindow = [&out](std::vector<std::string>& window) {
     for (std::string& text : window) {
       out.write(text.data(), static_cast<std::streamsize>(text.size()));
-      text.clear();
+      std::string().swap(text);
     }
   };
   std::size_t window = 0;
-  for (std::size_t first = 0; first < pieces.size(); first += printWindowCM, ++window) {
-    const std::size_t end = std::min(first + printWindowCM, pieces.size());
+  std::size_t span = printWindowCM;  // pieces in the next window, scaled by the last one's text
+  for (std::size_t first = 0, end = 0; first < pieces.size(); first = end, ++window) {
+    end = std::min(first + span, pieces.size());
     const std::size_t middle = first + (end - first) * printFirstShareCM / 100;
     std::vector<std::string>& current = texts[window % 2];
     std::vector<std::string>& before = texts[(window + 1) % 2];
@@ -224,6 +227,9 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner, const 
           writeWindow(before);
         },
         [&] { formatPieces(pieces, middle, end, current.data() + (middle - first)); });
+    std::size_t bytes = 0;
+    for (std::size_t i = 0; i < end - first; ++i) bytes += current[i].size();
+    span = std::clamp<std::size_t>((end - first) * printWindowBytesCM / std::max<std::size_t>(bytes, 1), 1, printWindowCM);
   }
   writeWindow(texts[(window + 1) % 2]);
   // Deliberately not line by line, as a history's own printTree flushes: the records go out

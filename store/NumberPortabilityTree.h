@@ -175,11 +175,15 @@ private:
   void formatPieces(const std::vector<Piece>& pieces, std::size_t first, std::size_t end, std::string* texts) const;
   // The dump: pieces of the trie to cut (down to a depth that telephone numbers reach, so that
   // a single long chain is not cut level by level), walkers taking turns, and the pieces whose
-  // text is held before it is written (a thirty-second of a large tree).
+  // text is held before it is written: at most printWindowCM, fewer where pieces are large, so
+  // that a window's text stays near printWindowBytesCM. A cut is by depth, and the pieces of
+  // number blocks are many times larger than the rest: a count of pieces alone let two windows
+  // hold over a third of a large tree's text.
   static constexpr std::size_t printPiecesCM = 16384;
   static constexpr std::size_t printCutDepthCM = 16;
   static constexpr std::size_t printLanesCM = 16;
   static constexpr std::size_t printWindowCM = 512;
+  static constexpr std::size_t printWindowBytesCM = std::size_t{4} << 20;
   // The share (percent) of a window that the first job formats: it also writes.
   static constexpr std::size_t printFirstShareCM = 45;
 
