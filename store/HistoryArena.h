@@ -30,6 +30,8 @@ public:
   void release(StoredHistory* history) noexcept;
   // Takes back every block at once and keeps the slabs for the next fill.
   void reset() noexcept;
+  // Gives back the slabs that no block lies in (see PBC::SlabArena::releaseUnused).
+  void releaseUnused() noexcept { slabsM.releaseUnused(); }
 
 private:
   struct LongBlock {

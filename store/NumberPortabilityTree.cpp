@@ -189,6 +189,7 @@ void NumberPortabilityTree::copyFrom(const NumberPortabilityTree& other) {
     std::copy_n(history->data(), history->size(), copy->data());
     return copy;
   });
+  historiesM.releaseUnused();
   recordCountM = other.recordCountM;
 }
 

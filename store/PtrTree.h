@@ -203,8 +203,8 @@ public:
     liveM = 1;
   }
 
-  // Makes this tree a copy of `other` (of the same radix), node for node, with each payload
-  // `clone(payload)` gives for the other's. This tree's own payloads are released first. Out
+  // Makes this tree a copy of `other` (of the same radix), node for node but without the
+  // other's free groups, with each payload `clone(payload)` gives for the other's. This tree's own payloads are released first. Out
   // of memory propagates; the tree is then empty, with a root.
   template <class Clone>
   void copyFrom(const PtrTree& other, Clone&& clone) {
@@ -219,10 +219,15 @@ public:
       createRoot();
       throw;
     }
-    std::memcpy(static_cast<void*>(wordsM), other.wordsM, std::size_t{other.usedM} * sizeof(Word));
-    usedM = other.usedM;
-    liveM = other.liveM;
-    std::copy(std::begin(other.freeGroupsM), std::end(other.freeGroupsM), std::begin(freeGroupsM));
+    try {
+      copyGroupsFrom(other);
+    } catch (...) {
+      // The words hold the other tree's payloads: this tree must not release them.
+      usedM = 0;
+      liveM = 0;
+      createRoot();
+      throw;
+    }
     // Payloads are given their copies group by group, depth first, close to the order in
     // which a sorted load made the originals, so that what clone reads and writes mostly moves
     // forward through memory. Until a payload has its copy, its word holds none.
@@ -241,6 +246,7 @@ public:
       createRoot();
       throw;
     }
+    shrinkToUsed();
   }
 
   // Calls each payload's printTree with its key, in lexicographic key order, a key before the
@@ -289,6 +295,20 @@ private:
 
   bool containsDigit(std::string_view text) const noexcept {
     return std::ranges::any_of(text, [this](char c) { return digitValue(c) >= 0; });
+  }
+
+  // Gives back the words past the last one in use, which an earlier, larger fill may have
+  // touched: a compact copy would otherwise keep that fill's resident size. Keeps the array as
+  // it is when the system does not move it.
+  void shrinkToUsed() noexcept {
+    const std::size_t capacity = std::max<std::size_t>(usedM, firstCapacityCM);
+    if (capacity >= capacityM) return;
+    try {
+      wordsM = static_cast<Word*>(BAS::LargeBlock::resize(wordsM, capacityM * sizeof(Word), capacity * sizeof(Word),
+                                                          capacity > hugePageCapacityCM));
+      capacityM = capacity;
+    } catch (const std::bad_alloc&) {
+    }
   }
 
   // Room for `count` words in all. Moving the words keeps their indexes; out of memory
@@ -399,6 +419,31 @@ private:
       }
     }
     return leafDigit >= 0 ? slotOf(at, leafDigit) : &nodeAt(at).dataM;
+  }
+
+  // The root and every group of `other`, each written right after the one before in the order
+  // forEachPayloadWord visits them: the free groups that inserts into `other` left behind are
+  // not copied, so a tree filled chunk by chunk has a copy as compact as one built in one pass.
+  // Payload words are copied as they are. This tree must be empty, with room for other.usedM.
+  void copyGroupsFrom(const PtrTree& other) {
+    std::memcpy(static_cast<void*>(wordsM), other.wordsM, Node::wordsCM * sizeof(Word));
+    std::uint32_t used = Node::wordsCM;
+    std::vector<std::uint32_t> pending;  // nodes of this tree whose group is still the other's
+    if (rootNode().hasChildren()) pending.push_back(0);
+    while (!pending.empty()) {
+      Node& node = nodeAt(pending.back());
+      pending.pop_back();
+      const unsigned words = node.groupWords();
+      std::memcpy(static_cast<void*>(wordsM + used), other.wordsM + node.childrenM, words * sizeof(Word));
+      node.childrenM = used;
+      for (unsigned i = Node::bitCount(node.innerM); i-- != 0;) {
+        const std::uint32_t child = used + Node::wordsCM * i;
+        if (nodeAt(child).hasChildren()) pending.push_back(child);
+      }
+      used += words;
+    }
+    usedM = used;
+    liveM = other.liveM;
   }
 
   // Calls visit(T*&) for the payload field of every node and leaf, the root's first, in one
