@@ -85,13 +85,15 @@ bool CacheManager::load() {
   // tree's walks.
   const LoadOperation::Reading reading = operation.loadBoth(lines, *active());
   operation.copy(*standby(), *active());
-  // The tree that took the chunks keeps the free groups and blocks that merging them left; its
-  // copy has none. So the copy serves, and the filled tree becomes a copy of it in turn.
-  {
-    BAS::WriteLocker locker(cacheLockM);
-    std::swap(activeTreeM, standbyTreeM);
+  // A tree that took more than one chunk keeps the free groups and blocks that merging them
+  // left; its copy has none. So the copy serves, and the filled tree becomes a copy of it in turn.
+  if (active()->hasFreeBlocks()) {
+    {
+      BAS::WriteLocker locker(cacheLockM);
+      std::swap(activeTreeM, standbyTreeM);
+    }
+    operation.copy(*standby(), *active());
   }
-  operation.copy(*standby(), *active());
   mark.settle();
   publishLoaded();
   if (!reading.failedRead) {

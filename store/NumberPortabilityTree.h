@@ -154,6 +154,8 @@ public:
   std::uint32_t recordCount() const noexcept { return recordCountM; }
   // Nodes of the trie, the root included.
   std::size_t nodeCount() const { return ptrTreeM.nodeCount(); }
+  // Whether the tree holds blocks that inserts into it left unused, which a copy leaves out.
+  bool hasFreeBlocks() const noexcept { return ptrTreeM.hasFreeGroups() || historiesM.hasFreeBlocks(); }
 
 private:
   static constexpr int radixCM = 10;

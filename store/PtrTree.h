@@ -273,6 +273,11 @@ public:
 
   // Number of nodes, leaves and the root included; 0 after destroy.
   std::size_t nodeCount() const noexcept { return liveM; }
+  // Whether groups that children moved out of wait for reuse: inserts into a filled tree leave
+  // them, a sorted build and a copy do not.
+  bool hasFreeGroups() const noexcept {
+    return std::ranges::any_of(freeGroupsM, [](std::uint32_t first) { return first != 0; });
+  }
   // Bytes of the word array that holds the nodes and leaves.
   std::size_t reservedBytes() const noexcept { return capacityM * sizeof(Word); }
 
