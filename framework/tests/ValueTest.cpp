@@ -5,6 +5,7 @@
 #include "BAS/LargeBlock.h"
 #include "BAS/SimpleString.h"
 #include "fuzz/CalendarOracle.h"
+#include "testing/ResidentMemory.h"
 
 #include <gtest/gtest.h>
 
@@ -116,13 +117,7 @@ constexpr bool libraryHeapCM = true;
 constexpr bool libraryHeapCM = true;
 #endif
 
-// Bytes of this process's resident memory.
-std::size_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t size = 0, pages = 0;
-  statm >> size >> pages;
-  return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
+using NpTest::residentBytes;
 
 // Small allocations freed below one that is still in use stay with the heap, resident, until
 // someone asks for them back: what a load's line buffers leave behind if nobody does.

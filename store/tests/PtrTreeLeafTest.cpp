@@ -3,6 +3,7 @@
 // a batch whose other walks stand beside it, into a tree built from sorted keys), and payloads
 // must be neither lost nor released twice when a copy or a sorted build fails half-way.
 #include "store/PtrTree.h"
+#include "store/tests/Tag.h"
 
 #include <gtest/gtest.h>
 
@@ -17,13 +18,7 @@
 namespace PBC {
 namespace {
 
-struct Tag {
-  explicit Tag(std::string tagName) : name(std::move(tagName)) { ++live; }
-  ~Tag() { --live; }
-  void printTree(std::ostream& out, const BAS::String& key) const { out << key << '=' << name << '\n'; }
-  std::string name;
-  static inline int live = 0;
-};
+using test::Tag;
 using Tree = PtrTree<Tag>;
 
 // Every key's exact and shortest-prefix answer, the all-prefixes answer, then the dump.

@@ -4,6 +4,7 @@
 // released chunk gives its memory back to the system at once.
 #include "store/NumberPortabilityTree.h"
 #include "store/RecordChunk.h"
+#include "testing/ResidentMemory.h"
 
 #include <gtest/gtest.h>
 
@@ -149,13 +150,7 @@ TEST(RecordChunk, SortsAChunkWhoseHalvesDifferInADigitThatEachHalfShares) {
   EXPECT_TRUE(dump(chunked) == dump(single)) << "the dumps differ";
 }
 
-// Bytes of this process's resident memory.
-std::size_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t size = 0, pages = 0;
-  statm >> size >> pages;
-  return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
+using NpTest::residentBytes;
 
 // A load's chunk must not stay in the process's resident memory once the load is over: pages
 // only offered back to the system still count there until it runs short, and an operator's
