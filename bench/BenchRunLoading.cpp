@@ -111,11 +111,13 @@ bool BenchRun::measureLoading() {
   initRateM = static_cast<double>(dataLines) / initSecondsM;
 
   // Memory the store's shape asks for (one tree): the bytes of its objects, which its arenas
-  // hand out back to back, without a per-block size word or rounding. A history of one record
-  // sits in its node's payload pointer (the generated operator tables are far too small for
-  // the escape to a block).
+  // hand out back to back, without a per-block size word or rounding. A node without children
+  // is its payload word alone, in its parent's group. A history of one record sits in its
+  // node's payload pointer (the generated operator tables are far too small for the escape to
+  // a block).
   const std::size_t singles = shape.historiesByLengthM.size() > 1 ? shape.historiesByLengthM[1] : 0;
-  double storeObjectBytes = static_cast<double>(shape.nodesM * sizeof(StoreNode) +
+  const std::size_t leaves = shape.nodesM - shape.innerNodesM;
+  double storeObjectBytes = static_cast<double>(shape.innerNodesM * sizeof(StoreNode) + leaves * sizeof(StoreNode::Word) +
                                                 (shape.numbersM - singles) * sizeof(DAT::NumberPortability::StoredHistory) +
                                                 (shape.recordsM - singles) * sizeof(DAT::NumberPortability::StoredRecord));
   const double records = static_cast<double>(std::max<std::size_t>(1, shape.recordsM));
