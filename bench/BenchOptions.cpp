@@ -26,6 +26,9 @@ std::optional<int> BenchOptions::parse(int argc, char** argv, BenchOptions& opti
       ->check(CLI::Range(1U, 100U));
   app.add_option("--repeats", options.repeatsM, "Runs of each lookup-rate measurement; the best counts")
       ->check(CLI::Range(1U, 100U));
+  app.add_option("--chunk-lines", options.chunkLinesM,
+                 "Lines that each load gathers before it inserts them (default: the plug-in's)")
+      ->check(CLI::Range(1ULL, 1ULL << 32));
   // What CLI11_PARSE does, with the status handed back instead of returned from main.
   try {
     app.parse(argc, argv);

@@ -23,6 +23,7 @@ struct BenchOptions {
   unsigned minTimeMsM = 200;
   unsigned reloadRoundsM = 3;
   unsigned repeatsM = 5;
+  std::uint64_t chunkLinesM = 0;  // 0: the cache manager's own
 
   // Reads the command line into `options`. Nothing when the run may start; otherwise the exit
   // status for main, after the help text or the complaint has been printed.

@@ -127,6 +127,8 @@ bool BenchRun::generateData() {
                             {"events", eventCount},        {"threads_max", optionsM.threadsMaxM},
                             {"min_time_ms", optionsM.minTimeMsM}, {"repeats", optionsM.repeatsM},
                             {"reload_rounds", optionsM.reloadRoundsM},
+                            {"chunk_lines", optionsM.chunkLinesM != 0 ? optionsM.chunkLinesM
+                                                                      : DAT::NumberPortability::CacheManager::defaultChunkLinesCM},
                             {"generate_s", generateSeconds}};
   return true;
 }
@@ -138,7 +140,7 @@ void BenchRun::printSizes() {
   sizes.addRow({"trie node", std::to_string(sizeof(StoreNode)), std::to_string(sizeof(RefNode))});
   sizes.addRow({"child slots of a node", "none (children side by side, a digit set in the node)",
                 fmt::format("{} (every node)", refChildArray)});
-  sizes.addRow({"history of a number", fmt::format("{} (a count before its records)", sizeof(StoredHistory)),
+  sizes.addRow({"history of a number", fmt::format("{} (a count before its records; none for one record)", sizeof(StoredHistory)),
                 std::to_string(sizeof(ReferenceTrie::History))});
   sizes.addRow({"record", fmt::format("{} (operator text once per tree)", sizeof(StoredRecord)),
                 std::to_string(sizeof(ReferenceTrie::Record))});
@@ -168,6 +170,7 @@ bool BenchRun::makePlugIn() {
     std::cerr << "npbench: the plug-in could not be made (registry or data file)\n";
     return false;
   }
+  if (optionsM.chunkLinesM != 0) cacheManagerM->setChunkLines(optionsM.chunkLinesM);
   return true;
 }
 

@@ -14,7 +14,8 @@ namespace Bench {
 
 std::size_t residentBytes();
 // Resident pages that the process offered back to the system, which takes them when it runs
-// short ("LazyFree" in /proc/self/smaps_rollup): the loader's record arrays between loads.
+// short ("LazyFree" in /proc/self/smaps_rollup); none of the store's own, which it returns
+// at once, but the C library may hold some.
 std::size_t lazyFreeBytes();
 // Resident size after handing free heap pages back, less the pages offered back, so that
 // growth compares live data only.

@@ -80,11 +80,20 @@ bool CacheManager::load() {
 
   LoadOperation operation = makeOperation();
   StandbyMark mark(standbyStaleM);
-  // Into two empty trees, the standby tree takes each chunk beside the active one; otherwise it
-  // becomes a copy of the active tree at the end.
-  NumberPortabilityTree* const mirror = active()->recordCount() == 0 && standby()->recordCount() == 0 ? standby() : nullptr;
-  const LoadOperation::Reading reading = operation.loadBoth(lines, *active(), mirror);
-  if (mirror == nullptr) operation.copy(*standby(), *active());
+  // One tree takes the chunks and the other becomes a copy of it at the end: after the first
+  // chunk each one is merged walk by walk, and copying a tree costs far less than a second
+  // tree's walks.
+  const LoadOperation::Reading reading = operation.loadBoth(lines, *active());
+  operation.copy(*standby(), *active());
+  // A tree that took more than one chunk keeps the free groups and blocks that merging them
+  // left; its copy has none. So the copy serves, and the filled tree becomes a copy of it in turn.
+  if (active()->hasFreeBlocks()) {
+    {
+      BAS::WriteLocker locker(cacheLockM);
+      std::swap(activeTreeM, standbyTreeM);
+    }
+    operation.copy(*standby(), *active());
+  }
   mark.settle();
   publishLoaded();
   if (!reading.failedRead) {

@@ -97,10 +97,13 @@ public:
   // The parser that reads the data lines, with the owner's codes; the benchmark times it alone.
   const DataLineParser& parser() const { return parserM; }
   // Lines that a load, reload or delta load gathers before it inserts them into a tree (a block
-  // of lines at least): fewer keep less memory aside while a file is read, more load faster, as
-  // an empty tree is built from its first chunk in one pass. 16 Mi lines unless set. Not while
-  // an operation runs.
+  // of lines at least): about 48 bytes each while a chunk is sorted, whatever the file's size.
+  // A tree is built from its first chunk in one pass and takes the later ones walk by walk,
+  // which is slower and leaves its node and history free lists with some unused blocks: at ten
+  // million records about 3 bytes per record per tree, as much for three chunks as for twenty.
+  // So the default keeps the chunk small. Not while an operation runs.
   void setChunkLines(std::size_t lines) { chunkLinesM = lines; }
+  static constexpr std::size_t defaultChunkLinesCM = std::size_t{1} << 19;
   // How far the operation in progress has read its file; readable from any thread.
   const LoadProgress& progress() const { return progressM; }
   // The record count of the tree that answers lookups, as the last exchange (or the end of the
@@ -147,12 +150,11 @@ private:
 
   // Set at construction or by the one operation in progress only (operations never overlap),
   // so no lock.
-  std::size_t chunkLinesM = std::size_t{1} << 24;
+  std::size_t chunkLinesM = defaultChunkLinesCM;
   // The standby tree may hold other records than the active one: set before an operation
   // changes it, cleared only where both trees are known to hold the same records.
   bool standbyStaleM = false;
-  // Lent to one operation at a time, which leaves it empty; kept here so that each load
-  // refills the pages the one before it touched.
+  // Lent to one operation at a time, which leaves it empty, its memory returned to the system.
   RecordChunk recordArraysM;
   // Written by the operation in progress only; see its fields.
   LoadProgress progressM;

@@ -43,10 +43,9 @@ LoadOperation::LoadOperation(const DataLineParser& parser, CacheOwner& owner, Lo
     : parserM(parser), ownerM(owner), progressM(progress), chunkLinesM(chunkLines), lentM{records}, chunkM(records) {}
 
 // The helper thread ends first (a job that it still runs after a failure finishes), then the
-// blocks and the chunk go. The chunk's large arrays go back lazily: the system takes their
-// pages only when it runs short, so the next reload writes into the pages this one touched.
-// Fresh pages instead would be faulted in by the hundred thousand at every reload; on a
-// virtual machine that stalls the lookups on the other processors for milliseconds at a time.
+// blocks and the chunk go, their memory back to the system at once. A chunk is a bounded number
+// of lines, so the next operation faults in a few thousand fresh pages for it, not one per
+// record of the file; the pages of the trees, which are that large, stay mapped.
 LoadOperation::~LoadOperation() = default;
 
 void LoadOperation::failTreeFillAfterForTesting(long fills) { fillsBeforeFailureCM.store(fills); }
@@ -75,14 +74,9 @@ void LoadOperation::reportDuplicate(CacheOwner& owner, unsigned long lineNumber,
                       record.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC)});
 }
 
-LoadOperation::Reading LoadOperation::loadBoth(DataFileLines& lines, NumberPortabilityTree& tree,
-                                               NumberPortabilityTree* mirror) {
-  // Parsed once and inserted into both trees (or copied into the second one afterwards); a
-  // rejected line is still reported once per tree.
-  mirrorM = mirror;
-  const Reading reading = read(lines, tree, 2, nullptr, true);
-  mirrorM = nullptr;
-  return reading;
+LoadOperation::Reading LoadOperation::loadBoth(DataFileLines& lines, NumberPortabilityTree& tree) {
+  // Parsed and inserted once; a rejected line is still reported once per tree.
+  return read(lines, tree, 2, nullptr, true);
 }
 
 LoadOperation::Reading LoadOperation::readInto(DataFileLines& lines, NumberPortabilityTree& tree, KeptLines* kept) {
@@ -276,14 +270,7 @@ void LoadOperation::insertChunk(const STR::FileIoTurbo& reader, NumberPortabilit
   records.sort(bothJobs());
   std::vector<std::size_t>& refused = chunk.refusedM;
   refused.clear();
-  if (mirrorM == nullptr) {
-    tree.insertChunk(records, refused);
-  } else {
-    // The mirror takes the same sorted records beside the tree, instead of being copied
-    // afterwards; it refuses the same ones.
-    std::vector<std::size_t> mirrorRefused;
-    bothJobs()([&] { tree.insertChunk(records, refused); }, [&] { mirrorM->insertChunk(records, mirrorRefused); });
-  }
+  tree.insertChunk(records, refused);
   countFill();
 
   // The reports in file order: the skipped lines fall between the records.

@@ -10,6 +10,7 @@
 // ended by the time the destructor returns.
 #pragma once
 
+#include "BAS/LargeBlock.h"
 #include "STR/FileIoTurbo.h"
 #include "cache/CacheOwner.h"
 #include "cache/DataFileLines.h"
@@ -34,8 +35,8 @@ class LoadOperation {
 public:
   // The operation parses with `parser`, reports through `owner`, keeps `progress` up to date
   // while it reads a file (not in a second pass), inserts `chunkLines` lines (a block at least)
-  // at a time, and gathers them in `records`, which it leaves empty with its memory offered back
-  // to the system (RecordChunk::release), so that the next operation refills the same pages.
+  // at a time, and gathers them in `records`, which it leaves empty with its memory returned to
+  // the system (RecordChunk::release), the heap's free pages with it.
   LoadOperation(const DataLineParser& parser, CacheOwner& owner, LoadProgress& progress, std::size_t chunkLines,
                 RecordChunk& records);
   ~LoadOperation();
@@ -51,10 +52,10 @@ public:
     bool failedRead = false;
   };
 
-  // The initial load: the rest of the file into `tree`, and into `mirror` beside it when not
-  // null, each rejected line and duplicate reported twice (once per tree). Stops at the first
-  // line that the reader fails to deliver.
-  Reading loadBoth(DataFileLines& lines, NumberPortabilityTree& tree, NumberPortabilityTree* mirror);
+  // The initial load: the rest of the file into `tree`, each rejected line and duplicate
+  // reported twice, once for it and once for the copy of it that the caller makes (copy()).
+  // Stops at the first line that the reader fails to deliver.
+  Reading loadBoth(DataFileLines& lines, NumberPortabilityTree& tree);
   // The first pass of a reload or delta load: the rest of the file into `tree`, each report
   // once; a line that the reader fails to deliver is skipped and counted. With `kept`, every
   // processed line is appended to it for the second pass; without, the lines that gave a
@@ -117,10 +118,14 @@ private:
     bool empty() const { return recordsM.empty() && skippedM.empty(); }
   };
 
-  // Gives the chunk's records back once everything that could still use them has ended.
+  // Gives the chunk's records back once everything that could still use them has ended, and
+  // with them what the blocks, the helper thread and the rest of the operation freed on the heap.
   struct RecordsLent {
     RecordChunk& recordsM;
-    ~RecordsLent() { recordsM.release(); }
+    ~RecordsLent() {
+      recordsM.release();
+      BAS::LargeBlock::returnFreeHeap();
+    }
   };
 
   static constexpr std::size_t blockCountCM = 4;
@@ -146,7 +151,7 @@ private:
   void collectHelpedBlock();
   // Adds what a parsed block gave to the chunk.
   void addBlock(const LineBlock& block, const STR::FileIoTurbo& reader);
-  // Adds every waiting block to the chunk, inserts the chunk into the tree (and the mirror)
+  // Adds every waiting block to the chunk, inserts the chunk into the tree
   // and reports its rejected lines and duplicates, line by line in file order, each `reports`
   // times: once per tree that gets (or will get by a copy) the same lines.
   void flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports);
@@ -158,7 +163,6 @@ private:
   CacheOwner& ownerM;
   LoadProgress& progressM;
   const std::size_t chunkLinesM;
-  NumberPortabilityTree* mirrorM = nullptr;  // a tree that insertChunk fills beside the one it is given
   bool secondPassM = false;                  // the lines are inserted again: the figures have them already
   bool noteLinesM = false;                   // insertChunk notes the lines it reports in notedM
   std::vector<NotedLine> notedM;

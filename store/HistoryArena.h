@@ -9,6 +9,7 @@
 #include "store/SlabArena.h"
 #include "store/StoredHistory.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -30,6 +31,12 @@ public:
   void release(StoredHistory* history) noexcept;
   // Takes back every block at once and keeps the slabs for the next fill.
   void reset() noexcept;
+  // Whether released blocks wait for reuse: histories that grew left them behind.
+  bool hasFreeBlocks() const noexcept {
+    return std::ranges::any_of(freeM, [](const void* block) { return block != nullptr; });
+  }
+  // Gives back the slabs that no block lies in (see PBC::SlabArena::releaseUnused).
+  void releaseUnused() noexcept { slabsM.releaseUnused(); }
 
 private:
   struct LongBlock {

@@ -1,10 +1,10 @@
 // PBC::LargeArray is a growable array of plain values (trivially copyable) in one BAS::LargeBlock:
 // growing it remaps the pages instead of copying them. A loader's chunk of records (RecordChunk)
-// keeps tens of millions of entries in one, filled by each load and offered back in between.
-// Small pages only: asking for huge pages for memory that is filled and emptied at every load
-// made the system compact memory at every reload, moving pages under the lookups that read the
-// active tree and stalling them for milliseconds. Not synchronised: one thread changes it; any
-// number may read it while nobody does.
+// keeps up to a million or so entries in one, refilled chunk after chunk and returned to the
+// system when the load ends. Small pages only: asking for huge pages for memory that is filled
+// and emptied at every load made the system compact memory at every reload, moving pages under
+// the lookups that read the active tree and stalling them for milliseconds. Not synchronised:
+// one thread changes it; any number may read it while nobody does.
 #pragma once
 
 #include "BAS/LargeBlock.h"
@@ -48,13 +48,6 @@ public:
   }
   // Forgets the elements, keeps the memory.
   void clear() noexcept { sizeM = 0; }
-  // Forgets the elements and offers the memory back to the system (BAS::LargeBlock::offer):
-  // the capacity stays, and a fill that comes before the system takes the pages back writes
-  // into them again instead of faulting in fresh ones.
-  void offer() noexcept {
-    BAS::LargeBlock::offer(dataM, capacityM * sizeof(T));
-    sizeM = 0;
-  }
   // Forgets the elements and returns the memory.
   void release() noexcept {
     BAS::LargeBlock::release(dataM, capacityM * sizeof(T));

@@ -5,6 +5,7 @@
 #include <limits>
 #include <new>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,7 +35,7 @@ void NumberPortabilityTree::insertMany(const std::string_view* numbers, const Nu
     ptrTreeM.payloadSlots(numbers + first, batch, slots);
     // The histories are fetched for the whole batch before any is changed.
     for (std::size_t i = 0; i < batch; ++i) {
-      if (slots[i] != nullptr && *slots[i] != nullptr) __builtin_prefetch(*slots[i]);
+      if (slots[i] != nullptr && *slots[i] != nullptr) StoredHistory::prefetch(*slots[i]);
     }
     // In order: a number may come twice in one batch, and the first of two equal dates must win.
     for (std::size_t i = 0; i < batch; ++i) {
@@ -79,8 +80,7 @@ StoredHistory* NumberPortabilityTree::buildHistory(const RecordChunk& chunk, std
                                                    std::vector<std::size_t>& refused,
                                                    std::vector<std::pair<StoredRecord, std::size_t>>& run) {
   if (length == 1) {
-    StoredHistory* const history = historiesM.allocate(1);
-    history->data()[0] = translated(chunk, first, operators);
+    StoredHistory* const history = singleHistory(translated(chunk, first, operators));
     ++recordCountM;
     return history;
   }
@@ -97,8 +97,13 @@ StoredHistory* NumberPortabilityTree::buildHistory(const RecordChunk& chunk, std
     }
     run[kept++] = run[i];
   }
-  StoredHistory* const history = historiesM.allocate(static_cast<std::uint32_t>(kept));
-  for (std::size_t i = 0; i < kept; ++i) history->data()[i] = run[i].first;
+  StoredHistory* history = nullptr;
+  if (kept == 1) {
+    history = singleHistory(run[0].first);
+  } else {
+    history = historiesM.allocate(static_cast<std::uint32_t>(kept));
+    for (std::size_t i = 0; i < kept; ++i) history->data()[i] = run[i].first;
+  }
   recordCountM += static_cast<std::uint32_t>(kept);
   return history;
 }
@@ -119,7 +124,7 @@ void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::ve
     }
     ptrTreeM.payloadSlots(numbers, batch, slots);
     for (std::size_t i = 0; i < batch; ++i) {
-      if (slots[i] != nullptr && *slots[i] != nullptr) __builtin_prefetch(*slots[i]);
+      if (slots[i] != nullptr && *slots[i] != nullptr) StoredHistory::prefetch(*slots[i]);
     }
     for (std::size_t i = 0; i < batch; ++i) {
       if (slots[i] == nullptr || !addToHistory(slots[i], translated(chunk, first + i, operators), true)) {
@@ -129,25 +134,37 @@ void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::ve
   }
 }
 
+StoredHistory* NumberPortabilityTree::singleHistory(const StoredRecord& record) {
+  if (StoredHistory* const single = StoredHistory::single(record)) return single;
+  StoredHistory* const history = historiesM.allocate(1);
+  history->data()[0] = record;
+  return history;
+}
+
 bool NumberPortabilityTree::addToHistory(StoredHistory** slot, const StoredRecord& stored, bool ordered) {
   StoredHistory* const old = *slot;
-  const std::uint32_t count = old != nullptr ? old->size() : 0;
+  StoredRecord room;
+  const std::span<const StoredRecord> records = old != nullptr ? StoredHistory::recordsOf(old, room) : std::span<const StoredRecord>();
+  const auto count = static_cast<std::uint32_t>(records.size());
   std::uint32_t position = count;
   if (ordered && old != nullptr) {
-    position = StoredHistory::findPosition(old->records(), stored.validFrom());
+    position = StoredHistory::findPosition(records, stored.validFrom());
     if (position == StoredHistory::takenCM) return false;
+  }
+  if (old == nullptr) {
+    *slot = singleHistory(stored);
+    ++recordCountM;
+    return true;
   }
   // A count that no longer fits is a block that cannot be had: reported like any other
   // allocation failure. Everything that can fail comes before the history changes.
   if (count == std::numeric_limits<std::uint32_t>::max()) throw std::bad_array_new_length();
   StoredHistory* const grown = historiesM.allocate(count + 1);
   StoredRecord* const to = grown->data();
-  if (old != nullptr) {
-    std::copy_n(old->data(), position, to);
-    std::copy_n(old->data() + position, count - position, to + position + 1);
-  }
+  std::copy_n(records.data(), position, to);
+  std::copy_n(records.data() + position, count - position, to + position + 1);
   to[position] = stored;
-  historiesM.release(old);
+  if (!StoredHistory::isSingle(old)) historiesM.release(old);
   *slot = grown;
   ++recordCountM;
   return true;
@@ -167,10 +184,12 @@ void NumberPortabilityTree::copyFrom(const NumberPortabilityTree& other) {
   // Node for node, and each history into a block of its own length: the free blocks that the
   // other tree's growing histories left behind are not copied.
   ptrTreeM.copyFrom(other.ptrTreeM, [this](const StoredHistory* history) {
+    if (StoredHistory::isSingle(history)) return const_cast<StoredHistory*>(history);
     StoredHistory* const copy = historiesM.allocate(history->size());
     std::copy_n(history->data(), history->size(), copy->data());
     return copy;
   });
+  historiesM.releaseUnused();
   recordCountM = other.recordCountM;
 }
 
@@ -188,15 +207,18 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner, const 
   // out the window before in piece order; so no more than two windows' text is held.
   const std::vector<Piece> pieces = ptrTreeM.pieces(printPiecesCM, printCutDepthCM);
   std::vector<std::string> texts[2] = {std::vector<std::string>(printWindowCM), std::vector<std::string>(printWindowCM)};
+  // A text is given up once written, not cleared: a slot would keep the capacity of the largest
+  // piece it ever held, and all slots together far more than a window.
   const auto writeWindow = [&out](std::vector<std::string>& window) {
     for (std::string& text : window) {
       out.write(text.data(), static_cast<std::streamsize>(text.size()));
-      text.clear();
+      std::string().swap(text);
     }
   };
   std::size_t window = 0;
-  for (std::size_t first = 0; first < pieces.size(); first += printWindowCM, ++window) {
-    const std::size_t end = std::min(first + printWindowCM, pieces.size());
+  std::size_t span = printWindowCM;  // pieces in the next window, scaled by the last one's text
+  for (std::size_t first = 0, end = 0; first < pieces.size(); first = end, ++window) {
+    end = std::min(first + span, pieces.size());
     const std::size_t middle = first + (end - first) * printFirstShareCM / 100;
     std::vector<std::string>& current = texts[window % 2];
     std::vector<std::string>& before = texts[(window + 1) % 2];
@@ -206,6 +228,9 @@ void NumberPortabilityTree::printTree(std::ostream& out, bool withBanner, const 
           writeWindow(before);
         },
         [&] { formatPieces(pieces, middle, end, current.data() + (middle - first)); });
+    std::size_t bytes = 0;
+    for (std::size_t i = 0; i < end - first; ++i) bytes += current[i].size();
+    span = std::clamp<std::size_t>((end - first) * printWindowBytesCM / std::max<std::size_t>(bytes, 1), 1, printWindowCM);
   }
   writeWindow(texts[(window + 1) % 2]);
   // Deliberately not line by line, as a history's own printTree flushes: the records go out
@@ -235,7 +260,8 @@ void NumberPortabilityTree::formatPieces(const std::vector<Piece>& pieces, std::
   std::vector<Lane> lanes(printLanesCM);
 
   const auto format = [&](Lane& lane, Found& found) {
-    StoredHistory::appendLines(found.list->records(), operatorsM, *lane.text, found.key);
+    StoredRecord room;
+    StoredHistory::appendLines(StoredHistory::recordsOf(found.list, room), operatorsM, *lane.text, found.key);
   };
   // One turn of a lane: format the oldest history, move the next one up, and take a step.
   const auto turn = [&](Lane& lane) {
@@ -243,14 +269,14 @@ void NumberPortabilityTree::formatPieces(const std::vector<Piece>& pieces, std::
     lane.holding[0] = lane.holding[1];
     if (lane.holding[1]) {
       std::swap(lane.found[0], lane.found[1]);
-      __builtin_prefetch(lane.found[0].list->data() + 1);
+      if (!StoredHistory::isSingle(lane.found[0].list)) __builtin_prefetch(lane.found[0].list->data() + 1);
       lane.holding[1] = false;
     }
     const StoredHistory* list = nullptr;
     if (lane.walker.step(list, radixCM)) {
       // Not a look at the history yet: it has only just been asked for.
       if (list != nullptr) {
-        __builtin_prefetch(list);
+        StoredHistory::prefetch(list);
         lane.found[1].list = list;
         lane.found[1].key.assign(lane.walker.currentKey());
         lane.holding[1] = true;

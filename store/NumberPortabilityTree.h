@@ -3,7 +3,8 @@
 // No lock of its own: search and printTree may run concurrently, insert and clearAndDestroy alone.
 //
 // Memory: the trie's nodes lie in one array, each number's history (a count and its records,
-// StoredHistory) in a block of the tree's HistoryArena, and a record holds the index of its
+// StoredHistory) in a block of the tree's HistoryArena or, for most single records, in the
+// node's payload pointer itself, and a record holds the index of its
 // operator text in the tree's OperatorTable instead of the text. clearAndDestroy resets them
 // and keeps their memory, so a reload refills pages that are already mapped, and emptying ten
 // million numbers costs no more than a few resets.
@@ -83,12 +84,12 @@ public:
       ptrTreeM.search(number, histories);
       const StoredHistory* history = nullptr;
       while (histories.pop(history)) {
-        if (answer(*history, dateTime, result)) return true;
+        if (answer(history, dateTime, result)) return true;
       }
       return false;
     }
     const StoredHistory* const history = ptrTreeM.search(number, method == EXACT_MATCH);
-    return history != nullptr && answer(*history, dateTime, result);
+    return history != nullptr && answer(history, dateTime, result);
   }
 
   // search for count numbers at once: found[i] and results[i] as search(numbers[i], dateTimes[i],
@@ -116,13 +117,13 @@ public:
                           });
       Prefix top;
       for (Lists& stack : std::span(lists, batch)) {
-        if (stack.top(top)) __builtin_prefetch(top.history);
+        if (stack.top(top)) StoredHistory::prefetch(top.history);
       }
       for (std::size_t i = 0; i < batch; ++i) {
         bool& hit = found[first + i];
         hit = false;
         Prefix prefix;
-        while (!hit && lists[i].pop(prefix)) hit = answer(*prefix.history, dateTimes[first + i], results[first + i]);
+        while (!hit && lists[i].pop(prefix)) hit = answer(prefix.history, dateTimes[first + i], results[first + i]);
         if (hit && keyLengths != nullptr) keyLengths[first + i] = prefix.depth;
       }
     }
@@ -153,6 +154,8 @@ public:
   std::uint32_t recordCount() const noexcept { return recordCountM; }
   // Nodes of the trie, the root included.
   std::size_t nodeCount() const { return ptrTreeM.nodeCount(); }
+  // Whether the tree holds blocks that inserts into it left unused, which a copy leaves out.
+  bool hasFreeBlocks() const noexcept { return ptrTreeM.hasFreeGroups() || historiesM.hasFreeBlocks(); }
 
 private:
   static constexpr int radixCM = 10;
@@ -174,14 +177,20 @@ private:
   void formatPieces(const std::vector<Piece>& pieces, std::size_t first, std::size_t end, std::string* texts) const;
   // The dump: pieces of the trie to cut (down to a depth that telephone numbers reach, so that
   // a single long chain is not cut level by level), walkers taking turns, and the pieces whose
-  // text is held before it is written (a thirty-second of a large tree).
+  // text is held before it is written: at most printWindowCM, fewer where pieces are large, so
+  // that a window's text stays near printWindowBytesCM. A cut is by depth, and the pieces of
+  // number blocks are many times larger than the rest: a count of pieces alone let two windows
+  // hold over a third of a large tree's text.
   static constexpr std::size_t printPiecesCM = 16384;
   static constexpr std::size_t printCutDepthCM = 16;
   static constexpr std::size_t printLanesCM = 16;
   static constexpr std::size_t printWindowCM = 512;
+  static constexpr std::size_t printWindowBytesCM = std::size_t{4} << 20;
   // The share (percent) of a window that the first job formats: it also writes.
   static constexpr std::size_t printFirstShareCM = 45;
 
+  // A history of `record` alone: held in the pointer where it fits, else in a block.
+  StoredHistory* singleHistory(const StoredRecord& record);
   // Adds `record` to the history in `*slot`, creating the history when there is none yet.
   bool addToHistory(StoredHistory** slot, const StoredRecord& record, bool ordered);
   // The history of the records of `chunk` at places first to first + length, all of one number,
@@ -199,8 +208,9 @@ private:
     return StoredRecord(record.validFrom(), operators[record.operatorIndex()]);
   }
   // The record of `history` that holds at `dateTime`, with its operator text, into `result`.
-  bool answer(const StoredHistory& history, const BAS::DateTime& dateTime, NumberPortabilityData& result) const {
-    const StoredRecord* const found = StoredHistory::find(history.records(), dateTime);
+  bool answer(const StoredHistory* history, const BAS::DateTime& dateTime, NumberPortabilityData& result) const {
+    StoredRecord room;
+    const StoredRecord* const found = StoredHistory::find(StoredHistory::recordsOf(history, room), dateTime);
     if (found == nullptr) return false;
     StoredHistory::expand(*found, operatorsM, result);
     return true;

@@ -2,9 +2,11 @@
 // digit, and answers exact, shortest-prefix and all-prefixes questions. The portability tree
 // holds one over number histories. All nodes lie in one array that the tree owns, the children
 // of a node side by side, so a step down is one read of one node, the tree is copied by copying
-// the array, and emptying it costs nothing (plus one pass over the nodes when payloads must be
-// released one by one). No locks: searches and dumps may run concurrently, insert and destroy
-// must run alone.
+// the array, and emptying it costs nothing (plus one walk over the nodes when payloads must be
+// released one by one). A node without children is kept as its payload word alone, in its
+// parent's group: most stored numbers end in such a leaf, and a full node for each took half of
+// the tree's memory. No locks: searches and dumps may run concurrently, insert and destroy must
+// run alone.
 //
 // This header holds the trie itself: nodes, memory and the single-key walks. The batched walks
 // live in PtrTreeBatchWalk.h, the key-order walks and the dump's pieces in PtrTreeKeyOrderWalk.h
@@ -23,6 +25,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -64,7 +67,7 @@ public:
   explicit PtrTree(int radix) : radixM(radix == 10 ? 10 : 16) { createRoot(); }
   virtual ~PtrTree() {
     releasePayloads();
-    BAS::LargeBlock::release(nodesM, capacityM * sizeof(Node));
+    BAS::LargeBlock::release(wordsM, capacityM * sizeof(Word));
   }
   PtrTree(const PtrTree&) = delete;
   PtrTree& operator=(const PtrTree&) = delete;
@@ -77,10 +80,7 @@ public:
   // and whoever replaces it takes it back (the portability tree never replaces one, it adds to
   // the history it finds). Out of memory propagates; nodes linked in before stay, without
   // payload, and `payload` is still the caller's.
-  void insert(const BAS::String& key, T* payload) {
-    const std::uint32_t node = reach(key.view());
-    nodesM[node].dataM = payload;
-  }
+  void insert(const BAS::String& key, T* payload) { *reach(key.view()) = payload; }
 
   // The payload field of the node of `key`, creating missing nodes, for an owner that fills
   // payloads in place (one walk for "find or create"). Null, and nothing created, for a key
@@ -88,8 +88,8 @@ public:
   // propagates; nodes linked in before stay.
   T** payloadSlot(std::string_view key) {
     bool digitRead = false;
-    const std::uint32_t node = reach(key, &digitRead);
-    return digitRead ? &nodesM[node].dataM : nullptr;
+    T** const slot = reach(key, &digitRead);
+    return digitRead ? slot : nullptr;
   }
 
   // payloadSlot for several keys at once: slots[i] for keys[i], each valid until the next
@@ -110,7 +110,7 @@ public:
   template <class KeyAt, class Make>
   bool buildSorted(std::size_t count, KeyAt&& keyAt, Make&& make) {
     createRoot();
-    if (radixM != 10 || liveM != 1 || nodesM[0].hasChildren() || nodesM[0].hasData()) return false;
+    if (radixM != 10 || liveM != 1 || rootNode().hasChildren() || rootNode().hasData()) return false;
     try {
       PtrTreeSortedBuild<T, Release>::build(*this, count, keyAt, make);
     } catch (...) {
@@ -125,14 +125,20 @@ public:
   // without digits and after destroy.
   T* search(const BAS::String& key, bool exact) const noexcept {
     if (usedM == 0) return nullptr;
-    const Node* node = nodesM;
+    const Node* node = &rootNode();
     bool digitRead = false;
-    for (const char c : key.view()) {
-      const int digit = digitValue(c);
+    const std::string_view text = key.view();
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      const int digit = digitValue(text[i]);
       if (digit < 0) continue;
       if (!exact && node->dataM != nullptr) return node->dataM;
-      if (!node->hasChild(digit)) return nullptr;
-      node = nodesM + node->childrenM + node->childRank(digit);
+      if (node->hasLeaf(digit)) {
+        // A leaf has no children: a longer key ends with it only as its prefix.
+        T* const payload = *node->leaf(wordsM, digit);
+        return exact && containsDigit(text.substr(i + 1)) ? nullptr : payload;
+      }
+      if ((node->innerM >> digit & 1u) == 0) return nullptr;
+      node = node->inner(wordsM, digit);
       digitRead = true;
     }
     return digitRead ? node->dataM : nullptr;
@@ -145,14 +151,18 @@ public:
     requires requires(Stack& stack, T* payload) { stack.push_back(payload); }
   void search(const BAS::String& key, Stack& stack) const {
     if (usedM == 0) return;
-    const Node* node = nodesM;
+    const Node* node = &rootNode();
     bool digitRead = false;
     for (const char c : key.view()) {
       const int digit = digitValue(c);
       if (digit < 0) continue;
       if (node->dataM != nullptr) stack.push_back(node->dataM);
-      if (!node->hasChild(digit)) return;
-      node = nodesM + node->childrenM + node->childRank(digit);
+      if (node->hasLeaf(digit)) {
+        if (T* const payload = *node->leaf(wordsM, digit)) stack.push_back(payload);
+        return;
+      }
+      if ((node->innerM >> digit & 1u) == 0) return;
+      node = node->inner(wordsM, digit);
       digitRead = true;
     }
     if (digitRead && node->dataM != nullptr) stack.push_back(node->dataM);
@@ -172,9 +182,7 @@ public:
   }
 
   // Whether `key` has a character that this tree reads as a digit.
-  bool containsDigit(const BAS::String& key) const noexcept {
-    return std::ranges::any_of(key.view(), [this](char c) { return digitValue(c) >= 0; });
-  }
+  bool containsDigit(const BAS::String& key) const noexcept { return containsDigit(key.view()); }
 
   // Releases every node and payload. The tree has no root afterwards: searches find nothing
   // until createRoot or insert gives it a new one. The memory of the nodes stays with the tree
@@ -189,14 +197,14 @@ public:
   // Gives a destroyed tree a new, empty root; a tree that has one keeps it.
   void createRoot() {
     if (usedM != 0) return;
-    reserve(1);
-    nodesM[0] = Node();
-    usedM = 1;
+    reserve(Node::wordsCM);
+    ::new (static_cast<void*>(wordsM)) Node();
+    usedM = Node::wordsCM;
     liveM = 1;
   }
 
-  // Makes this tree a copy of `other` (of the same radix), node for node, with each payload
-  // `clone(payload)` gives for the other's. This tree's own payloads are released first. Out
+  // Makes this tree a copy of `other` (of the same radix), node for node but without the
+  // other's free groups, with each payload `clone(payload)` gives for the other's. This tree's own payloads are released first. Out
   // of memory propagates; the tree is then empty, with a root.
   template <class Clone>
   void copyFrom(const PtrTree& other, Clone&& clone) {
@@ -211,24 +219,34 @@ public:
       createRoot();
       throw;
     }
-    std::memcpy(static_cast<void*>(nodesM), other.nodesM, std::size_t{other.usedM} * sizeof(Node));
-    usedM = other.usedM;
-    liveM = other.liveM;
-    std::copy(std::begin(other.freeGroupsM), std::end(other.freeGroupsM), std::begin(freeGroupsM));
-    // Payloads are given their copies in node order, so that what clone reads and writes
-    // follows the order in which both were filled. Until a node has its copy, it holds none.
-    std::uint32_t cloned = 0;
     try {
-      for (; cloned < usedM; ++cloned) {
-        Node& node = nodesM[cloned];
-        if (node.dataM != nullptr) node.dataM = clone(static_cast<const T*>(node.dataM));
-      }
+      copyGroupsFrom(other);
     } catch (...) {
-      for (std::uint32_t i = cloned; i < usedM; ++i) nodesM[i].dataM = nullptr;
+      // The words hold the other tree's payloads: this tree must not release them.
+      usedM = 0;
+      liveM = 0;
+      createRoot();
+      throw;
+    }
+    // Payloads are given their copies group by group, depth first, close to the order in
+    // which a sorted load made the originals, so that what clone reads and writes mostly moves
+    // forward through memory. Until a payload has its copy, its word holds none.
+    std::size_t cloned = 0;
+    try {
+      forEachPayloadWord([&](T*& payload) {
+        if (payload != nullptr) payload = clone(static_cast<const T*>(payload));
+        ++cloned;
+      });
+    } catch (...) {
+      std::size_t seen = 0;
+      forEachPayloadWord([&](T*& payload) {
+        if (seen++ >= cloned) payload = nullptr;
+      });
       destroy();
       createRoot();
       throw;
     }
+    shrinkToUsed();
   }
 
   // Calls each payload's printTree with its key, in lexicographic key order, a key before the
@@ -253,29 +271,52 @@ public:
     return PtrTreeKeyOrderWalk<T, Release>::pieces(*this, least, deepest);
   }
 
-  // Number of nodes, the root included; 0 after destroy.
+  // Number of nodes, leaves and the root included; 0 after destroy.
   std::size_t nodeCount() const noexcept { return liveM; }
-  // Bytes of the node array.
-  std::size_t reservedBytes() const noexcept { return capacityM * sizeof(Node); }
+  // Whether groups that children moved out of wait for reuse: inserts into a filled tree leave
+  // them, a sorted build and a copy do not.
+  bool hasFreeGroups() const noexcept {
+    return std::ranges::any_of(freeGroupsM, [](std::uint32_t first) { return first != 0; });
+  }
+  // Bytes of the word array that holds the nodes and leaves.
+  std::size_t reservedBytes() const noexcept { return capacityM * sizeof(Word); }
 
 private:
   friend class PtrTreeBatchWalk<T, Release>;
   friend class PtrTreeKeyOrderWalk<T, Release>;
   friend class PtrTreeSortedBuild<T, Release>;
 
-  // The node array starts at one huge page and doubles; it asks for huge pages once it holds
+  using Word = typename Node::Word;
+
+  // The word array starts at one huge page and doubles; it asks for huge pages once it holds
   // more than a few, as a small tree keeps to small pages.
-  static constexpr std::size_t firstCapacityCM = BAS::LargeBlock::alignCM / sizeof(Node);
+  static constexpr std::size_t firstCapacityCM = BAS::LargeBlock::alignCM / sizeof(Word);
   static constexpr std::size_t hugePageCapacityCM = 4 * firstCapacityCM;
-  static constexpr std::size_t radixRoomCM = 16;
+  static constexpr std::size_t largestGroupCM = 16 * Node::wordsCM;
 
-  const Node* root() const noexcept { return usedM != 0 ? nodesM : nullptr; }
-  const Node* child(const Node& node, int digit) const noexcept {
-    return node.hasChild(digit) ? nodesM + node.childrenM + node.childRank(digit) : nullptr;
+  Node& nodeAt(std::uint32_t index) noexcept { return *reinterpret_cast<Node*>(wordsM + index); }
+  const Node& rootNode() const noexcept { return *reinterpret_cast<const Node*>(wordsM); }
+  const Node* root() const noexcept { return usedM != 0 ? &rootNode() : nullptr; }
+
+  bool containsDigit(std::string_view text) const noexcept {
+    return std::ranges::any_of(text, [this](char c) { return digitValue(c) >= 0; });
   }
-  const Node* firstChild(const Node& node) const noexcept { return nodesM + node.childrenM; }
 
-  // Room for `count` nodes in all. Moving the nodes keeps their indexes; out of memory
+  // Gives back the words past the last one in use, which an earlier, larger fill may have
+  // touched: a compact copy would otherwise keep that fill's resident size. Keeps the array as
+  // it is when the system does not move it.
+  void shrinkToUsed() noexcept {
+    const std::size_t capacity = std::max<std::size_t>(usedM, firstCapacityCM);
+    if (capacity >= capacityM) return;
+    try {
+      wordsM = static_cast<Word*>(BAS::LargeBlock::resize(wordsM, capacityM * sizeof(Word), capacity * sizeof(Word),
+                                                          capacity > hugePageCapacityCM));
+      capacityM = capacity;
+    } catch (const std::bad_alloc&) {
+    }
+  }
+
+  // Room for `count` words in all. Moving the words keeps their indexes; out of memory
   // propagates with the tree unchanged.
   void reserve(std::size_t count) {
     if (count <= capacityM) return;
@@ -283,75 +324,170 @@ private:
     std::size_t capacity = std::max(capacityM * 2, firstCapacityCM);
     while (capacity < count) capacity *= 2;
     capacity = std::min<std::size_t>(capacity, std::size_t{std::numeric_limits<std::uint32_t>::max()} + 1);
-    nodesM = static_cast<Node*>(
-        BAS::LargeBlock::resize(nodesM, capacityM * sizeof(Node), capacity * sizeof(Node), capacity > hugePageCapacityCM));
+    wordsM = static_cast<Word*>(
+        BAS::LargeBlock::resize(wordsM, capacityM * sizeof(Word), capacity * sizeof(Word), capacity > hugePageCapacityCM));
     capacityM = capacity;
   }
 
-  // Room for `size` children side by side: a released group of that size, or fresh nodes at
-  // the end of the array. The nodes are empty.
-  std::uint32_t newGroup(unsigned size) {
-    if (const std::uint32_t reused = freeGroupsM[size]; reused != 0) {
-      freeGroupsM[size] = nodesM[reused].childrenM;
-      nodesM[reused] = Node();
+  // Room for a group of `words` words: a released group of that size, or fresh words at the
+  // end of the array. The caller writes every word.
+  std::uint32_t newGroup(unsigned words) {
+    if (const std::uint32_t reused = freeGroupsM[words]; reused != 0) {
+      std::memcpy(&freeGroupsM[words], wordsM + reused, sizeof(std::uint32_t));
       return reused;
     }
-    reserve(std::size_t{usedM} + size);
+    reserve(std::size_t{usedM} + words);
     const std::uint32_t first = usedM;
-    for (unsigned i = 0; i < size; ++i) ::new (static_cast<void*>(nodesM + first + i)) Node();
-    usedM += size;
+    usedM += words;
     return first;
   }
 
-  // A group whose children moved to a larger one; its first node links the free groups of its
-  // size. The moved nodes' payloads live on in their new places, so these are cleared.
-  void releaseGroup(std::uint32_t first, unsigned size) noexcept {
-    for (unsigned i = 0; i < size; ++i) nodesM[first + i] = Node();
-    nodesM[first].childrenM = freeGroupsM[size];
-    freeGroupsM[size] = first;
+  // A group whose children moved to another; its first word links the free groups of its size.
+  void releaseGroup(std::uint32_t first, unsigned words) noexcept {
+    const Word link = freeGroupsM[words];
+    std::memcpy(wordsM + first, &link, sizeof(Word));
+    freeGroupsM[words] = first;
   }
 
-  // Gives `parent` a child for `digit`, which it lacks: its children move to a group one
-  // larger with the new one in its place. The index of the new child.
-  std::uint32_t addChild(std::uint32_t parent, int digit) {
-    const unsigned count = nodesM[parent].childCount();
-    const std::uint32_t group = newGroup(count + 1);  // may move the array: nodes by index only
-    Node& node = nodesM[parent];
-    const unsigned rank = node.childRank(digit);
-    if (count != 0) {
-      const std::uint32_t old = node.childrenM;
-      std::memcpy(static_cast<void*>(nodesM + group), nodesM + old, rank * sizeof(Node));
-      std::memcpy(static_cast<void*>(nodesM + group + rank + 1), nodesM + old + rank, (count - rank) * sizeof(Node));
-      releaseGroup(old, count);
+  // Makes the child of `parent` for `digit` an inner node (`inner`) or a leaf: a new child when
+  // there is none, or a leaf that gains children turned into an inner node with its payload.
+  // The group of children moves to one of the new size. The word index of the child.
+  std::uint32_t reshape(std::uint32_t parent, int digit, bool inner) {
+    const Node before = nodeAt(parent);
+    const bool existed = before.hasChild(digit);
+    const auto bit = static_cast<std::uint16_t>(1u << digit);
+    Node after = before;
+    if (inner) {
+      after.innerM = static_cast<std::uint16_t>(after.innerM | bit);
+      after.leafM = static_cast<std::uint16_t>(after.leafM & ~bit);
+    } else {
+      after.leafM = static_cast<std::uint16_t>(after.leafM | bit);
     }
-    node.childrenM = group;
-    node.digitsM = static_cast<std::uint16_t>(node.digitsM | (1u << digit));
-    ++liveM;
-    return group + rank;
+    const std::uint32_t group = newGroup(after.groupWords());  // may move the array: indexes only
+    after.childrenM = group;
+    Word* to = wordsM + group;
+    for (unsigned digits = after.innerM; digits != 0; digits &= digits - 1) {
+      const int d = std::countr_zero(digits);
+      if (d != digit) {
+        std::memcpy(to, wordsM + before.innerAt(d), sizeof(Node));
+      } else {
+        Node fresh;
+        if (existed) std::memcpy(&fresh.dataM, wordsM + before.leafAt(d), sizeof(T*));
+        std::memcpy(to, &fresh, sizeof(Node));
+      }
+      to += Node::wordsCM;
+    }
+    for (unsigned digits = after.leafM; digits != 0; digits &= digits - 1) {
+      const int d = std::countr_zero(digits);
+      if (d != digit || existed) {
+        std::memcpy(to, wordsM + before.leafAt(d), sizeof(Word));
+      } else {
+        *to = 0;  // a leaf without payload yet
+      }
+      ++to;
+    }
+    if (before.hasChildren()) releaseGroup(before.childrenM, before.groupWords());
+    std::memcpy(static_cast<void*>(wordsM + parent), &after, sizeof(Node));
+    if (!existed) ++liveM;
+    return inner ? after.innerAt(digit) : after.leafAt(digit);
   }
 
-  // The index of the node of `key`, created with its path where missing; `digitRead` tells
-  // whether the key had a digit at all (without one it is the root).
-  std::uint32_t reach(std::string_view key, bool* digitRead = nullptr) {
+  // The payload field of the child of `parent` for `digit`, which must exist.
+  T** slotOf(std::uint32_t parent, int digit) noexcept {
+    const Node& node = nodeAt(parent);
+    if (node.hasLeaf(digit)) return reinterpret_cast<T**>(wordsM + node.leafAt(digit));
+    return &nodeAt(node.innerAt(digit)).dataM;
+  }
+
+  // The payload field of the node of `key`, created with its path where missing; `digitRead`
+  // tells whether the key had a digit at all (without one it is the root's). A new node that
+  // ends the key is a leaf; a leaf that the key passes through becomes an inner node.
+  T** reach(std::string_view key, bool* digitRead = nullptr) {
     createRoot();
-    std::uint32_t at = 0;
-    for (const char c : key) {
-      const int digit = digitValue(c);
+    std::size_t lastDigit = key.size();  // where the key's last digit is
+    while (lastDigit != 0 && digitValue(key[lastDigit - 1]) < 0) --lastDigit;
+    std::uint32_t at = 0;  // the inner node reached
+    int leafDigit = -1;    // when the key stands at a leaf below `at`: its digit
+    for (std::size_t i = 0; i < lastDigit; ++i) {
+      const int digit = digitValue(key[i]);
       if (digit < 0) continue;
       if (digitRead != nullptr) *digitRead = true;
-      const Node& node = nodesM[at];
-      at = node.hasChild(digit) ? node.childrenM + node.childRank(digit) : addChild(at, digit);
+      if (leafDigit >= 0) at = reshape(at, std::exchange(leafDigit, -1), true);
+      const Node& node = nodeAt(at);
+      if ((node.innerM >> digit & 1u) != 0) {
+        at = node.innerAt(digit);
+      } else if (node.hasLeaf(digit) || i + 1 == lastDigit) {
+        if (!node.hasLeaf(digit)) reshape(at, digit, false);
+        leafDigit = digit;
+      } else {
+        at = reshape(at, digit, true);
+      }
     }
-    return at;
+    return leafDigit >= 0 ? slotOf(at, leafDigit) : &nodeAt(at).dataM;
   }
 
-  // Every payload sits in a node of the array (released groups hold none), so the payloads are
-  // found by one pass over it, without walking the trie.
+  // The root and every group of `other`, each written right after the one before in the order
+  // forEachPayloadWord visits them: the free groups that inserts into `other` left behind are
+  // not copied, so a tree filled chunk by chunk has a copy as compact as one built in one pass.
+  // Payload words are copied as they are. This tree must be empty, with room for other.usedM.
+  void copyGroupsFrom(const PtrTree& other) {
+    std::memcpy(static_cast<void*>(wordsM), other.wordsM, Node::wordsCM * sizeof(Word));
+    std::uint32_t used = Node::wordsCM;
+    std::vector<std::uint32_t> pending;  // nodes of this tree whose group is still the other's
+    if (rootNode().hasChildren()) pending.push_back(0);
+    while (!pending.empty()) {
+      Node& node = nodeAt(pending.back());
+      pending.pop_back();
+      const unsigned words = node.groupWords();
+      std::memcpy(static_cast<void*>(wordsM + used), other.wordsM + node.childrenM, words * sizeof(Word));
+      node.childrenM = used;
+      for (unsigned i = Node::bitCount(node.innerM); i-- != 0;) {
+        const std::uint32_t child = used + Node::wordsCM * i;
+        if (nodeAt(child).hasChildren()) pending.push_back(child);
+      }
+      used += words;
+    }
+    usedM = used;
+    liveM = other.liveM;
+  }
+
+  // Calls visit(T*&) for the payload field of every node and leaf, the root's first, in one
+  // fixed order (group by group, depth first, a subtree's groups near one another). The trie
+  // must not change meanwhile.
+  template <class Visit>
+  void forEachPayloadWord(Visit&& visit) {
+    if (usedM == 0) return;
+    visit(nodeAt(0).dataM);
+    forEachPayloadWordBelow(nodeAt(0), visit);
+  }
+
+  // forEachPayloadWord for the nodes and leaves below `top`, which may lie outside the array.
+  // Group by group: the payloads of a group's nodes and leaves lie side by side and are read
+  // in one sweep, then the group of its first node is next.
+  template <class Visit>
+  void forEachPayloadWordBelow(const Node& top, Visit&& visit) {
+    std::vector<const Node*> pending;
+    if (top.hasChildren()) pending.push_back(&top);
+    while (!pending.empty()) {
+      const Node& node = *pending.back();
+      pending.pop_back();
+      Word* const group = wordsM + node.childrenM;
+      Node* const children = reinterpret_cast<Node*>(group);
+      const unsigned inner = Node::bitCount(node.innerM);
+      for (unsigned i = 0; i < inner; ++i) visit(children[i].dataM);
+      T** const leaves = reinterpret_cast<T**>(group + Node::wordsCM * inner);
+      for (unsigned i = 0, count = Node::bitCount(node.leafM); i < count; ++i) visit(leaves[i]);
+      for (unsigned i = inner; i-- != 0;) {
+        if (children[i].hasChildren()) pending.push_back(&children[i]);
+      }
+    }
+  }
+
   void releasePayloads() noexcept {
     if constexpr (!std::is_same_v<Release, PayloadsOwnedElsewhere>) {
-      for (std::uint32_t i = 0; i < usedM; ++i) {
-        if (nodesM[i].dataM != nullptr) Release()(std::exchange(nodesM[i].dataM, nullptr));
-      }
+      forEachPayloadWord([](T*& payload) {
+        if (payload != nullptr) Release()(std::exchange(payload, nullptr));
+      });
     }
   }
 
@@ -359,11 +495,11 @@ private:
   int digitValue(char c) const noexcept { return PtrTreeDigits::value(c, radixM); }
 
   int radixM;
-  Node* nodesM = nullptr;      // the root at index 0, then groups of children; from BAS::LargeBlock
-  std::size_t capacityM = 0;   // nodes that nodesM has room for
-  std::uint32_t usedM = 0;     // nodes handed out, free groups included; 0 means no root
-  std::uint32_t liveM = 0;     // nodes linked into the trie, the root included
-  std::uint32_t freeGroupsM[radixRoomCM + 1] = {};  // by size: the first released group, 0 for none
+  Word* wordsM = nullptr;      // the root at index 0, then groups of children; from BAS::LargeBlock
+  std::size_t capacityM = 0;   // words that wordsM has room for
+  std::uint32_t usedM = 0;     // words handed out, free groups included; 0 means no root
+  std::uint32_t liveM = 0;     // nodes and leaves linked into the trie, the root included
+  std::uint32_t freeGroupsM[largestGroupCM + 1] = {};  // by words: the first released group, 0 for none
 };
 
 }  // namespace PBC

@@ -34,9 +34,11 @@ public:
   }
 
   // PtrTree::payloadSlots: slots[i] is the payload field of the node of keys[i], created with
-  // its path where missing; null for a key without digits. A new child moves its siblings, so
-  // a walk holds its parent and digit, not its node, while the other walks of its level may
-  // still add children: each level's nodes are looked up afresh after the level before is done.
+  // its path where missing; null for a key without digits. A new child or a leaf turned into
+  // an inner node moves its siblings, so a walk holds its parent and digit, not its node, and
+  // the nodes of a level are looked up afresh after every change to that level: first the
+  // leaves that walks pass through become inner nodes, then the walks add the children they
+  // lack one level further down.
   static void payloadSlots(Tree& tree, const std::string_view* keys, std::size_t count, T** slots[]) {
     tree.createRoot();
     const int radix = tree.radixM;
@@ -46,74 +48,98 @@ public:
       for (std::size_t i = 0; i < batch; ++i) walks[i] = InsertWalk(keys[first + i]);
       std::size_t open = batch;
       while (open != 0) {
-        // Each open walk finds the node it reached, takes its next digit and asks for the child,
-        // or for the children that a new child will move.
+        // Each open walk takes its next digit; one standing at a leaf must turn it into a node.
+        bool throughLeaf = false;
         for (std::size_t i = 0; i < batch; ++i) {
           InsertWalk& walk = walks[i];
           if (walk.done) continue;
-          walk.node = walk.digitRead ? tree.nodesM[walk.parent].childrenM + tree.nodesM[walk.parent].childRank(walk.digit) : 0;
-          int digit = -1;
-          while (walk.next != walk.end && (digit = PtrTreeDigits::value(*walk.next++, radix)) < 0) {
-          }
-          if (digit < 0) {
+          walk.next = nextDigit(walk.rest, walk.end, radix);
+          if (walk.next < 0) {
             walk.done = true;
             --open;
             continue;
           }
-          walk.digit = digit;
-          const Node& node = tree.nodesM[walk.node];
-          __builtin_prefetch(tree.nodesM + node.childrenM + (node.hasChild(digit) ? node.childRank(digit) : 0));
+          throughLeaf = throughLeaf || (walk.digit >= 0 && tree.nodeAt(walk.parent).hasLeaf(walk.digit));
         }
-        // In order, each walk adds the child it lacks (an earlier walk may have added it), and
-        // moves down a level.
+        if (throughLeaf) {
+          for (std::size_t i = 0; i < batch; ++i) {
+            const InsertWalk& walk = walks[i];
+            if (!walk.done && walk.digit >= 0 && tree.nodeAt(walk.parent).hasLeaf(walk.digit)) {
+              tree.reshape(walk.parent, walk.digit, true);
+            }
+          }
+        }
+        // Each open walk finds the node it reached and asks for the child it goes on to.
         for (std::size_t i = 0; i < batch; ++i) {
           InsertWalk& walk = walks[i];
           if (walk.done) continue;
-          if (!tree.nodesM[walk.node].hasChild(walk.digit)) tree.addChild(walk.node, walk.digit);
+          walk.node = walk.digit >= 0 ? tree.nodeAt(walk.parent).innerAt(walk.digit) : 0;
+          const Node& node = tree.nodeAt(walk.node);
+          __builtin_prefetch(tree.wordsM + node.childrenM);
+        }
+        // In order, each walk adds the child it lacks (an earlier walk may have added it): a
+        // leaf where its key ends there, and moves down a level.
+        for (std::size_t i = 0; i < batch; ++i) {
+          InsertWalk& walk = walks[i];
+          if (walk.done) continue;
+          if (!tree.nodeAt(walk.node).hasChild(walk.next)) {
+            const char* rest = walk.rest;
+            tree.reshape(walk.node, walk.next, nextDigit(rest, walk.end, radix) >= 0);
+          }
           walk.parent = walk.node;
-          walk.digitRead = true;
+          walk.digit = walk.next;
         }
       }
-      for (std::size_t i = 0; i < batch; ++i) slots[first + i] = walks[i].digitRead ? &tree.nodesM[walks[i].node].dataM : nullptr;
+      for (std::size_t i = 0; i < batch; ++i) {
+        slots[first + i] = walks[i].digit >= 0 ? tree.slotOf(walks[i].parent, walks[i].digit) : nullptr;
+      }
     }
   }
 
 private:
   static constexpr std::size_t maxBatchCM = 32;
 
-  // One key's walk in a batch of inserting walks.
+  // The value of the next digit from `rest` on, which moves past it; -1 when none is left.
+  static int nextDigit(const char*& rest, const char* end, int radix) noexcept {
+    int digit = -1;
+    while (rest != end && (digit = PtrTreeDigits::value(*rest++, radix)) < 0) {
+    }
+    return digit;
+  }
+
+  // One key's walk in a batch of inserting walks: it stands at the child of `parent` for
+  // `digit`, or at the root while `digit` is -1.
   struct InsertWalk {
     InsertWalk() = default;
-    explicit InsertWalk(std::string_view key) noexcept : next(key.data()), end(key.data() + key.size()) {}
+    explicit InsertWalk(std::string_view key) noexcept : rest(key.data()), end(key.data() + key.size()) {}
 
-    const char* next = nullptr;  // the rest of the key
+    const char* rest = nullptr;  // the rest of the key
     const char* end = nullptr;
-    std::uint32_t parent = 0;    // the node above, once a digit was read
-    std::uint32_t node = 0;      // the node reached, valid until a walk of the next level adds a child
-    int digit = -1;              // the digit followed from the parent
-    bool digitRead = false;
+    std::uint32_t parent = 0;
+    int digit = -1;
+    std::uint32_t node = 0;  // where the walk stands, valid until a walk of its level changes the level
+    int next = -1;           // the digit to follow from there
     bool done = false;
   };
 
-  // One key's walk in a batch of walks that advance together; its node is null once it ended.
+  // One key's walk in a batch of walks that advance together. It stands at a node or, at the
+  // end of its path, at a leaf; it is done once both are null.
   struct Walk {
     Walk() = default;
     Walk(const Node* root, std::string_view key) noexcept : node(root), next(key.data()), end(key.data() + key.size()) {}
 
     // Moves on to the next digit of the key; false when the key is read to its end.
     bool takeDigit(int radix) noexcept {
-      int value = -1;
-      while (next != end && (value = PtrTreeDigits::value(*next++, radix)) < 0) {
-      }
-      digit = value;
-      return value >= 0;
+      digit = nextDigit(next, end, radix);
+      return digit >= 0;
     }
 
     const Node* node = nullptr;
+    T* const* leaf = nullptr;
     const char* next = nullptr;  // the rest of the key
     const char* end = nullptr;
     int digit = -1;
-    std::uint32_t depth = 0;  // digits read: the length of the key of `node`
+    std::uint32_t depth = 0;  // digits read: the length of the key of `node` or `leaf`
   };
 
   template <class Visitor>
@@ -121,6 +147,7 @@ private:
     const Node* const root = tree.root();
     if (root == nullptr) return;
     const int radix = tree.radixM;
+    const typename Node::Word* const words = tree.wordsM;
     Walk walks[maxBatchCM];
     for (std::size_t first = 0; first < count; first += maxBatchCM) {
       const std::size_t batch = std::min(count - first, maxBatchCM);
@@ -130,6 +157,14 @@ private:
         // Each open walk reads the node it asked for in the round before and asks for the next.
         for (std::size_t i = 0; i < batch; ++i) {
           Walk& walk = walks[i];
+          if (walk.leaf != nullptr) {
+            // A leaf has no children: it ends the walk, as the key itself or as its prefix.
+            const bool whole = !walk.takeDigit(radix);
+            if (T* const payload = *walk.leaf) visit(first + i, payload, walk.depth, whole);
+            walk.leaf = nullptr;
+            --open;
+            continue;
+          }
           const Node* const node = walk.node;
           if (node == nullptr) continue;
           if (!walk.takeDigit(radix)) {
@@ -139,13 +174,18 @@ private:
             continue;
           }
           if (node->dataM != nullptr) visit(first + i, node->dataM, walk.depth, false);
-          walk.node = tree.child(*node, walk.digit);
-          if (walk.node == nullptr) {
+          walk.node = nullptr;
+          if (node->hasLeaf(walk.digit)) {
+            walk.leaf = node->leaf(words, walk.digit);
+            __builtin_prefetch(walk.leaf);
+          } else if ((node->innerM >> walk.digit & 1u) != 0) {
+            walk.node = node->inner(words, walk.digit);
+            __builtin_prefetch(walk.node);
+          } else {
             --open;
             continue;
           }
           ++walk.depth;
-          __builtin_prefetch(walk.node);
         }
       }
     }

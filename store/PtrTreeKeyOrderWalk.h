@@ -51,9 +51,16 @@ public:
           const std::size_t step = pathText.size() < deepPathCM ? pathStepCM : pathText.size();
           pathText.reserve(pathText.size() + step);
         }
-        parents.push_back(node);
         pathText.push_back(PtrTreeDigits::character(slot));
-        node = tree.child(*node, slot);
+        if (node->hasLeaf(slot)) {
+          // A leaf is visited in place: there is nothing below it to descend into.
+          if (const T* const payload = *node->leaf(tree.wordsM, slot)) visit(static_cast<const BAS::String&>(path), *payload);
+          pathText.pop_back();
+          ++slot;
+          continue;
+        }
+        parents.push_back(node);
+        node = node->inner(tree.wordsM, slot);
         slot = 0;
         if (node->dataM != nullptr) visit(static_cast<const BAS::String&>(path), static_cast<const T&>(*node->dataM));
         continue;
@@ -79,12 +86,12 @@ public:
       next.reserve(cut.size() * 4);
       bool deeper = false;
       for (Piece& piece : cut) {
-        if (piece.ownOnly || !piece.node->hasChildren()) {
+        if (piece.ownOnly || piece.node == nullptr || !piece.node->hasChildren()) {
           next.push_back(std::move(piece));
           continue;
         }
         deeper = true;
-        if (piece.node->dataM != nullptr) next.push_back(Piece{piece.node, piece.key, true, piece.nodes});
+        if (piece.node->dataM != nullptr) next.push_back(Piece{piece.node, piece.key, true, piece.words});
         appendChildPieces(tree, *piece.node, piece.key, next);
       }
       cut = std::move(next);
@@ -102,22 +109,30 @@ private:
   // children, then their payloads and child groups are requested, each round for all children
   // at once, and the cache misses of the siblings overlap.
   static void prefetchChildren(const Tree& tree, const Node& node) noexcept {
-    const unsigned count = node.childCount();
-    if (count == 0) return;
-    const Node* const children = tree.firstChild(node);
-    __builtin_prefetch(children);
-    __builtin_prefetch(children + count - 1);
-    for (unsigned i = 0; i < count; ++i) {
+    if (!node.hasChildren()) return;
+    const auto* const group = tree.wordsM + node.childrenM;
+    __builtin_prefetch(group);
+    __builtin_prefetch(group + node.groupWords() - 1);
+    const unsigned inner = Node::bitCount(node.innerM);
+    const unsigned leaves = Node::bitCount(node.leafM);
+    const Node* const children = reinterpret_cast<const Node*>(group);
+    for (unsigned i = 0; i < inner; ++i) {
       const Node& child = children[i];
-      if (child.hasChildren()) __builtin_prefetch(tree.firstChild(child));
+      if (child.hasChildren()) __builtin_prefetch(tree.wordsM + child.childrenM);
       if (child.dataM != nullptr) __builtin_prefetch(child.dataM);
+    }
+    T* const* const payloads = reinterpret_cast<T* const*>(group + Node::wordsCM * inner);
+    for (unsigned i = 0; i < leaves; ++i) {
+      if (payloads[i] != nullptr) __builtin_prefetch(payloads[i]);
     }
   }
 
   static void appendChildPieces(const Tree& tree, const Node& node, const std::string& key, std::vector<Piece>& out) {
     for (int slot = 0; slot < tree.radixM; ++slot) {
-      if (const Node* const child = tree.child(node, slot)) {
-        out.push_back(Piece{child, key + PtrTreeDigits::character(slot), false, tree.nodesM});
+      if (node.hasLeaf(slot)) {
+        out.push_back(Piece{nullptr, key + PtrTreeDigits::character(slot), false, tree.wordsM, node.leaf(tree.wordsM, slot)});
+      } else if (node.hasChild(slot)) {
+        out.push_back(Piece{node.inner(tree.wordsM, slot), key + PtrTreeDigits::character(slot), false, tree.wordsM});
       }
     }
   }

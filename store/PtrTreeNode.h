@@ -1,8 +1,10 @@
-// One node of the digit trie PBC::PtrTree: which digits have a child, where the children lie,
-// and its payload. The children of a node lie side by side in the tree's node array, in digit
-// order, so a node needs no slot array: a bit per digit and the 32-bit index of its first child
-// find any of them. Only PtrTree and its walks create, link and fill nodes, in memory that the
-// tree owns; anyone may read them. No synchronisation: reads may run concurrently, changes alone.
+// One inner node of the digit trie PBC::PtrTree: which digits have a child, where the children
+// lie, and its payload. The children of a node lie side by side in the tree's word array as one
+// group: first the inner children (two words each, in digit order), then the leaves, the
+// children without children of their own, as their payload word alone (in digit order). Two
+// digit sets and the 32-bit word index of the group find any child. Only PtrTree and its walks
+// create, link and fill nodes, in memory that the tree owns; anyone may read them. No
+// synchronisation: reads may run concurrently, changes alone.
 #pragma once
 
 #include <array>
@@ -25,14 +27,26 @@ class PtrTreeWalker;
 template <class T>
 class PtrTreeNode {
 public:
+  // The unit of the tree's array: a node takes two, a leaf one.
+  using Word = std::uint64_t;
+  static constexpr unsigned wordsCM = 2;
+
   bool hasData() const noexcept { return dataM != nullptr; }
   // The payload, still owned by the tree; null when none was stored.
   T* data() const noexcept { return dataM; }
-  bool hasChildren() const noexcept { return digitsM != 0; }
-  bool hasChild(int digit) const noexcept { return (digitsM >> digit & 1u) != 0; }
-  // The position of the child for `digit` among this node's children, which must exist.
-  unsigned childRank(int digit) const noexcept { return bitCount(digitsM & ((1u << digit) - 1u)); }
-  unsigned childCount() const noexcept { return bitCount(digitsM); }
+  bool hasChildren() const noexcept { return (innerM | leafM) != 0; }
+  bool hasChild(int digit) const noexcept { return ((innerM | leafM) >> digit & 1u) != 0; }
+  bool hasLeaf(int digit) const noexcept { return (leafM >> digit & 1u) != 0; }
+  unsigned childCount() const noexcept { return bitCount(innerM | leafM); }
+  // Words of the group of children.
+  unsigned groupWords() const noexcept { return wordsCM * bitCount(innerM) + bitCount(leafM); }
+
+  // The inner child for `digit`, which must be one, in the tree's word array `words`.
+  const PtrTreeNode* inner(const Word* words, int digit) const noexcept {
+    return reinterpret_cast<const PtrTreeNode*>(words + innerAt(digit));
+  }
+  // The payload word of the leaf for `digit`, which must be one.
+  T* const* leaf(const Word* words, int digit) const noexcept { return reinterpret_cast<T* const*>(words + leafAt(digit)); }
 
 private:
   // The trie and its walks, which read and link nodes on the hot paths without accessors.
@@ -55,13 +69,22 @@ private:
     return counts;
   }();
   static unsigned bitCount(unsigned bits) noexcept { return BIT_COUNT[bits & 0xFFu] + BIT_COUNT[bits >> 8 & 0xFFu]; }
+  static unsigned below(int digit) noexcept { return (1u << digit) - 1u; }
 
-  std::uint32_t childrenM = 0;  // index of the first child in the tree's node array; 0 (the root) when none
-  std::uint16_t digitsM = 0;    // bit d set: there is a child for digit d
-  std::uint16_t spareM = 0;
-  T* dataM = nullptr;  // owned through the tree's release policy
+  // Word indexes of the child for `digit` within the tree's array.
+  std::uint32_t innerAt(int digit) const noexcept { return childrenM + wordsCM * bitCount(innerM & below(digit)); }
+  std::uint32_t leafAt(int digit) const noexcept {
+    return childrenM + wordsCM * bitCount(innerM) + bitCount(leafM & below(digit));
+  }
+  std::uint32_t leavesAt() const noexcept { return childrenM + wordsCM * bitCount(innerM); }
+
+  std::uint32_t childrenM = 0;  // word index of the group of children; 0 (the root) when none
+  std::uint16_t innerM = 0;     // bit d set: the child for digit d is an inner node
+  std::uint16_t leafM = 0;      // bit d set: the child for digit d is a leaf, its payload word only
+  T* dataM = nullptr;           // owned through the tree's release policy
 };
 
-static_assert(sizeof(PtrTreeNode<int>) == 16, "a node is a child index, a digit set and a payload pointer");
+static_assert(sizeof(PtrTreeNode<int>) == PtrTreeNode<int>::wordsCM * sizeof(std::uint64_t),
+              "a node is a group index, two digit sets and a payload pointer");
 
 }  // namespace PBC

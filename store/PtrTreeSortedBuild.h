@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace PBC {
 
@@ -23,6 +24,7 @@ class PtrTreeSortedBuild {
 public:
   using Tree = PtrTree<T, Release>;
   using Node = PtrTreeNode<T>;
+  using Word = typename Node::Word;
 
   // PtrTree::buildSorted: keyAt(i) for i below count are the keys, sorted; for each run of equal
   // keys with a digit, the node of that key gets payload make(first, length) (null for none).
@@ -49,17 +51,18 @@ public:
       build.releaseStaged();
       throw;
     }
-    tree.nodesM[0] = build.rootM;
+    tree.nodeAt(0) = build.rootM;
   }
 
 private:
-  // The staged children of one open node.
+  // The staged children of one open node, and their digits.
   struct Level {
     Node nodes[16];
+    int digits[16];
     unsigned count = 0;
   };
 
-  explicit PtrTreeSortedBuild(Tree& tree) : treeM(tree), rootM(tree.nodesM[0]) {}
+  explicit PtrTreeSortedBuild(Tree& tree) : treeM(tree), rootM(tree.nodeAt(0)) {}
 
   // The open node at `depth`: the root, or the last child staged below the open node above.
   Node& openNode(unsigned depth) noexcept {
@@ -71,9 +74,8 @@ private:
     closeDownTo(shared);
     const unsigned length = key.length();
     for (unsigned depth = shared; depth < length; ++depth) {
-      Node& parent = openNode(depth);
-      parent.digitsM = static_cast<std::uint16_t>(parent.digitsM | (1u << key.digit(depth)));
       Level& level = levelsM[depth];
+      level.digits[level.count] = key.digit(depth);
       level.nodes[level.count++] = Node();
     }
     openM = length;
@@ -83,25 +85,56 @@ private:
     for (; openM > depth; --openM) close(openM);
   }
 
-  // The children of the open node at `depth` are final: they go to the array as one group.
+  // The children of the open node at `depth` are final: they go to the array as one group,
+  // those without children of their own as their payload word only.
   void close(unsigned depth) {
     Level& level = levelsM[depth];
     if (level.count == 0) return;
-    const std::uint32_t group = treeM.newGroup(level.count);
-    std::memcpy(static_cast<void*>(treeM.nodesM + group), level.nodes, level.count * sizeof(Node));
+    unsigned inner = 0;
+    unsigned leaves = 0;
+    for (unsigned i = 0; i < level.count; ++i) {
+      const unsigned bit = 1u << level.digits[i];
+      if (level.nodes[i].hasChildren()) {
+        inner |= bit;
+      } else {
+        leaves |= bit;
+      }
+    }
+    const unsigned innerCount = Node::bitCount(inner);
+    const std::uint32_t group = treeM.newGroup(Node::wordsCM * innerCount + level.count - innerCount);
+    Word* to = treeM.wordsM + group;
+    Word* leaf = to + Node::wordsCM * innerCount;
+    for (unsigned i = 0; i < level.count; ++i) {
+      if (level.nodes[i].hasChildren()) {
+        std::memcpy(to, &level.nodes[i], sizeof(Node));
+        to += Node::wordsCM;
+      } else {
+        std::memcpy(leaf++, &level.nodes[i].dataM, sizeof(Word));
+      }
+    }
     treeM.liveM += level.count;
-    openNode(depth).childrenM = group;
+    Node& parent = openNode(depth);
+    parent.childrenM = group;
+    parent.innerM = static_cast<std::uint16_t>(inner);
+    parent.leafM = static_cast<std::uint16_t>(leaves);
     level.count = 0;
   }
 
-  // After a failure: the staged nodes' payloads are in no node of the array, where the tree's
-  // own clean-up would find them.
+  // After a failure: the payloads of the staged nodes, and of the groups written below them,
+  // are in no node that the root reaches, where the tree's own clean-up would find them. An
+  // open node has no digit set yet (close gives it its group and digits together), so only the
+  // groups already written are walked.
   void releaseStaged() noexcept {
-    for (const Level& level : levelsM) {
+    const auto release = [](T*& payload) {
+      if (payload != nullptr) Release()(std::exchange(payload, nullptr));
+    };
+    for (Level& level : levelsM) {
       for (unsigned i = 0; i < level.count; ++i) {
-        if (level.nodes[i].dataM != nullptr) Release()(level.nodes[i].dataM);
+        release(level.nodes[i].dataM);
+        treeM.forEachPayloadWordBelow(level.nodes[i], release);
       }
     }
+    release(rootM.dataM);
   }
 
   Tree& treeM;

@@ -22,40 +22,49 @@ public:
   using Node = PtrTreeNode<T>;
 
   // A part of the trie for a walk in key order: the subtree under `node` (the node's own payload
-  // included), or with `ownOnly` the node's payload alone. `key` is the node's key, `nodes` the
-  // node array of its trie.
+  // included), or with `ownOnly` the node's payload alone; for a leaf, `node` is null and
+  // `leaf` its payload word. `key` is the key of the node or leaf, `words` the word array of
+  // its trie.
   struct Piece {
     const Node* node;
     std::string key;
     bool ownOnly;
-    const Node* nodes;
+    const typename Node::Word* words;
+    T* const* leaf = nullptr;
   };
 
   // Begins a new piece; whatever the walker walked before is forgotten.
   void start(const Piece& piece) {
     framesM.clear();
     keyM.assign(piece.key);
-    nodesM = piece.nodes;
+    wordsM = piece.words;
     pendingM = piece.node;
+    pendingLeafM = piece.leaf;
     ownOnlyM = piece.ownOnly;
-    __builtin_prefetch(pendingM);
+    if (pendingM != nullptr) __builtin_prefetch(pendingM);
+    if (pendingLeafM != nullptr) __builtin_prefetch(pendingLeafM);
   }
 
   // One step: false when the piece is done. Otherwise `payload` is the payload of the node
   // that this step visited, null when it has none or the step only moved between nodes.
   bool step(const T*& payload, int radix) {
     payload = nullptr;
+    if (pendingLeafM != nullptr) {
+      payload = *std::exchange(pendingLeafM, nullptr);
+      // A leaf gets a frame too, so that every frame but the first stands for one key character.
+      framesM.push_back(Frame{nullptr, 0, 0});
+      return true;
+    }
     if (pendingM != nullptr) {
       const Node* const node = std::exchange(pendingM, nullptr);
       payload = node->dataM;
-      // A leaf gets a frame too, so that every frame but the first stands for one key character.
       const bool descend = !ownOnlyM && node->hasChildren();
-      const Node* const children = descend ? nodesM + node->childrenM : nullptr;
-      if (children != nullptr) {
-        __builtin_prefetch(children);
-        __builtin_prefetch(children + node->childCount() - 1);
+      if (descend) {
+        const typename Node::Word* const group = wordsM + node->childrenM;
+        __builtin_prefetch(group);
+        __builtin_prefetch(group + node->groupWords() - 1);
       }
-      framesM.push_back(Frame{children, descend ? node->digitsM : std::uint16_t{0}, 0, 0});
+      framesM.push_back(Frame{descend ? node : nullptr, descend ? unsigned{node->innerM} | node->leafM : 0u, 0});
       return true;
     }
     while (!framesM.empty()) {
@@ -65,11 +74,15 @@ public:
       const unsigned rest = frame.slot < radix ? frame.digits >> frame.slot : 0u;
       if (rest != 0) {
         frame.slot += std::countr_zero(rest);
-        pendingM = frame.children + frame.rank;
+        if (frame.node->hasLeaf(frame.slot)) {
+          pendingLeafM = frame.node->leaf(wordsM, frame.slot);
+          __builtin_prefetch(pendingLeafM);
+        } else {
+          pendingM = frame.node->inner(wordsM, frame.slot);
+          __builtin_prefetch(pendingM);
+        }
         keyM.push_back(PtrTreeDigits::character(frame.slot));
         ++frame.slot;
-        ++frame.rank;
-        __builtin_prefetch(pendingM);
         return true;
       }
       framesM.pop_back();
@@ -83,15 +96,15 @@ public:
 
 private:
   struct Frame {
-    const Node* children;  // null for a node without children
-    unsigned digits;       // the digits that have a child
-    int slot;              // the next digit to look at
-    unsigned rank;         // the position of the next child among the children
+    const Node* node;  // null for a node without children and for a leaf
+    unsigned digits;   // the digits that have a child
+    int slot;          // the next digit to look at
   };
   std::vector<Frame> framesM;
   std::string keyM;
-  const Node* nodesM = nullptr;
+  const typename Node::Word* wordsM = nullptr;
   const Node* pendingM = nullptr;  // visited by the next step
+  T* const* pendingLeafM = nullptr;
   bool ownOnlyM = false;
 };
 

@@ -36,7 +36,8 @@ void RecordChunk::clear() noexcept {
 
 void RecordChunk::release() noexcept {
   clear();
-  keyedM.offer();  // sort() offered spareM already
+  keyedM.release();
+  spareM.release();
   std::vector<Entry>().swap(unkeyedM);
   std::vector<std::uint64_t>().swap(lowsM);
   std::vector<std::pair<std::uint32_t, std::string>>().swap(textsM);
@@ -97,7 +98,6 @@ void RecordChunk::sort(const PBC::BothJobs& both) {
   // After an odd number of passes the sorted entries are in the second array, which then
   // takes the first one's place rather than being copied back.
   if (from != keyedM.data()) keyedM.swap(spareM);
-  spareM.offer();
   if (lowsM.empty()) return;
   // Numbers of more than sixteen digits: among equal high words, by low word, then in order.
   const auto lowOf = [this](const Entry& entry) { return entry.lowM == 0 ? 0 : lowsM[entry.lowM - 1]; };

@@ -56,9 +56,8 @@ public:
   bool empty() const noexcept { return size() == 0; }
   // Forgets every record and keeps the memory for the next fill.
   void clear() noexcept;
-  // Forgets every record and returns the memory: the small parts at once, the array of
-  // entries lazily (PBC::LargeArray::offer, as sort() does with its second array), so that
-  // the next load fills the pages that this one touched unless the system took them back.
+  // Forgets every record and returns all of its memory to the system at once, the arrays that
+  // sort() uses included, so that the process's resident memory after a load is the trees'.
   void release() noexcept;
 
   // Orders the records by number, in the order of add among equal numbers; each pass of the
@@ -97,7 +96,7 @@ private:
   }
 
   PBC::LargeArray<Entry> keyedM;     // in the order of add, then of sort()
-  PBC::LargeArray<Entry> spareM;     // sort()'s second array; offered back once sorted
+  PBC::LargeArray<Entry> spareM;     // sort()'s second array, kept for the next chunk's sort
   std::vector<Entry> unkeyedM;       // numbers of more digits than a key holds
   std::vector<std::uint64_t> lowsM;  // the low words that are not 0 (numbers of more than 16 digits)
   // The numbers that are not just their digits (other characters, or more than sixteen

@@ -10,6 +10,7 @@
 
 #include "BAS/LargeBlock.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -50,6 +51,15 @@ public:
     for (Slab& slab : slabsM) slab.used = 0;
     currentM = 0;
     usedM = 0;
+  }
+
+  // Gives back the slabs after the one being filled: once a tree was filled again with fewer
+  // blocks than before (a compact copy), the pages that only the earlier fill touched would
+  // otherwise stay resident.
+  void releaseUnused() noexcept {
+    const std::size_t kept = std::min(currentM + 1, slabsM.size());
+    for (std::size_t i = kept; i < slabsM.size(); ++i) BAS::LargeBlock::release(slabsM[i].base, slabBytesM);
+    slabsM.resize(kept);
   }
 
   // Calls visit(begin, end) for the used part of each slab, in allocation order. For an arena

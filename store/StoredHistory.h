@@ -1,9 +1,10 @@
 // DAT::NumberPortability::StoredHistory is one number's history as a portability tree stores
 // it: a record count followed by exactly that many records, newest first, in one block of the
 // tree's HistoryArena, so that a number costs its node's pointer, four bytes and eight per
-// record. The tree creates, grows (by moving to a larger block) and searches them; the static
-// helpers hold the history rules that NumberPortabilityList shares. Not synchronised: reads
-// may run concurrently, changes alone.
+// record; a history of one record usually costs only the pointer (see single). The tree
+// creates, grows (by moving to a larger block) and searches them; the static helpers hold the
+// history rules that NumberPortabilityList shares. Not synchronised: reads may run
+// concurrently, changes alone.
 #pragma once
 
 #include "store/NumberPortabilityData.h"
@@ -35,6 +36,35 @@ public:
   // the records are left for the caller to write.
   static StoredHistory* create(void* block, std::uint32_t count) noexcept { return ::new (block) StoredHistory(count); }
 
+  // Three numbers in four have a single record. Such a history, when its operator index
+  // leaves the top bit of the record's word clear (below 2^23: every real operator table),
+  // is the tree's payload pointer itself: the record's word shifted up, tagged by a low bit
+  // that no block's address has. single gives that pointer, or null when the record does not
+  // fit and needs a block like any longer history. Such a pointer must never be dereferenced:
+  // recordsOf reads both forms.
+  static StoredHistory* single(const StoredRecord& record) noexcept {
+    if constexpr (sizeof(std::uintptr_t) < sizeof(std::uint64_t)) {
+      return nullptr;
+    } else {
+      const std::uint64_t word = record.word();
+      if (word >> 63 != 0) return nullptr;
+      return reinterpret_cast<StoredHistory*>(static_cast<std::uintptr_t>(word << 1 | singleTagCM));
+    }
+  }
+  static bool isSingle(const StoredHistory* history) noexcept {
+    return (reinterpret_cast<std::uintptr_t>(history) & singleTagCM) != 0;
+  }
+  // The records of either form; a single record is copied into `room`, which the span views.
+  static std::span<const StoredRecord> recordsOf(const StoredHistory* history, StoredRecord& room) noexcept {
+    if (!isSingle(history)) return history->records();
+    room = StoredRecord::fromWord(static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(history)) >> 1);
+    return {&room, 1};
+  }
+  // Asks for the block of a history, a no-op for a single record held in the pointer.
+  static void prefetch(const StoredHistory* history) noexcept {
+    if (!isSingle(history)) __builtin_prefetch(history);
+  }
+
   std::uint32_t size() const noexcept { return countM; }
   StoredRecord* data() noexcept { return reinterpret_cast<StoredRecord*>(this + 1); }
   const StoredRecord* data() const noexcept { return reinterpret_cast<const StoredRecord*>(this + 1); }
@@ -63,6 +93,8 @@ public:
                           std::string_view number);
 
 private:
+  static constexpr std::uintptr_t singleTagCM = 1;
+
   explicit StoredHistory(std::uint32_t count) noexcept : countM(count) {}
 
   std::uint32_t countM;  // the records follow the count
@@ -70,5 +102,6 @@ private:
 
 static_assert(sizeof(StoredHistory) == 4 && alignof(StoredHistory) == alignof(StoredRecord),
               "the records follow the count without a gap");
+static_assert(alignof(StoredHistory) > 1, "a block's address leaves the single-record tag clear");
 
 }  // namespace DAT::NumberPortability

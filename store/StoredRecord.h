@@ -33,6 +33,16 @@ public:
   BAS::DateTime validFrom() const noexcept { return BAS::DateTime::fromSecs(secs()); }
   std::uint32_t operatorIndex() const noexcept { return highM >> 8; }
 
+  // The record as one word, operator index in the top 24 bits, and back: for an owner that
+  // keeps a record where a word fits (StoredHistory's single-record form).
+  std::uint64_t word() const noexcept { return std::uint64_t{highM} << 32 | lowM; }
+  static StoredRecord fromWord(std::uint64_t word) noexcept {
+    StoredRecord record;
+    record.lowM = static_cast<std::uint32_t>(word);
+    record.highM = static_cast<std::uint32_t>(word >> 32);
+    return record;
+  }
+
 private:
   static constexpr BAS::DateTime::Secs secsLimitCM = (BAS::DateTime::Secs{1} << 40) - 1;
 

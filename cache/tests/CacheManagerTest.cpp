@@ -311,7 +311,25 @@ TEST(CacheManager, ManyBlocksAndChunksGiveTheReportsAndRecordsOfSingleInsertsInL
     return list;
   };
 
-  for (const std::size_t chunkLines : {std::size_t{1} << 24, std::size_t{30000}}) {
+  // The last quarter of the lines as a delta file: every line of it a duplicate of loaded data
+  // or rejected, each reported in the first pass and again, numbered from 1, in the second.
+  const std::size_t deltaFrom = text.find('\n', text.size() * 3 / 4) + 1;
+  const std::string deltaText = text.substr(deltaFrom);
+  Reports deltaOnce;
+  {
+    std::istringstream lines(deltaText);
+    std::string line;
+    for (unsigned long number = 1; std::getline(lines, line); ++number) {
+      const std::string fields[] = {line.substr(0, line.find(' ')), line.substr(line.find(' ') + 1, 14)};
+      deltaOnce.push_back(line.starts_with("bad")
+                              ? NpTest::rejected("ERR_NUMBER_OF_FIELDS_IN_RECORD", "", number, {"1", "3", line})
+                              : NpTest::rejected("ERR_DUPLICATE_NUMPORTDATA", "", number, {fields[0], fields[1]}));
+    }
+  }
+
+  // The whole file in one chunk; a block per chunk; a chunk of a block and one line; chunks
+  // that end inside a block.
+  for (const std::size_t chunkLines : {std::size_t{1} << 24, std::size_t{1}, std::size_t{16385}, std::size_t{30000}}) {
     SCOPED_TRACE(chunkLines);
     Cache c(text, chunkLines);
     Reports twice;  // a load reports each line once per tree
@@ -330,6 +348,16 @@ TEST(CacheManager, ManyBlocksAndChunksGiveTheReportsAndRecordsOfSingleInsertsInL
     again.insert(again.end(), once.begin(), once.end());
     again.push_back({"INF_DELETE_OLD_DATA", 1, {"NumberPortability"}});
     expectSameReports(c.owner.take(), again);
+    EXPECT_TRUE(c.bothTrees() == referenceDump.str()) << "the trees differ from single inserts";
+
+    const std::string delta = NpTest::writeText(c.dir.path("delta.txt"), deltaText);
+    c.owner.take();
+    ASSERT_TRUE(c.cache.cacheDeltaLoad(BAS::String(delta)));
+    const Reports deltaReports = in(deltaOnce, delta);
+    Reports deltaTwice = deltaReports;
+    deltaTwice.insert(deltaTwice.end(), deltaReports.begin(), deltaReports.end());
+    expectSameReports(c.owner.take(), deltaTwice);
+    EXPECT_TRUE(NpTest::readText(c.data) == referenceDump.str()) << "the rewritten file differs from single inserts";
     EXPECT_TRUE(c.bothTrees() == referenceDump.str()) << "the trees differ from single inserts";
   }
 }

@@ -2,6 +2,10 @@
 
 #include <sys/mman.h>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include <cstdint>
 #include <new>
 
@@ -43,8 +47,10 @@ void LargeBlock::release(void* block, std::size_t bytes) noexcept {
   if (block != nullptr) munmap(block, roundUp(bytes == 0 ? 1 : bytes));
 }
 
-void LargeBlock::offer(void* block, std::size_t bytes) noexcept {
-  if (block != nullptr) madvise(block, roundUp(bytes == 0 ? 1 : bytes), MADV_FREE);
+void LargeBlock::returnFreeHeap() noexcept {
+#if defined(__GLIBC__)
+  malloc_trim(0);
+#endif
 }
 
 }  // namespace BAS

@@ -29,15 +29,13 @@ public:
   static void* resize(void* block, std::size_t bytes, std::size_t newBytes, bool hugePages);
   // Gives back a block from allocate or resize with the same `bytes`. Null is ignored.
   static void release(void* block, std::size_t bytes) noexcept;
-  // Offers the pages of a block from allocate or resize (same `bytes`) back to the system
-  // without unmapping them: the system takes them only when it runs short of memory, and a
-  // page written before that stays with the block. Until taken, they count as the process's
-  // resident memory ("LazyFree" in /proc/PID/smaps). Their content is undefined from here on:
-  // old bytes or zeros. A block filled again soon then costs no fresh pages; on a virtual
-  // machine, whose hypervisor backs fresh memory only as it is first touched, faulting in
-  // hundreds of megabytes stalls the other processors for milliseconds. Where the system has
-  // no such offer, the pages simply stay. Null is ignored.
-  static void offer(void* block, std::size_t bytes) noexcept;
+  // Returns to the system the pages that the heap (malloc) keeps free, in every thread's arena.
+  // The heap gives back on its own only what lies at its top; the buffers of a load that are
+  // freed below data still in use would otherwise stay resident until the next load reuses
+  // them, and an operator's monitoring counts them. Costs a walk over the free lists: call it
+  // once an operation has freed its buffers, not in a loop. Does nothing where the C library
+  // has no such call.
+  static void returnFreeHeap() noexcept;
 };
 
 }  // namespace BAS

@@ -1,6 +1,7 @@
 // The digit trie and the arenas under the portability tree.
 #include "store/HistoryArena.h"
 #include "store/PtrTree.h"
+#include "store/tests/Tag.h"
 #include "store/SlabArena.h"
 
 #include <gtest/gtest.h>
@@ -17,15 +18,7 @@
 namespace PBC {
 namespace {
 
-// Payload that prints "key=name" and counts the live instances, so that the tests see what the
-// trie releases.
-struct Tag {
-  explicit Tag(std::string tagName) : name(std::move(tagName)) { ++live; }
-  ~Tag() { --live; }
-  void printTree(std::ostream& out, const BAS::String& key) const { out << key << '=' << name << '\n'; }
-  std::string name;
-  static inline int live = 0;
-};
+using test::Tag;
 using Tree = PtrTree<Tag>;
 
 std::string nameOf(const Tag* tag) { return tag != nullptr ? tag->name : "null"; }

@@ -1,12 +1,18 @@
 // Loading by chunk: a tree that takes a sorted chunk, empty or not, in one piece or several,
 // must end exactly as single ordered inserts in file order leave it (same records, same
-// refusals, same nodes), and the chunk must name each refused record as it was added.
+// refusals, same nodes), and the chunk must name each refused record as it was added. A
+// released chunk gives its memory back to the system at once.
 #include "store/NumberPortabilityTree.h"
 #include "store/RecordChunk.h"
+#include "testing/ResidentMemory.h"
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <charconv>
 #include <cstdint>
+#include <fstream>
 #include <random>
 #include <set>
 #include <sstream>
@@ -100,6 +106,8 @@ TEST(RecordChunk, ATreeTakesChunksAsSingleInsertsInFileOrderWouldLeaveIt) {
       {"one chunk into an empty tree", 0, {lines.size()}},
       {"a chunk into an empty tree, then one into the filled tree", 0, {lines.size() / 3, lines.size()}},
       {"single inserts first, then a chunk", lines.size() / 2, {lines.size()}},
+      {"a small chunk builds the tree, ten more go into it", 0,
+       {1000, 4900, 8800, 12700, 16600, 20500, 24400, 28300, 32200, 36100, lines.size()}},
   };
   for (const Split& split : splits) {
     SCOPED_TRACE(split.label);
@@ -140,6 +148,29 @@ TEST(RecordChunk, SortsAChunkWhoseHalvesDifferInADigitThatEachHalfShares) {
   RecordChunk chunk;
   EXPECT_TRUE(insertChunk(chunk, chunked, lines, 0, lines.size()).empty());
   EXPECT_TRUE(dump(chunked) == dump(single)) << "the dumps differ";
+}
+
+using NpTest::residentBytes;
+
+// A load's chunk must not stay in the process's resident memory once the load is over: pages
+// only offered back to the system still count there until it runs short, and an operator's
+// monitoring takes them for the data's.
+TEST(RecordChunk, AReleasedChunkLeavesTheResidentMemoryAtOnce) {
+  if (!std::ifstream("/proc/self/statm")) GTEST_SKIP() << "no /proc/self/statm to read the resident memory from";
+  RecordChunk chunk;
+  const NumberPortabilityData record(BAS::DateTime("20200101000000"), BAS::SimpleString("OP"));
+  const std::size_t before = residentBytes();
+  char number[32] = "0049";
+  for (std::uint64_t i = 0; i < 2000000; ++i) {
+    // No heap on the way: only the chunk's own memory grows.
+    const auto written = std::to_chars(number + 4, number + sizeof number, 9999999999 - i * 7919 % 100000000);
+    chunk.add(std::string_view(number, static_cast<std::size_t>(written.ptr - number)), record);
+  }
+  chunk.sort();  // the sort's second array is the chunk's too
+  const std::size_t filled = residentBytes();
+  ASSERT_GT(filled, before + 64 * 1024 * 1024) << "two arrays of 24-byte entries for two million records";
+  chunk.release();
+  EXPECT_LT(residentBytes(), before + (filled - before) / 8);
 }
 
 }  // namespace
