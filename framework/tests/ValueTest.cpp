@@ -104,19 +104,7 @@ TEST(LargeBlock, HandsOutAlignedZeroedBlocksThatCanBeUsedToTheirEnd) {
   }
 }
 
-// Under a sanitizer, malloc is the sanitizer's, which the C library's trim does not reach.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool libraryHeapCM = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool libraryHeapCM = false;
-#else
-constexpr bool libraryHeapCM = true;
-#endif
-#else
-constexpr bool libraryHeapCM = true;
-#endif
-
+using NpTest::libraryHeapCM;
 using NpTest::residentBytes;
 
 // Small allocations freed below one that is still in use stay with the heap, resident, until

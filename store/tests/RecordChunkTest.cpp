@@ -157,6 +157,7 @@ using NpTest::residentBytes;
 // monitoring takes them for the data's.
 TEST(RecordChunk, AReleasedChunkLeavesTheResidentMemoryAtOnce) {
   if (!std::ifstream("/proc/self/statm")) GTEST_SKIP() << "no /proc/self/statm to read the resident memory from";
+  if (!NpTest::unmappedPagesLeaveCM) GTEST_SKIP() << "the sanitizer's shadow of unmapped pages stays resident";
   RecordChunk chunk;
   const NumberPortabilityData record(BAS::DateTime("20200101000000"), BAS::SimpleString("OP"));
   const std::size_t before = residentBytes();
