@@ -276,13 +276,12 @@ void LoadOperation::flushChunk(const STR::FileIoTurbo& reader, NumberPortability
 
 void LoadOperation::startInsert(NumberPortabilityTree& tree) {
   LineChunk& chunk = filling();
-  // The helper thread takes the jobs of the sort once its block is parsed.
-  collectHelpedBlock();
-  chunk.recordsM.sort(bothJobs());
   chunk.refusedM.clear();
   // Inserting a chunk into a grown tree walks far more memory than reading and parsing the
   // next one does, and takes a single thread: beside them, it keeps the second processor busy.
+  // The sort goes with it, so that the parsing never waits for it.
   inserterM.start([&chunk, &tree] {
+    chunk.recordsM.sort();
     tree.insertChunk(chunk.recordsM, chunk.refusedM);
     countFill();
   });

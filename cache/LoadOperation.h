@@ -7,8 +7,8 @@
 // and a dump can run beside.
 //
 // Thread contract: made, used and destroyed by the thread of its operation; the trees it fills
-// must not be read by anyone meanwhile. It runs jobs on two threads of its own (parsing and
-// sorting on one, inserting a chunk on the other), which have ended by the time a reading
+// must not be read by anyone meanwhile. It runs jobs on two threads of its own (parsing on
+// one, sorting and inserting a chunk on the other), which have ended by the time a reading
 // returns, and by the time the destructor returns when a failure cut the reading short.
 #pragma once
 
@@ -155,8 +155,8 @@ private:
   void addBlock(const LineBlock& block, const STR::FileIoTurbo& reader);
   // Adds every waiting block to the chunk and inserts it, after the chunk before it.
   void flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports);
-  // Sorts the chunk being filled and hands it to the inserter thread; the other chunk takes the
-  // next lines. REQUIRES: no chunk is being inserted.
+  // Hands the chunk being filled to the inserter thread, which sorts and inserts it; the other
+  // chunk takes the next lines. REQUIRES: no chunk is being inserted.
   void startInsert(NumberPortabilityTree& tree);
   // Waits until the chunk being inserted, if any, is in the tree (passing on what the insert
   // threw), then reports its rejected lines and duplicates, line by line in file order, each
