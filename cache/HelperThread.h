@@ -1,6 +1,6 @@
 // DAT::NumberPortability::HelperThread is a second thread that a load, reload, delta load or
 // dump keeps for its duration, to run one job at a time beside its own work on the machine's
-// other processor: parsing blocks of lines, filling the standby tree beside the active one,
+// other processor: parsing blocks of lines, inserting a chunk while the next one is read,
 // formatting half of a dump. The operation that owns it is its only client. start() and finish() are called by that
 // one thread; the job runs on the helper.
 #pragma once

@@ -40,10 +40,15 @@ private:
 
 LoadOperation::LoadOperation(const DataLineParser& parser, CacheOwner& owner, LoadProgress& progress,
                              std::size_t chunkLines, RecordChunk& records)
-    : parserM(parser), ownerM(owner), progressM(progress), chunkLinesM(chunkLines), lentM{records}, chunkM(records) {}
+    : parserM(parser),
+      ownerM(owner),
+      progressM(progress),
+      chunkLinesM(chunkLines),
+      lentM{records},
+      chunksM{LineChunk(records), LineChunk(ownRecordsM)} {}
 
-// The helper thread ends first (a job that it still runs after a failure finishes), then the
-// blocks and the chunk go, their memory back to the system at once. A chunk is a bounded number
+// The threads end first (a job that one still runs after a failure finishes), then the blocks
+// and the chunks go, their memory back to the system at once. A chunk is a bounded number
 // of lines, so the next operation faults in a few thousand fresh pages for it, not one per
 // record of the file; the pages of the trees, which are that large, stay mapped.
 LoadOperation::~LoadOperation() = default;
@@ -91,7 +96,7 @@ LoadOperation::Reading LoadOperation::read(DataFileLines& lines, NumberPortabili
   const STR::FileIoTurbo& reader = lines.reader();
   const ProgressScope progress(progressM, reader);
   Reading reading;
-  chunkM.lastGoodM = false;
+  lastGoodM = false;
   std::size_t processed = 0;
   BAS::String line;  // reused across lines
   for (DataFileLines::Step step; (step = lines.next(line)) != DataFileLines::Step::end;) {
@@ -107,7 +112,7 @@ LoadOperation::Reading LoadOperation::read(DataFileLines& lines, NumberPortabili
     }
   }
   flushChunk(reader, tree, reports);
-  reading.lastGood = chunkM.lastGoodM;
+  reading.lastGood = lastGoodM;
   return reading;
 }
 
@@ -161,7 +166,12 @@ void LoadOperation::blockFilled(const STR::FileIoTurbo& reader, NumberPortabilit
   // The next block to fill is one that is not waiting.
   fillingM = 0;
   while (std::find(pendingBlocksM, pendingBlocksM + pendingCountM, fillingM) != pendingBlocksM + pendingCountM) ++fillingM;
-  if (chunkM.recordsM.size() + chunkM.skippedM.size() >= chunkLinesM) insertChunk(reader, tree, reports);
+  const LineChunk& chunk = filling();
+  if (chunk.recordsM.size() + chunk.skippedM.size() < chunkLinesM) return;
+  // The chunk before must be in the tree first: chunks go in in file order, so that the earlier
+  // of two equal records wins and the reports come in file order.
+  finishInsert(reader, reports);
+  startInsert(tree);
 }
 
 void LoadOperation::advanceBlocks(const STR::FileIoTurbo& reader, bool drain) {
@@ -212,7 +222,7 @@ void LoadOperation::collectHelpedBlock() {
 
 void LoadOperation::addBlock(const LineBlock& block, const STR::FileIoTurbo& reader) {
   if (block.empty()) return;
-  LineChunk& chunk = chunkM;
+  LineChunk& chunk = filling();
   RecordChunk& records = chunk.recordsM;
   if (chunk.empty()) {
     chunk.firstLineM = block.firstLine();
@@ -240,7 +250,7 @@ void LoadOperation::addBlock(const LineBlock& block, const STR::FileIoTurbo& rea
         break;
       }
     }
-    chunk.lastGoodM = block.kind(i) == LineBlock::Kind::parsed;
+    lastGoodM = block.kind(i) == LineBlock::Kind::parsed;
   }
   if (!secondPassM) {
     // Once per block, so that a display reading the figures costs the loader nothing per line.
@@ -259,19 +269,33 @@ void LoadOperation::flushChunk(const STR::FileIoTurbo& reader, NumberPortability
   }
   advanceBlocks(reader, true);
   fillingM = 0;
-  insertChunk(reader, tree, reports);
+  finishInsert(reader, reports);
+  startInsert(tree);
+  finishInsert(reader, reports);
 }
 
-void LoadOperation::insertChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports) {
-  LineChunk& chunk = chunkM;
+void LoadOperation::startInsert(NumberPortabilityTree& tree) {
+  LineChunk& chunk = filling();
+  chunk.refusedM.clear();
+  // Inserting a chunk into a grown tree walks far more memory than reading and parsing the
+  // next one does, and takes a single thread: beside them, it keeps the second processor busy.
+  // The sort goes with it, so that the parsing never waits for it.
+  inserterM.start([&chunk, &tree] {
+    chunk.recordsM.sort();
+    tree.insertChunk(chunk.recordsM, chunk.refusedM);
+    countFill();
+  });
+  insertingM = true;
+  fillingChunkM ^= 1;
+}
+
+void LoadOperation::finishInsert(const STR::FileIoTurbo& reader, int reports) {
+  if (!insertingM) return;
+  insertingM = false;
+  inserterM.finish();
+  LineChunk& chunk = chunksM[fillingChunkM ^ 1];
   RecordChunk& records = chunk.recordsM;
-  // The helper thread takes the jobs of the sort and the build once its block is parsed.
-  collectHelpedBlock();
-  records.sort(bothJobs());
-  std::vector<std::size_t>& refused = chunk.refusedM;
-  refused.clear();
-  tree.insertChunk(records, refused);
-  countFill();
+  const std::vector<std::size_t>& refused = chunk.refusedM;
 
   // The reports in file order: the skipped lines fall between the records.
   std::vector<std::pair<std::uint32_t, std::size_t>>& refusals = chunk.refusalsM;  // index and place

@@ -1,13 +1,15 @@
 // DAT::NumberPortability::LoadOperation carries out the reading and tree building of one load,
 // reload or delta load for the CacheManager: lines read by the reading rule into blocks, parsed
 // on two threads, gathered into a chunk that is sorted by number and inserted into a tree a
-// chunk at a time; the second pass over the same lines; the copy of one tree into the other.
-// Everything that one operation needs lives in the object made for it, so that a failure, an
-// exception included, leaves nothing half-set for the next operation, and a dump can run beside.
+// chunk at a time, while the next chunk is read; the second pass over the same lines; the copy
+// of one tree into the other. Everything that one operation needs lives in the object made for
+// it, so that a failure, an exception included, leaves nothing half-set for the next operation,
+// and a dump can run beside.
 //
 // Thread contract: made, used and destroyed by the thread of its operation; the trees it fills
-// must not be read by anyone meanwhile. It runs jobs on a helper thread of its own, which has
-// ended by the time the destructor returns.
+// must not be read by anyone meanwhile. It runs jobs on two threads of its own (parsing on
+// one, sorting and inserting a chunk on the other), which have ended by the time a reading
+// returns, and by the time the destructor returns when a failure cut the reading short.
 #pragma once
 
 #include "BAS/LargeBlock.h"
@@ -104,7 +106,8 @@ private:
   };
 
   // Lines parsed and waiting to be inserted together: a tree takes a whole chunk sorted by
-  // number, which builds an empty tree in one pass.
+  // number, which builds an empty tree in one pass. Two take turns: one is filled while the
+  // other is inserted.
   struct LineChunk {
     explicit LineChunk(RecordChunk& records) : recordsM(records) {}
     RecordChunk& recordsM;
@@ -114,7 +117,6 @@ private:
     std::vector<std::uint32_t> operatorsM;   // addBlock's room: a block's operator indexes to the chunk's
     std::vector<std::size_t> refusedM;       // the places of the records the tree refused
     std::vector<std::pair<std::uint32_t, std::size_t>> refusalsM;  // their indexes and places, in file order
-    bool lastGoodM = false;                  // the last line processed gave a record
     bool empty() const { return recordsM.empty() && skippedM.empty(); }
   };
 
@@ -151,11 +153,16 @@ private:
   void collectHelpedBlock();
   // Adds what a parsed block gave to the chunk.
   void addBlock(const LineBlock& block, const STR::FileIoTurbo& reader);
-  // Adds every waiting block to the chunk, inserts the chunk into the tree
-  // and reports its rejected lines and duplicates, line by line in file order, each `reports`
-  // times: once per tree that gets (or will get by a copy) the same lines.
+  // Adds every waiting block to the chunk and inserts it, after the chunk before it.
   void flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports);
-  void insertChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports);
+  // Hands the chunk being filled to the inserter thread, which sorts and inserts it; the other
+  // chunk takes the next lines. REQUIRES: no chunk is being inserted.
+  void startInsert(NumberPortabilityTree& tree);
+  // Waits until the chunk being inserted, if any, is in the tree (passing on what the insert
+  // threw), then reports its rejected lines and duplicates, line by line in file order, each
+  // `reports` times: once per tree that gets (or will get by a copy) the same lines.
+  void finishInsert(const STR::FileIoTurbo& reader, int reports);
+  LineChunk& filling() { return chunksM[fillingChunkM]; }
   // Counts a tree fill for the test seam.
   static void countFill();
 
@@ -167,9 +174,16 @@ private:
   bool noteLinesM = false;                   // insertChunk notes the lines it reports in notedM
   std::vector<NotedLine> notedM;
 
-  // Destroyed after the helper thread, which may be working on them until it ends.
+  bool lastGoodM = false;  // the last line processed gave a record
+
+  // Destroyed after the threads, which may be working on them until they end.
   RecordsLent lentM;
-  LineChunk chunkM;
+  RecordChunk ownRecordsM;  // the second chunk's records, released before lentM returns the heap
+  LineChunk chunksM[2];
+  std::size_t fillingChunkM = 0;  // the chunk that takes the parsed blocks
+  // The other chunk and the tree it goes into belong to the inserter thread: this thread
+  // touches them only after HelperThread::finish.
+  bool insertingM = false;
   LineBlock blocksM[blockCountCM];  // lines read, to be parsed and added to the chunk
   std::size_t fillingM = 0;         // the block that takes the next line
   std::size_t pendingBlocksM[blockCountCM] = {};  // the full blocks not yet added, in file order
@@ -178,7 +192,8 @@ private:
   // The block that the helper thread parses, or noBlockCM. The helper writes only into that
   // block, and this thread touches it only after HelperThread::finish.
   std::size_t helpedBlockM = noBlockCM;
-  HelperThread helperM;  // last, so that it ends first
+  HelperThread inserterM;  // inserts one chunk while the next is read
+  HelperThread helperM;    // last, so that the threads end first
 };
 
 }  // namespace DAT::NumberPortability

@@ -362,6 +362,36 @@ TEST(CacheManager, ManyBlocksAndChunksGiveTheReportsAndRecordsOfSingleInsertsInL
   }
 }
 
+// A chunk is inserted while the next one is read: a failure of the insert fails the operation
+// wherever the reading has got to, the data in service stays, and the next reload works.
+TEST(CacheManager, AChunkInsertThatFailsWhileTheNextChunkIsReadFailsTheOperationAndTheOldDataStays) {
+  using DAT::NumberPortability::LoadOperation;
+  // A chunk takes one to four blocks of 16384 lines, as the parsing thread keeps up: three
+  // chunks at least.
+  constexpr int lines = 10 * 16384 + 100;
+  std::string text;
+  for (int i = 0; i < lines; ++i) text += "0301" + std::to_string(1000000 + i) + " 20200101000000 NEW\n";
+  for (const long fills : {0L, 1L}) {  // the first chunk, one in between
+    SCOPED_TRACE(fills);
+    Cache c(initialData, 16384);
+    for (const bool reload : {true, false}) {
+      SCOPED_TRACE(reload ? "reload" : "delta load");
+      const std::string file = reload ? c.data : c.dir.path("delta.txt");
+      NpTest::writeText(file, text);
+      LoadOperation::failTreeFillAfterForTesting(fills);
+      EXPECT_THROW(reload ? c.cache.cacheReload(true) : c.cache.cacheDeltaLoad(BAS::String(file)), std::bad_alloc);
+      LoadOperation::failTreeFillAfterForTesting(-1);
+      EXPECT_TRUE(c.content() == initialDump) << "the data in service changed";
+      EXPECT_EQ(c.cache.publishedRecords(), 3U);
+    }
+    NpTest::writeText(c.data, text);
+    c.owner.take();
+    ASSERT_TRUE(c.cache.cacheReload(false));
+    EXPECT_EQ(c.cache.publishedRecords(), static_cast<std::uint32_t>(lines));
+    EXPECT_EQ(c.lookup("004930" + std::to_string(11000000 + lines - 1)), "NEW");
+  }
+}
+
 // Every answer comes from one complete data set, the old or the new, never from a tree that is
 // being emptied or filled.
 TEST(CacheManager, LookupsDuringReloadsSeeTheOldOrTheNewDataWhole) {
