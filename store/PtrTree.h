@@ -8,15 +8,17 @@
 // the tree's memory. No locks: searches and dumps may run concurrently, insert and destroy must
 // run alone.
 //
-// This header holds the trie itself: nodes, memory and the single-key walks. The batched walks
-// live in PtrTreeBatchWalk.h, the key-order walks and the dump's pieces in PtrTreeKeyOrderWalk.h
-// and PtrTreeWalker.h; the members here that belong to them only hand the work over.
+// This header holds the trie itself: nodes and memory. The single-key walks live in
+// PtrTreeSingleWalk.h, the batched walks in PtrTreeBatchWalk.h, the key-order walks and the
+// dump's pieces in PtrTreeKeyOrderWalk.h and PtrTreeWalker.h; the members here that belong to
+// them only hand the work over.
 #pragma once
 
 #include "store/PtrTreeBatchWalk.h"
 #include "store/PtrTreeDigits.h"
 #include "store/PtrTreeKeyOrderWalk.h"
 #include "store/PtrTreeNode.h"
+#include "store/PtrTreeSingleWalk.h"
 #include "store/PtrTreeSortedBuild.h"
 #include "store/PtrTreeWalker.h"
 
@@ -80,7 +82,9 @@ public:
   // and whoever replaces it takes it back (the portability tree never replaces one, it adds to
   // the history it finds). Out of memory propagates; nodes linked in before stay, without
   // payload, and `payload` is still the caller's.
-  void insert(const BAS::String& key, T* payload) { *reach(key.view()) = payload; }
+  void insert(const BAS::String& key, T* payload) {
+    *PtrTreeSingleWalk<T, Release>::reach(*this, key.view(), nullptr) = payload;
+  }
 
   // The payload field of the node of `key`, creating missing nodes, for an owner that fills
   // payloads in place (one walk for "find or create"). Null, and nothing created, for a key
@@ -88,7 +92,7 @@ public:
   // propagates; nodes linked in before stay.
   T** payloadSlot(std::string_view key) {
     bool digitRead = false;
-    T** const slot = reach(key, &digitRead);
+    T** const slot = PtrTreeSingleWalk<T, Release>::reach(*this, key, &digitRead);
     return digitRead ? slot : nullptr;
   }
 
@@ -124,25 +128,9 @@ public:
   // stored prefix of `key`, the key itself included. Null when there is none, for a key
   // without digits and after destroy.
   T* search(const BAS::String& key, bool exact) const noexcept {
-    if (usedM == 0) return nullptr;
-    const Node* node = &rootNode();
-    bool digitRead = false;
-    const std::string_view text = key.view();
-    for (std::size_t i = 0; i < text.size(); ++i) {
-      const int digit = digitValue(text[i]);
-      if (digit < 0) continue;
-      if (!exact && node->dataM != nullptr) return node->dataM;
-      if (node->hasLeaf(digit)) {
-        // A leaf has no children: a longer key ends with it only as its prefix.
-        T* const payload = *node->leaf(wordsM, digit);
-        return exact && containsDigit(text.substr(i + 1)) ? nullptr : payload;
-      }
-      if ((node->innerM >> digit & 1u) == 0) return nullptr;
-      node = node->inner(wordsM, digit);
-      digitRead = true;
-    }
-    return digitRead ? node->dataM : nullptr;
+    return PtrTreeSingleWalk<T, Release>::search(*this, key.view(), exact);
   }
+
 
   // Pushes the payloads of all stored prefixes of `key`, the key itself included, shortest
   // first, so that popping yields the longest first. Pushes nothing for a key without digits.
@@ -150,23 +138,9 @@ public:
   template <class Stack>
     requires requires(Stack& stack, T* payload) { stack.push_back(payload); }
   void search(const BAS::String& key, Stack& stack) const {
-    if (usedM == 0) return;
-    const Node* node = &rootNode();
-    bool digitRead = false;
-    for (const char c : key.view()) {
-      const int digit = digitValue(c);
-      if (digit < 0) continue;
-      if (node->dataM != nullptr) stack.push_back(node->dataM);
-      if (node->hasLeaf(digit)) {
-        if (T* const payload = *node->leaf(wordsM, digit)) stack.push_back(payload);
-        return;
-      }
-      if ((node->innerM >> digit & 1u) == 0) return;
-      node = node->inner(wordsM, digit);
-      digitRead = true;
-    }
-    if (digitRead && node->dataM != nullptr) stack.push_back(node->dataM);
+    PtrTreeSingleWalk<T, Release>::search(*this, key.view(), stack);
   }
+
 
   // The stack search for several keys at once: visit(i, payload, depth, whole) for each payload
   // that search(keys[i], stack) would push, shortest prefix first for each key, with depth the
@@ -280,10 +254,13 @@ public:
   }
   // Bytes of the word array that holds the nodes and leaves.
   std::size_t reservedBytes() const noexcept { return capacityM * sizeof(Word); }
+  // Bytes of the word array handed out so far, free groups included.
+  std::size_t usedBytes() const noexcept { return std::size_t{usedM} * sizeof(Word); }
 
 private:
   friend class PtrTreeBatchWalk<T, Release>;
   friend class PtrTreeKeyOrderWalk<T, Release>;
+  friend class PtrTreeSingleWalk<T, Release>;
   friend class PtrTreeSortedBuild<T, Release>;
 
   using Word = typename Node::Word;
@@ -399,31 +376,46 @@ private:
     return &nodeAt(node.innerAt(digit)).dataM;
   }
 
-  // The payload field of the node of `key`, created with its path where missing; `digitRead`
-  // tells whether the key had a digit at all (without one it is the root's). A new node that
-  // ends the key is a leaf; a leaf that the key passes through becomes an inner node.
-  T** reach(std::string_view key, bool* digitRead = nullptr) {
-    createRoot();
-    std::size_t lastDigit = key.size();  // where the key's last digit is
-    while (lastDigit != 0 && digitValue(key[lastDigit - 1]) < 0) --lastDigit;
-    std::uint32_t at = 0;  // the inner node reached
-    int leafDigit = -1;    // when the key stands at a leaf below `at`: its digit
-    for (std::size_t i = 0; i < lastDigit; ++i) {
-      const int digit = digitValue(key[i]);
-      if (digit < 0) continue;
-      if (digitRead != nullptr) *digitRead = true;
-      if (leafDigit >= 0) at = reshape(at, std::exchange(leafDigit, -1), true);
-      const Node& node = nodeAt(at);
-      if ((node.innerM >> digit & 1u) != 0) {
-        at = node.innerAt(digit);
-      } else if (node.hasLeaf(digit) || i + 1 == lastDigit) {
-        if (!node.hasLeaf(digit)) reshape(at, digit, false);
-        leafDigit = digit;
-      } else {
-        at = reshape(at, digit, true);
-      }
+
+  // Makes the child of `parent` for `digit`, which has none, a tail for the digits of `rest`
+  // (at least one) and returns its payload field, still empty. Null, and nothing done, where
+  // the rest is too long for a tail or the radix is not decimal. Out of memory propagates with
+  // nothing done.
+  T** newTail(std::uint32_t parent, int digit, std::string_view rest) {
+    if (radixM != 10) return nullptr;
+    std::uint64_t digits = 0;
+    unsigned count = 0;
+    for (const char c : rest) {
+      const int next = digitValue(c);
+      if (next < 0) continue;
+      if (count == Node::tailDigitsCM) return nullptr;
+      digits |= std::uint64_t(next) << 4 * count++;
     }
-    return leafDigit >= 0 ? slotOf(at, leafDigit) : &nodeAt(at).dataM;
+    const std::uint32_t child = reshape(parent, digit, true);
+    nodeAt(child) = Node::tail(digits, count, nullptr);
+    liveM += count;
+    return &nodeAt(child).dataM;
+  }
+
+  // Turns the tail at `at` into an ordinary node without payload whose one child, for the
+  // tail's first digit, is a leaf with the payload where that was its only digit, else a tail
+  // of the others. The nodes the tail stands for stay as many. Out of memory propagates with
+  // the tail unchanged.
+  void peel(std::uint32_t at) {
+    const Node tail = nodeAt(at);
+    const unsigned count = tail.tailLength();
+    const int first = tail.tailDigit(0);
+    Node after;
+    after.childrenM = newGroup(count == 1 ? 1 : Node::wordsCM);  // may move the array: indexes only
+    if (count == 1) {
+      after.leafM = static_cast<std::uint16_t>(1u << first);
+      std::memcpy(wordsM + after.childrenM, &tail.dataM, sizeof(Word));
+    } else {
+      after.innerM = static_cast<std::uint16_t>(1u << first);
+      const Node rest = Node::tail(tail.tailDigits() >> 4, count - 1, tail.dataM);
+      std::memcpy(static_cast<void*>(wordsM + after.childrenM), &rest, sizeof(Node));
+    }
+    std::memcpy(static_cast<void*>(wordsM + at), &after, sizeof(Node));
   }
 
   // The root and every group of `other`, each written right after the one before in the order

@@ -37,8 +37,10 @@ public:
   // its path where missing; null for a key without digits. A new child or a leaf turned into
   // an inner node moves its siblings, so a walk holds its parent and digit, not its node, and
   // the nodes of a level are looked up afresh after every change to that level: first the
-  // leaves that walks pass through become inner nodes, then the walks add the children they
-  // lack one level further down.
+  // leaves that walks pass through become inner nodes and the tails that walks leave or end
+  // inside are peeled, then the walks add the children they lack one level further down. A
+  // walk whose key a tail holds, or a new tail takes, stops there; as a later walk of the batch
+  // may peel that tail, its field is looked up along the rest of its key once all are in.
   static void payloadSlots(Tree& tree, const std::string_view* keys, std::size_t count, T** slots[]) {
     tree.createRoot();
     const int radix = tree.radixM;
@@ -53,7 +55,25 @@ public:
         for (std::size_t i = 0; i < batch; ++i) {
           InsertWalk& walk = walks[i];
           if (walk.done) continue;
+          const char* const here = walk.rest;
           walk.next = nextDigit(walk.rest, walk.end, radix);
+          if (walk.digit >= 0) {
+            // Peeling changes the tail's node in place and moves no other node.
+            const Node& parent = tree.nodeAt(walk.parent);
+            if ((parent.innerM >> walk.digit & 1u) != 0) {
+              const std::uint32_t at = parent.innerAt(walk.digit);
+              if (tree.nodeAt(at).isTail()) {
+                const char* next = here;
+                if (walk.next >= 0 && tree.nodeAt(at).matchTail(next, walk.end) == Node::tailWhole) {
+                  walk.rest = here;
+                  walk.done = true;
+                  --open;
+                  continue;
+                }
+                tree.peel(at);
+              }
+            }
+          }
           if (walk.next < 0) {
             walk.done = true;
             --open;
@@ -78,26 +98,51 @@ public:
           __builtin_prefetch(tree.wordsM + node.childrenM);
         }
         // In order, each walk adds the child it lacks (an earlier walk may have added it): a
-        // leaf where its key ends there, and moves down a level.
+        // leaf where its key ends there, a tail where the rest fits one, and moves down a level.
         for (std::size_t i = 0; i < batch; ++i) {
           InsertWalk& walk = walks[i];
           if (walk.done) continue;
-          if (!tree.nodeAt(walk.node).hasChild(walk.next)) {
-            const char* rest = walk.rest;
-            tree.reshape(walk.node, walk.next, nextDigit(rest, walk.end, radix) >= 0);
-          }
           walk.parent = walk.node;
           walk.digit = walk.next;
+          if (tree.nodeAt(walk.node).hasChild(walk.next)) continue;
+          const char* rest = walk.rest;
+          if (nextDigit(rest, walk.end, radix) < 0) {
+            tree.reshape(walk.node, walk.next, false);
+          } else if (tree.newTail(walk.node, walk.next, std::string_view(walk.rest, walk.end)) != nullptr) {
+            walk.done = true;
+            --open;
+          } else {
+            tree.reshape(walk.node, walk.next, true);
+          }
         }
       }
       for (std::size_t i = 0; i < batch; ++i) {
-        slots[first + i] = walks[i].digit >= 0 ? tree.slotOf(walks[i].parent, walks[i].digit) : nullptr;
+        slots[first + i] = walks[i].digit >= 0 ? slotAlong(tree, walks[i]) : nullptr;
       }
     }
   }
 
 private:
   static constexpr std::size_t maxBatchCM = 32;
+
+  struct InsertWalk;
+
+  // The payload field of a finished walk's key: from the child where it stopped, down along
+  // the digits it has not read (those of a tail, which may have been peeled since).
+  static T** slotAlong(Tree& tree, const InsertWalk& walk) noexcept {
+    std::uint32_t parent = walk.parent;
+    int digit = walk.digit;
+    const char* rest = walk.rest;
+    for (;;) {
+      const Node& node = tree.nodeAt(parent);
+      if (node.hasLeaf(digit)) return tree.slotOf(parent, digit);
+      const std::uint32_t at = node.innerAt(digit);
+      const int next = nextDigit(rest, walk.end, tree.radixM);
+      if (next < 0 || tree.nodeAt(at).isTail()) return &tree.nodeAt(at).dataM;
+      parent = at;
+      digit = next;
+    }
+  }
 
   // The value of the next digit from `rest` on, which moves past it; -1 when none is left.
   static int nextDigit(const char*& rest, const char* end, int radix) noexcept {
@@ -167,6 +212,16 @@ private:
           }
           const Node* const node = walk.node;
           if (node == nullptr) continue;
+          if (node->isTail()) {
+            // The one key below ends the walk, when the key goes on through all of it.
+            const typename Node::TailMatch match = node->matchTail(walk.next, walk.end);
+            if (match != Node::tailDiffers && node->dataM != nullptr) {
+              visit(first + i, node->dataM, walk.depth + node->tailLength(), match == Node::tailWhole);
+            }
+            walk.node = nullptr;
+            --open;
+            continue;
+          }
           if (!walk.takeDigit(radix)) {
             if (walk.depth != 0 && node->dataM != nullptr) visit(first + i, node->dataM, walk.depth, true);
             walk.node = nullptr;

@@ -59,8 +59,20 @@ public:
           ++slot;
           continue;
         }
+        const Node* const child = node->inner(tree.wordsM, slot);
+        if (child->isTail()) {
+          // So is a tail: its one key is the only one below it.
+          const std::size_t length = pathText.size();
+          for (unsigned i = 0, count = child->tailLength(); i < count; ++i) {
+            pathText.push_back(PtrTreeDigits::character(child->tailDigit(i)));
+          }
+          if (child->dataM != nullptr) visit(static_cast<const BAS::String&>(path), static_cast<const T&>(*child->dataM));
+          pathText.resize(length - 1);
+          ++slot;
+          continue;
+        }
         parents.push_back(node);
-        node = node->inner(tree.wordsM, slot);
+        node = child;
         slot = 0;
         if (node->dataM != nullptr) visit(static_cast<const BAS::String&>(path), static_cast<const T&>(*node->dataM));
         continue;

@@ -86,15 +86,34 @@ private:
   }
 
   // The children of the open node at `depth` are final: they go to the array as one group,
-  // those without children of their own as their payload word only.
+  // those without children of their own as their payload word only. An open node below the
+  // root without payload whose one child is a leaf or a tail with room left becomes a tail
+  // itself, with no group: the chain of a key alone below a branch folds up into one node.
   void close(unsigned depth) {
     Level& level = levelsM[depth];
     if (level.count == 0) return;
+    Node& parent = openNode(depth);
+    if (depth != 0 && level.count == 1 && parent.dataM == nullptr) {
+      const Node& child = level.nodes[0];
+      const auto digit = static_cast<unsigned>(level.digits[0]);
+      if (!child.hasChildren() && !child.isTail()) {
+        parent = Node::tail(digit, 1, child.dataM);
+        ++treeM.liveM;
+        level.count = 0;
+        return;
+      }
+      if (child.isTail() && child.tailLength() < Node::tailDigitsCM) {
+        parent = Node::tail(child.tailDigits() << 4 | digit, child.tailLength() + 1, child.dataM);
+        ++treeM.liveM;
+        level.count = 0;
+        return;
+      }
+    }
     unsigned inner = 0;
     unsigned leaves = 0;
     for (unsigned i = 0; i < level.count; ++i) {
       const unsigned bit = 1u << level.digits[i];
-      if (level.nodes[i].hasChildren()) {
+      if (level.nodes[i].hasChildren() || level.nodes[i].isTail()) {
         inner |= bit;
       } else {
         leaves |= bit;
@@ -105,7 +124,7 @@ private:
     Word* to = treeM.wordsM + group;
     Word* leaf = to + Node::wordsCM * innerCount;
     for (unsigned i = 0; i < level.count; ++i) {
-      if (level.nodes[i].hasChildren()) {
+      if (level.nodes[i].hasChildren() || level.nodes[i].isTail()) {
         std::memcpy(to, &level.nodes[i], sizeof(Node));
         to += Node::wordsCM;
       } else {
@@ -113,7 +132,6 @@ private:
       }
     }
     treeM.liveM += level.count;
-    Node& parent = openNode(depth);
     parent.childrenM = group;
     parent.innerM = static_cast<std::uint16_t>(inner);
     parent.leafM = static_cast<std::uint16_t>(leaves);

@@ -1,8 +1,9 @@
 // A step-at-a-time walk of one piece of the digit trie PBC::PtrTree in key order, and the
-// piece it walks. The portability tree's dump runs several walkers in turn, each asking the
-// processor for what its next step will read before the turn passes, so that their cache
-// misses overlap; PtrTree cuts the pieces (PtrTreeKeyOrderWalk::pieces). A walker belongs to
-// one thread; the trie must not change while it walks.
+// piece it walks; a tail is one step, to its key. The portability tree's dump runs several
+// walkers in turn, each asking the processor for what its next step will read before the turn
+// passes, so that their cache misses overlap; PtrTree cuts the pieces
+// (PtrTreeKeyOrderWalk::pieces). A walker belongs to one thread; the trie must not change
+// while it walks.
 #pragma once
 
 #include "store/PtrTreeDigits.h"
@@ -52,19 +53,26 @@ public:
     if (pendingLeafM != nullptr) {
       payload = *std::exchange(pendingLeafM, nullptr);
       // A leaf gets a frame too, so that every frame but the first stands for one key character.
-      framesM.push_back(Frame{nullptr, 0, 0});
+      framesM.push_back(Frame{nullptr, 0, 0, 0});
       return true;
     }
     if (pendingM != nullptr) {
       const Node* const node = std::exchange(pendingM, nullptr);
       payload = node->dataM;
+      if (node->isTail()) {
+        // The step visits the tail's one key, whose frame stands for all of its digits.
+        const unsigned count = node->tailLength();
+        for (unsigned i = 0; i < count; ++i) keyM.push_back(PtrTreeDigits::character(node->tailDigit(i)));
+        framesM.push_back(Frame{nullptr, 0, 0, count});
+        return true;
+      }
       const bool descend = !ownOnlyM && node->hasChildren();
       if (descend) {
         const typename Node::Word* const group = wordsM + node->childrenM;
         __builtin_prefetch(group);
         __builtin_prefetch(group + node->groupWords() - 1);
       }
-      framesM.push_back(Frame{descend ? node : nullptr, descend ? unsigned{node->innerM} | node->leafM : 0u, 0});
+      framesM.push_back(Frame{descend ? node : nullptr, descend ? unsigned{node->innerM} | node->leafM : 0u, 0, 0});
       return true;
     }
     while (!framesM.empty()) {
@@ -85,8 +93,9 @@ public:
         ++frame.slot;
         return true;
       }
+      const unsigned tailDigits = frame.tailDigits;
       framesM.pop_back();
-      if (!framesM.empty()) keyM.pop_back();
+      keyM.resize(keyM.size() - tailDigits - (framesM.empty() ? 0 : 1));
     }
     return false;
   }
@@ -99,6 +108,7 @@ private:
     const Node* node;  // null for a node without children and for a leaf
     unsigned digits;   // the digits that have a child
     int slot;          // the next digit to look at
+    unsigned tailDigits;  // key characters of a tail beyond the one the frame stands for
   };
   std::vector<Frame> framesM;
   std::string keyM;

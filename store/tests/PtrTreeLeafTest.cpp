@@ -125,10 +125,13 @@ TEST(PtrTreeLeaf, ATreeBuiltFromSortedKeysTakesKeysBelowItsLeaves) {
 // Failures half-way: the payloads made so far are released exactly once, those of the other
 // tree are untouched, and the failed tree is empty and usable.
 TEST(PtrTreeLeaf, AFailedCopyOrSortedBuildReleasesWhatItMadeExactlyOnce) {
-  const std::vector<std::string> sorted = {"1", "10", "100", "101", "11", "2", "20", "21", "3"};
+  // Tails too: one below a node with a payload, still staged when the key after it fails, and
+  // one below a chain.
+  const std::vector<std::string> sorted = {"1", "10", "100", "101", "11", "2", "20", "21", "3",
+                                           "3456789", "35", "4123456789012"};
   std::vector<DigitKey> keys(sorted.size());
   for (std::size_t i = 0; i < sorted.size(); ++i) ASSERT_TRUE(DigitKey::pack(sorted[i], keys[i]));
-  for (const int failAt : {0, 1, 3, 4, 8}) {
+  for (const int failAt : {0, 1, 3, 4, 8, 9, 10, 11}) {
     SCOPED_TRACE(failAt);
     const int before = Tag::live;
     Tree original(10);
@@ -144,7 +147,8 @@ TEST(PtrTreeLeaf, AFailedCopyOrSortedBuildReleasesWhatItMadeExactlyOnce) {
                  std::runtime_error);
     EXPECT_EQ(Tag::live, before + static_cast<int>(sorted.size()));
     EXPECT_EQ(answers(copy, {"1", "77"}), "1:-,-,\n77:-,-,\n");
-    EXPECT_EQ(answers(original, {"101"}), "101:101,1,1 10 101 \n1=1\n10=10\n100=100\n101=101\n11=11\n2=2\n20=20\n21=21\n3=3\n");
+    EXPECT_EQ(answers(original, {"101"}), "101:101,1,1 10 101 \n1=1\n10=10\n100=100\n101=101\n11=11\n2=2\n20=20\n21=21\n3=3\n"
+                                          "3456789=3456789\n35=35\n4123456789012=4123456789012\n");
 
     made = 0;
     Tree built(10);
