@@ -110,12 +110,33 @@ StoredHistory* NumberPortabilityTree::buildHistory(const RecordChunk& chunk, std
 
 void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::vector<std::uint32_t>& operators,
                                          std::vector<std::size_t>& refused) {
+  // Where the keys lie close together (a large chunk against the tree), the cursor walks only
+  // the levels below the key before, one key after the other. Where they lie far apart (a
+  // small delta against a large tree) each key has most of its walk of its own, one read after
+  // another: there the batched walk, whose reads overlap, is faster. Chosen batch by batch.
+  constexpr std::size_t aheadCM = 4;
+  Trie::SortedInsert cursor(ptrTreeM);
   char digits[batchCM][PBC::DigitKey::maxDigitsCM];
   std::string_view numbers[batchCM];
   StoredHistory** slots[batchCM];
   const std::size_t count = chunk.keyedCount();
+  PBC::DigitKey previous;
   for (std::size_t first = 0; first < count; first += batchCM) {
     const std::size_t batch = std::min(count - first, batchCM);
+    std::size_t ownLevels = 0;
+    for (std::size_t i = 0; i < batch; ++i) {
+      const PBC::DigitKey key = chunk.key(first + i);
+      ownLevels += key.length() - key.commonPrefix(previous);
+      previous = key;
+    }
+    if (ownLevels <= batch * closeLevelsCM) {
+      for (std::size_t place = first; place < first + batch; ++place) {
+        StoredHistory** const slot = cursor.reach(chunk.key(place));
+        if (place + aheadCM < count) cursor.prefetch(chunk.key(place + aheadCM));
+        if (slot == nullptr || !addToHistory(slot, translated(chunk, place, operators), true)) refused.push_back(place);
+      }
+      continue;
+    }
     for (std::size_t i = 0; i < batch; ++i) {
       const PBC::DigitKey key = chunk.key(first + i);
       const unsigned length = key.length();
@@ -123,6 +144,7 @@ void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::ve
       numbers[i] = std::string_view(digits[i], length);
     }
     ptrTreeM.payloadSlots(numbers, batch, slots);
+    cursor.restart();
     for (std::size_t i = 0; i < batch; ++i) {
       if (slots[i] != nullptr && *slots[i] != nullptr) StoredHistory::prefetch(*slots[i]);
     }

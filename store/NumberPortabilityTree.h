@@ -164,6 +164,9 @@ private:
   static constexpr std::size_t searchPrefixRoomCM = 8;
 
   static constexpr std::size_t batchCM = 32;
+  // insertSorted gives a batch to the trie's cursor where its keys have at most this many
+  // digits each, on average, past the digits they share with the key before.
+  static constexpr std::size_t closeLevelsCM = 3;
 
   // A stored prefix met by a batched search: its history and the digits of its key.
   struct Prefix {
@@ -199,7 +202,8 @@ private:
   StoredHistory* buildHistory(const RecordChunk& chunk, std::size_t first, std::size_t length,
                               const std::vector<std::uint32_t>& operators, std::vector<std::size_t>& refused,
                               std::vector<std::pair<StoredRecord, std::size_t>>& run);
-  // insertChunk into a tree that holds records: in sorted order, a batch of walks at a time.
+  // insertChunk into a tree that holds records: in sorted order, a batch at a time, by the
+  // trie's sorted cursor or its batched walk.
   void insertSorted(const RecordChunk& chunk, const std::vector<std::uint32_t>& operators,
                     std::vector<std::size_t>& refused);
   // The record at `place` of `chunk` with this tree's operator index.

@@ -9,9 +9,10 @@
 // run alone.
 //
 // This header holds the trie itself: nodes and memory. The single-key walks live in
-// PtrTreeSingleWalk.h, the batched walks in PtrTreeBatchWalk.h, the key-order walks and the
-// dump's pieces in PtrTreeKeyOrderWalk.h and PtrTreeWalker.h; the members here that belong to
-// them only hand the work over.
+// PtrTreeSingleWalk.h, the batched walks in PtrTreeBatchWalk.h, the sorted build and merge in
+// PtrTreeSortedBuild.h and PtrTreeSortedInsert.h, the key-order walks and the dump's pieces in
+// PtrTreeKeyOrderWalk.h and PtrTreeWalker.h; the members here that belong to them only hand
+// the work over.
 #pragma once
 
 #include "store/PtrTreeBatchWalk.h"
@@ -20,6 +21,7 @@
 #include "store/PtrTreeNode.h"
 #include "store/PtrTreeSingleWalk.h"
 #include "store/PtrTreeSortedBuild.h"
+#include "store/PtrTreeSortedInsert.h"
 #include "store/PtrTreeWalker.h"
 
 #include "BAS/LargeBlock.h"
@@ -59,6 +61,9 @@ public:
   // Walks one piece of pieces() in key order, a node per step (PtrTreeWalker.h).
   using Walker = PtrTreeWalker<T>;
   using Piece = typename Walker::Piece;
+
+  // Finds or makes the nodes of keys given in ascending order (PtrTreeSortedInsert.h).
+  using SortedInsert = PtrTreeSortedInsert<T, Release>;
 
   // The tables of PtrTreeDigits, which the trie's walks share.
   static constexpr std::array<int, 256> DIGIT_INDEX = PtrTreeDigits::DIGIT_INDEX;
@@ -131,7 +136,6 @@ public:
     return PtrTreeSingleWalk<T, Release>::search(*this, key.view(), exact);
   }
 
-
   // Pushes the payloads of all stored prefixes of `key`, the key itself included, shortest
   // first, so that popping yields the longest first. Pushes nothing for a key without digits.
   // The stack is not emptied first.
@@ -140,7 +144,6 @@ public:
   void search(const BAS::String& key, Stack& stack) const {
     PtrTreeSingleWalk<T, Release>::search(*this, key.view(), stack);
   }
-
 
   // The stack search for several keys at once: visit(i, payload, depth, whole) for each payload
   // that search(keys[i], stack) would push, shortest prefix first for each key, with depth the
@@ -262,6 +265,7 @@ private:
   friend class PtrTreeKeyOrderWalk<T, Release>;
   friend class PtrTreeSingleWalk<T, Release>;
   friend class PtrTreeSortedBuild<T, Release>;
+  friend class PtrTreeSortedInsert<T, Release>;
 
   using Word = typename Node::Word;
 
@@ -375,7 +379,6 @@ private:
     if (node.hasLeaf(digit)) return reinterpret_cast<T**>(wordsM + node.leafAt(digit));
     return &nodeAt(node.innerAt(digit)).dataM;
   }
-
 
   // Makes the child of `parent` for `digit`, which has none, a tail for the digits of `rest`
   // (at least one) and returns its payload field, still empty. Null, and nothing done, where

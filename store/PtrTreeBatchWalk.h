@@ -89,13 +89,14 @@ public:
             }
           }
         }
-        // Each open walk finds the node it reached and asks for the child it goes on to.
+        // Each open walk finds the node it reached and asks for the child it goes on to: for
+        // that child's own line, as a group of inner nodes spans several; for the whole group
+        // where the child is missing, as adding it moves every sibling.
         for (std::size_t i = 0; i < batch; ++i) {
           InsertWalk& walk = walks[i];
           if (walk.done) continue;
           walk.node = walk.digit >= 0 ? tree.nodeAt(walk.parent).innerAt(walk.digit) : 0;
-          const Node& node = tree.nodeAt(walk.node);
-          __builtin_prefetch(tree.wordsM + node.childrenM);
+          prefetchChild(tree, tree.nodeAt(walk.node), walk.next);
         }
         // In order, each walk adds the child it lacks (an earlier walk may have added it): a
         // leaf where its key ends there, a tail where the rest fits one, and moves down a level.
@@ -141,6 +142,18 @@ private:
       if (next < 0 || tree.nodeAt(at).isTail()) return &tree.nodeAt(at).dataM;
       parent = at;
       digit = next;
+    }
+  }
+
+  static void prefetchChild(const Tree& tree, const Node& node, int digit) noexcept {
+    const typename Node::Word* const words = tree.wordsM;
+    if (node.hasLeaf(digit)) {
+      __builtin_prefetch(words + node.leafAt(digit));
+    } else if ((node.innerM >> digit & 1u) != 0) {
+      __builtin_prefetch(words + node.innerAt(digit));
+    } else if (node.hasChildren()) {
+      __builtin_prefetch(words + node.childrenM);
+      __builtin_prefetch(words + node.childrenM + node.groupWords() - 1);
     }
   }
 

@@ -30,6 +30,8 @@ template <class T, class Release>
 class PtrTreeSingleWalk;
 template <class T, class Release>
 class PtrTreeSortedBuild;
+template <class T, class Release>
+class PtrTreeSortedInsert;
 template <class T>
 class PtrTreeWalker;
 
@@ -101,6 +103,8 @@ private:
   friend class PtrTreeSingleWalk;
   template <class, class>
   friend class PtrTreeSortedBuild;
+  template <class, class>
+  friend class PtrTreeSortedInsert;
   template <class>
   friend class PtrTreeWalker;
 

@@ -1,5 +1,5 @@
 // A key alone below a branch is kept as one tail node. Whichever way the trie is filled (one
-// by one, in batches, from sorted keys, as a copy), it must answer, count and dump as a sorted
+// by one, in batches, from sorted keys, as a copy, merging sorted runs), it must answer, count and dump as a sorted
 // map does when later keys leave a tail at any of its digits, end inside it or go on past it,
 // and the numbers of a sparse numbering plan must take about one node each.
 #include "store/PtrTree.h"
@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -109,7 +110,7 @@ std::string firstDifference(const std::string& actual, const std::string& wanted
 }
 
 // The ways to fill a tree with `keys` (in this order), each payload named after its key.
-enum class Fill { single, batches, sorted, copy };
+enum class Fill { single, batches, sorted, copy, merged };
 
 void fill(Tree& tree, Fill how, const std::vector<std::string>& keys, std::size_t batch = 32) {
   switch (how) {
@@ -143,6 +144,29 @@ void fill(Tree& tree, Fill how, const std::vector<std::string>& keys, std::size_
       ASSERT_TRUE(tree.buildSorted(
           packed.size(), [&](std::size_t i) { return packed[i]; },
           [&](std::size_t first, std::size_t) { return new Tag(names[first]); }));
+      return;
+    }
+    case Fill::merged: {
+      // Three sorted runs, each merged into what the ones before left, as a load merges its
+      // chunks; keys of equal digits share a run, where the first of them wins.
+      std::map<std::string, std::string> runs[3];
+      for (const std::string& key : keys) runs[std::hash<std::string>()(digitsOf(key)) % 3].emplace(digitsOf(key), key);
+      for (const auto& run : runs) {
+        std::vector<DigitKey> packed;
+        for (const auto& entry : run) {
+          packed.emplace_back();
+          ASSERT_TRUE(DigitKey::pack(entry.first, packed.back()));
+        }
+        Tree::SortedInsert cursor(tree);
+        std::size_t i = 0;
+        for (const auto& entry : run) {
+          Tag** const slot = cursor.reach(packed[i]);
+          if (i + 2 < packed.size()) cursor.prefetch(packed[i + 2]);
+          ASSERT_NE(slot, nullptr) << entry.first;
+          if (*slot == nullptr) *slot = new Tag(entry.second);
+          ++i;
+        }
+      }
       return;
     }
     case Fill::copy: {
@@ -186,7 +210,7 @@ TEST(PtrTreeTail, KeysThatLeaveATailEndInsideItOrGoOnPastItAnswerAsASortedMap) {
             queries.push_back(digits + "0");
             queries.push_back(digits.substr(0, at - 1) + other + digits.substr(at));
           }
-          for (const Fill how : {Fill::single, Fill::batches, Fill::sorted, Fill::copy}) {
+          for (const Fill how : {Fill::single, Fill::batches, Fill::sorted, Fill::copy, Fill::merged}) {
             SCOPED_TRACE(keys[0] + " then " + keys[1] + ", fill " + std::to_string(static_cast<int>(how)));
             const int before = Tag::live;
             {
@@ -251,7 +275,7 @@ TEST(PtrTreeTail, ASparseNumberSetAnswersAsASortedMapAndTakesAboutOneNodePerNumb
     queries.insert(queries.end(), {keys[i], changed, separated, keys[i].substr(0, keys[i].size() - 1), keys[i] + "5"});
   }
   const std::string want = expected(storedAs(keys), queries);
-  for (const Fill how : {Fill::single, Fill::batches, Fill::sorted, Fill::copy}) {
+  for (const Fill how : {Fill::single, Fill::batches, Fill::sorted, Fill::copy, Fill::merged}) {
     SCOPED_TRACE(static_cast<int>(how));
     Tree tree(10);
     fill(tree, how, keys);
