@@ -5,8 +5,10 @@
 namespace DAT::NumberPortability {
 
 bool DataFileLines::atEnd() const noexcept {
-  // A reader without a stream (the file vanished after its check) counts as ended.
-  return brokenM || readerM.stream() == nullptr || std::feof(readerM.stream()) != 0;
+  // A reader without a stream (the file vanished after its check) counts as ended. Asked twice
+  // per line, tens of millions of times a load: without the stream's lock, which only guards
+  // against other threads, and the reader belongs to the operation's thread alone.
+  return brokenM || readerM.stream() == nullptr || feof_unlocked(readerM.stream()) != 0;
 }
 
 DataFileLines::Step DataFileLines::next(BAS::String& line) {
@@ -17,11 +19,11 @@ DataFileLines::Step DataFileLines::next(BAS::String& line) {
   const bool delivered = readerM.readLine(line);
   ++lineNumberM;
   if (delivered) return atEnd() ? Step::noLineEnd : Step::line;
-  if (std::ferror(readerM.stream()) != 0) {
+  if (ferror_unlocked(readerM.stream()) != 0) {
     brokenM = true;
     return Step::failed;
   }
-  return std::feof(readerM.stream()) != 0 ? Step::end : Step::failed;
+  return feof_unlocked(readerM.stream()) != 0 ? Step::end : Step::failed;
 }
 
 }  // namespace DAT::NumberPortability

@@ -47,7 +47,7 @@ void DataLineParser::normalize(BAS::String& number) const {
   }
 }
 
-bool DataLineParser::parse(const BAS::String& line, unsigned long lineNumber, const BAS::String& fileName,
+bool DataLineParser::parse(std::string_view line, unsigned long lineNumber, const BAS::String& fileName,
                            BAS::String& number, NumberPortabilityData& record, Rejection* rejection) const {
   // The fields as String::split finds them (runs of white space separate, none at either end);
   // counted to the end, because a rejected line reports how many it has. Split fields hold no
@@ -55,7 +55,7 @@ bool DataLineParser::parse(const BAS::String& line, unsigned long lineNumber, co
   std::string_view fields[columnsRoomCM];
   std::size_t count = 0;
   const char* p = line.data();
-  const char* const end = p + line.length();
+  const char* const end = p + line.size();
   while (true) {
     while (p != end && isSeparator(*p)) ++p;
     if (p == end) break;
@@ -67,7 +67,7 @@ bool DataLineParser::parse(const BAS::String& line, unsigned long lineNumber, co
   if (count != numberOfColumnsM || count < 3) {
     if (rejection != nullptr) {
       *rejection = {"ERR_NUMBER_OF_FIELDS_IN_RECORD",
-                    {BAS::String::decimal(count), BAS::String::decimal(numberOfColumnsM), line,
+                    {BAS::String::decimal(count), BAS::String::decimal(numberOfColumnsM), BAS::String(line),
                      location("At Line# ", lineNumber, fileName)}};
     }
     return false;

@@ -13,6 +13,7 @@
 #include "store/NumberPortabilityData.h"
 
 #include <cstddef>
+#include <string_view>
 #include <vector>
 
 namespace DAT::NumberPortability {
@@ -34,8 +35,12 @@ public:
   // false when the line has the wrong number of fields ("ERR_NUMBER_OF_FIELDS_IN_RECORD") or
   // an unreadable date-time ("ERR_INVALID_DATETIME"), with `rejection` (when not null) saying
   // so. `number` may have changed either way.
-  bool parse(const BAS::String& line, unsigned long lineNumber, const BAS::String& fileName, BAS::String& number,
+  bool parse(std::string_view line, unsigned long lineNumber, const BAS::String& fileName, BAS::String& number,
              NumberPortabilityData& record, Rejection* rejection) const;
+  bool parse(const BAS::String& line, unsigned long lineNumber, const BAS::String& fileName, BAS::String& number,
+             NumberPortabilityData& record, Rejection* rejection) const {
+    return parse(line.view(), lineNumber, fileName, number, record, rejection);
+  }
 
   // Brings a number to the stored form: a leading sign becomes the international access
   // code, a national access code becomes the international one and the country code, a number

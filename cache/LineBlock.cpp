@@ -34,15 +34,12 @@ void LineBlock::clear() noexcept {
 
 void LineBlock::parse(const DataLineParser& parser, const BAS::String& fileName) {
   parsedM.resize(size());
-  BAS::String line;
   BAS::String number;
   NumberPortabilityData record;
   unsigned long lineNumber = firstLineM;
   for (std::size_t i = 0; i < size(); ++i, ++lineNumber) {
     if (kindsM[i] == Kind::failed) continue;
-    const std::string_view text = this->line(i);
-    line.assign(text.data(), text.size());
-    if (!parser.parse(line, lineNumber, fileName, number, record, nullptr)) continue;
+    if (!parser.parse(line(i), lineNumber, fileName, number, record, nullptr)) continue;
     kindsM[i] = Kind::parsed;
     Parsed& parsed = parsedM[i];
     parsed.numberM = RecordChunk::pack(number.view());
