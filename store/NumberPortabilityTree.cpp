@@ -114,7 +114,6 @@ void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::ve
   // the levels below the key before, one key after the other. Where they lie far apart (a
   // small delta against a large tree) each key has most of its walk of its own, one read after
   // another: there the batched walk, whose reads overlap, is faster. Chosen batch by batch.
-  constexpr std::size_t aheadCM = 4;
   Trie::SortedInsert cursor(ptrTreeM);
   char digits[batchCM][PBC::DigitKey::maxDigitsCM];
   std::string_view numbers[batchCM];
@@ -123,24 +122,23 @@ void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::ve
   PBC::DigitKey previous;
   for (std::size_t first = 0; first < count; first += batchCM) {
     const std::size_t batch = std::min(count - first, batchCM);
+    PBC::DigitKey keys[batchCM];
     std::size_t ownLevels = 0;
     for (std::size_t i = 0; i < batch; ++i) {
-      const PBC::DigitKey key = chunk.key(first + i);
-      ownLevels += key.length() - key.commonPrefix(previous);
-      previous = key;
+      keys[i] = chunk.key(first + i);
+      ownLevels += keys[i].length() - keys[i].commonPrefix(previous);
+      previous = keys[i];
     }
     if (ownLevels <= batch * closeLevelsCM) {
-      for (std::size_t place = first; place < first + batch; ++place) {
-        StoredHistory** const slot = cursor.reach(chunk.key(place));
-        if (place + aheadCM < count) cursor.prefetch(chunk.key(place + aheadCM));
-        if (slot == nullptr || !addToHistory(slot, translated(chunk, place, operators), true)) refused.push_back(place);
+      for (std::size_t i = 0; i < batch; ++i) {
+        StoredHistory** const slot = cursor.reach(keys[i]);
+        if (slot == nullptr || !addToHistory(slot, translated(chunk, first + i, operators), true)) refused.push_back(first + i);
       }
       continue;
     }
     for (std::size_t i = 0; i < batch; ++i) {
-      const PBC::DigitKey key = chunk.key(first + i);
-      const unsigned length = key.length();
-      for (unsigned d = 0; d < length; ++d) digits[i][d] = PBC::PtrTreeDigits::character(key.digit(d));
+      const unsigned length = keys[i].length();
+      for (unsigned d = 0; d < length; ++d) digits[i][d] = PBC::PtrTreeDigits::character(keys[i].digit(d));
       numbers[i] = std::string_view(digits[i], length);
     }
     ptrTreeM.payloadSlots(numbers, batch, slots);

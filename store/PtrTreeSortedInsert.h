@@ -1,11 +1,11 @@
 // Finds or makes the nodes of keys that come in ascending order, for a decimal PBC::PtrTree
 // that already holds nodes: the portability tree merges each sorted chunk of a load with it.
 // Consecutive sorted keys share most of their digits, so each walk starts where the path of
-// the key before leaves off instead of at the root, and reads only the few levels below; one
-// key ahead, the node where that key's path will leave this one is asked for, so that its
-// first read is already under way. Inserting one key at a time from the root read every level
-// of every key and spent most of a chunk's merge there. One cursor per run of keys; it runs
-// alone, as every change of the trie, and the trie must not change otherwise while it is used.
+// the key before leaves off instead of at the root, and reads only the few levels below.
+// Inserting one key at a time from the root, or a batch of walks level by level, read every
+// level of every key and spent most of a chunk's merge there. One cursor per run of keys; it
+// runs alone, as every change of the trie, and the trie must not change otherwise while it is
+// used, but for restart().
 #pragma once
 
 #include "store/DigitKey.h"
@@ -71,24 +71,6 @@ public:
   // Forgets the path of the last key, after the trie changed otherwise: the next walk starts
   // at the root.
   void restart() noexcept { validM = 0; }
-
-  // Asks for the child through which `next`, a key that reach will be given soon, leaves the
-  // path of the last key given: the first node of its walk that is not yet at hand.
-  void prefetch(const DigitKey& next) const noexcept {
-    const unsigned depth = std::min(next.commonPrefix(previousM), validM);
-    const int digit = next.digit(depth);
-    if (digit < 0) return;
-    const Node& node = treeM.nodeAt(pathM[depth]);
-    if (node.hasLeaf(digit)) {
-      __builtin_prefetch(treeM.wordsM + node.leafAt(digit));
-    } else if ((node.innerM >> digit & 1u) != 0) {
-      __builtin_prefetch(treeM.wordsM + node.innerAt(digit));
-    } else if (node.hasChildren()) {
-      // A new child moves the group: all of it is read.
-      __builtin_prefetch(treeM.wordsM + node.childrenM);
-      __builtin_prefetch(treeM.wordsM + node.childrenM + node.groupWords() - 1);
-    }
-  }
 
 private:
   // Whether the tail `tail`, the node of the first `from` digits of `key`, holds exactly the

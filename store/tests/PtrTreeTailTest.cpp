@@ -161,7 +161,6 @@ void fill(Tree& tree, Fill how, const std::vector<std::string>& keys, std::size_
         std::size_t i = 0;
         for (const auto& entry : run) {
           Tag** const slot = cursor.reach(packed[i]);
-          if (i + 2 < packed.size()) cursor.prefetch(packed[i + 2]);
           ASSERT_NE(slot, nullptr) << entry.first;
           if (*slot == nullptr) *slot = new Tag(entry.second);
           ++i;
