@@ -169,7 +169,9 @@ void LoadOperation::blockFilled(const STR::FileIoTurbo& reader, NumberPortabilit
   const LineChunk& chunk = filling();
   if (chunk.recordsM.size() + chunk.skippedM.size() < chunkLinesM) return;
   // The chunk before must be in the tree first: chunks go in in file order, so that the earlier
-  // of two equal records wins and the reports come in file order.
+  // of two equal records wins and the reports come in file order. Meanwhile this chunk is
+  // sorted here: the inserting thread is the one the others wait for.
+  filling().recordsM.sort();
   finishInsert(reader, reports);
   startInsert(tree);
 }
@@ -269,6 +271,7 @@ void LoadOperation::flushChunk(const STR::FileIoTurbo& reader, NumberPortability
   }
   advanceBlocks(reader, true);
   fillingM = 0;
+  filling().recordsM.sort();
   finishInsert(reader, reports);
   startInsert(tree);
   finishInsert(reader, reports);
@@ -277,11 +280,9 @@ void LoadOperation::flushChunk(const STR::FileIoTurbo& reader, NumberPortability
 void LoadOperation::startInsert(NumberPortabilityTree& tree) {
   LineChunk& chunk = filling();
   chunk.refusedM.clear();
-  // Inserting a chunk into a grown tree walks far more memory than reading and parsing the
-  // next one does, and takes a single thread: beside them, it keeps the second processor busy.
-  // The sort goes with it, so that the parsing never waits for it.
+  // Inserting a chunk into a grown tree takes a single thread: beside the reading and parsing
+  // of the next one, it keeps the second processor busy. The chunk comes sorted.
   inserterM.start([&chunk, &tree] {
-    chunk.recordsM.sort();
     tree.insertChunk(chunk.recordsM, chunk.refusedM);
     countFill();
   });

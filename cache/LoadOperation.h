@@ -8,7 +8,7 @@
 //
 // Thread contract: made, used and destroyed by the thread of its operation; the trees it fills
 // must not be read by anyone meanwhile. It runs jobs on two threads of its own (parsing on
-// one, sorting and inserting a chunk on the other), which have ended by the time a reading
+// one, inserting a chunk on the other), which have ended by the time a reading
 // returns, and by the time the destructor returns when a failure cut the reading short.
 #pragma once
 
@@ -155,7 +155,7 @@ private:
   void addBlock(const LineBlock& block, const STR::FileIoTurbo& reader);
   // Adds every waiting block to the chunk and inserts it, after the chunk before it.
   void flushChunk(const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports);
-  // Hands the chunk being filled to the inserter thread, which sorts and inserts it; the other
+  // Hands the chunk being filled, sorted, to the inserter thread, which inserts it; the other
   // chunk takes the next lines. REQUIRES: no chunk is being inserted.
   void startInsert(NumberPortabilityTree& tree);
   // Waits until the chunk being inserted, if any, is in the tree (passing on what the insert
