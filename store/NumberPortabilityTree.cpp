@@ -112,9 +112,12 @@ void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::ve
                                          std::vector<std::size_t>& refused) {
   // Where the keys lie close together (a large chunk against the tree), the cursor walks only
   // the levels below the key before, one key after the other. Where they lie far apart (a
-  // small delta against a large tree) each key has most of its walk of its own, one read after
-  // another: there the batched walk, whose reads overlap, is faster. Chosen batch by batch.
+  // small delta against a large tree, a chunk against a tree of a hundred million) each key
+  // has most of its walk of its own, one read after another: there the batched walk, whose
+  // reads overlap, is faster. Chosen for the chunk by how many records of the tree lie between
+  // two of its keys on average, then batch by batch by the digits the keys share.
   Trie::SortedInsert cursor(ptrTreeM);
+  const bool close = recordCountM <= closeGapCM * chunk.keyedCount();
   char digits[batchCM][PBC::DigitKey::maxDigitsCM];
   std::string_view numbers[batchCM];
   StoredHistory** slots[batchCM];
@@ -129,7 +132,7 @@ void NumberPortabilityTree::insertSorted(const RecordChunk& chunk, const std::ve
       ownLevels += keys[i].length() - keys[i].commonPrefix(previous);
       previous = keys[i];
     }
-    if (ownLevels <= batch * closeLevelsCM) {
+    if (close && ownLevels <= batch * closeLevelsCM) {
       for (std::size_t i = 0; i < batch; ++i) {
         StoredHistory** const slot = cursor.reach(keys[i]);
         if (slot == nullptr || !addToHistory(slot, translated(chunk, first + i, operators), true)) refused.push_back(first + i);

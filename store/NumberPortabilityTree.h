@@ -165,7 +165,9 @@ private:
 
   static constexpr std::size_t batchCM = 32;
   // insertSorted gives a batch to the trie's cursor where its keys have at most this many
-  // digits each, on average, past the digits they share with the key before.
+  // digits each, on average, past the digits they share with the key before, and the tree at
+  // most closeGapCM records per key of the chunk.
+  static constexpr std::size_t closeGapCM = 24;
   static constexpr std::size_t closeLevelsCM = 3;
 
   // A stored prefix met by a batched search: its history and the digits of its key.
