@@ -12,10 +12,17 @@ bool DataFileLines::atEnd() const noexcept {
 }
 
 DataFileLines::Step DataFileLines::next(BAS::String& line) {
+  std::string_view view;
+  const Step step = next(view);
+  line.assign(view.data(), view.size());
+  return step;
+}
+
+DataFileLines::Step DataFileLines::next(std::string_view& line) {
   // The end-of-file indicator is tested before each read, and again after it: a line delivered
   // together with the end of the file is not processed.
   if (atEnd()) return Step::end;
-  line = BAS::NULL_STRING;
+  line = {};
   const bool delivered = readerM.readLine(line);
   ++lineNumberM;
   if (delivered) return atEnd() ? Step::noLineEnd : Step::line;

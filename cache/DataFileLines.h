@@ -9,6 +9,8 @@
 #include "BAS/String.h"
 #include "STR/FileIoTurbo.h"
 
+#include <string_view>
+
 namespace DAT::NumberPortability {
 
 class DataFileLines {
@@ -29,6 +31,8 @@ public:
   // The next step. After `line` and `noLineEnd` the string holds the line without its line
   // end; otherwise it holds nothing useful.
   Step next(BAS::String& line);
+  // The same, without a copy: `line` views the reader's buffer until the next step.
+  Step next(std::string_view& line);
 
   // The number of the line that the last read was for, counted from 1 (every read counts one,
   // the one that met the end of the file included); 0 before the first.

@@ -9,10 +9,13 @@
 // change while it runs.
 #pragma once
 
+#include "BAS/DateTime.h"
 #include "BAS/String.h"
 #include "store/NumberPortabilityData.h"
 
 #include <cstddef>
+#include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -47,6 +50,18 @@ public:
   // without either gets both; a number that starts with the international code stays.
   void normalize(BAS::String& number) const;
 
+  // What parse takes from a line it accepts, for a loader that reports a rejected line later
+  // (by parse): the number in stored form and the two other fields as they stand in the line.
+  struct Accepted {
+    std::string_view numberM;           // in the caller's room, or in spillM
+    BAS::DateTime validFromM;
+    std::string_view networkOperatorM;  // in the line
+    std::string spillM;                 // a stored form longer than the room
+  };
+  // parse's decision on `line` without its messages and without building a string per field:
+  // true when parse accepts it, with `accepted` filled. `room` is reused from line to line.
+  bool accept(std::string_view line, Accepted& accepted, std::span<char> room) const;
+
   unsigned int numberOfColumns() const { return numberOfColumnsM; }
 
   // Where a message about a data line points: `prefix` ("At Line# " or "Invalid N-Port Data at
@@ -56,6 +71,25 @@ public:
 private:
   // Fields looked at in a line; more are only counted.
   static constexpr std::size_t columnsRoomCM = 8;
+
+  // A field of a line.
+  struct Field {
+    const char* begin;
+    std::size_t size;
+    std::string_view view() const { return {begin, size}; }
+  };
+  // Splits `line` at runs of white space into `fields` (the first columnsRoomCM of them) and
+  // says how many there are. Left unset beyond the count: setting every entry of the room
+  // beforehand cost more than the split of a short line.
+  static std::size_t split(std::string_view line, Field (&fields)[columnsRoomCM]);
+  // How a number's stored form is made: the international access code, and after it the
+  // country code, when asked for, before the number's text from keptFromM on.
+  struct StoredForm {
+    bool accessCodeM = false;
+    bool countryCodeM = false;
+    std::size_t keptFromM = 0;
+  };
+  StoredForm storedForm(std::string_view number) const;
 
   const BAS::String& nationalAccessCodeM;
   const BAS::String& internationalAccessCodeM;

@@ -32,21 +32,20 @@ void LineBlock::clear() noexcept {
   operatorsM.clear();
 }
 
-void LineBlock::parse(const DataLineParser& parser, const BAS::String& fileName) {
+void LineBlock::parse(const DataLineParser& parser) {
   parsedM.resize(size());
-  BAS::String number;
-  NumberPortabilityData record;
-  unsigned long lineNumber = firstLineM;
-  for (std::size_t i = 0; i < size(); ++i, ++lineNumber) {
-    if (kindsM[i] == Kind::failed) continue;
-    if (!parser.parse(line(i), lineNumber, fileName, number, record, nullptr)) continue;
+  DataLineParser::Accepted accepted;
+  char room[numberRoomCM];
+  for (std::size_t i = 0; i < size(); ++i) {
+    // A line that parse rejects stays `rejected`, to be parsed again for its message.
+    if (kindsM[i] == Kind::failed || !parser.accept(line(i), accepted, room)) continue;
     kindsM[i] = Kind::parsed;
     Parsed& parsed = parsedM[i];
-    parsed.numberM = RecordChunk::pack(number.view());
-    parsed.recordM = StoredRecord(record.validFromM, operatorsM.intern(record.networkOperatorM));
+    parsed.numberM = RecordChunk::pack(accepted.numberM);
+    parsed.recordM = StoredRecord(accepted.validFromM, operatorsM.intern(accepted.networkOperatorM));
     if (parsed.numberM.textualM) {
       parsed.textBeginM = numberTextsM.size();
-      numberTextsM.append(number.view());
+      numberTextsM.append(accepted.numberM);
       parsed.textEndM = numberTextsM.size();
     }
   }

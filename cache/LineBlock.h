@@ -23,6 +23,8 @@ namespace DAT::NumberPortability {
 class LineBlock {
 public:
   static constexpr std::size_t linesCM = 16384;
+  // Room for a number in stored form; a longer one takes a string of its own.
+  static constexpr std::size_t numberRoomCM = 64;
 
   enum class Kind : std::uint8_t { failed, parsed, rejected };
 
@@ -37,8 +39,8 @@ public:
   // Forgets the lines and keeps the memory.
   void clear() noexcept;
 
-  // Parses every delivered line with `parser`, as lines of `fileName`.
-  void parse(const DataLineParser& parser, const BAS::String& fileName);
+  // Parses every delivered line with `parser`.
+  void parse(const DataLineParser& parser);
 
   unsigned long firstLine() const noexcept { return firstLineM; }
   std::size_t firstKept() const noexcept { return firstKeptM; }

@@ -98,11 +98,11 @@ LoadOperation::Reading LoadOperation::read(DataFileLines& lines, NumberPortabili
   Reading reading;
   lastGoodM = false;
   std::size_t processed = 0;
-  BAS::String line;  // reused across lines
+  std::string_view line;  // in the reader's buffer until the next step
   for (DataFileLines::Step step; (step = lines.next(line)) != DataFileLines::Step::end;) {
     if (step == DataFileLines::Step::line) {
       chunkLine(line, lines.lineNumber(), processed++, reader, tree, reports);
-      if (kept != nullptr) kept->append(line.view());
+      if (kept != nullptr) kept->append(line);
     } else if (step == DataFileLines::Step::failed) {
       if (stopAtFailedRead) {
         reading.failedRead = true;
@@ -130,12 +130,7 @@ void LoadOperation::reportAgain(const STR::FileIoTurbo& reader) {
 
 void LoadOperation::insertKept(NumberPortabilityTree& tree, const KeptLines& kept, const STR::FileIoTurbo& reader) {
   secondPassM = true;
-  BAS::String line;
-  for (std::size_t i = 0; i < kept.size(); ++i) {
-    const std::string_view text = kept[i];
-    line.assign(text.data(), text.size());
-    chunkLine(line, i + 1, i, reader, tree, 1);
-  }
+  for (std::size_t i = 0; i < kept.size(); ++i) chunkLine(kept[i], i + 1, i, reader, tree, 1);
   flushChunk(reader, tree, 1);
   secondPassM = false;
 }
@@ -145,10 +140,10 @@ void LoadOperation::copy(NumberPortabilityTree& into, const NumberPortabilityTre
   countFill();
 }
 
-void LoadOperation::chunkLine(const BAS::String& line, unsigned long lineNumber, std::size_t place,
+void LoadOperation::chunkLine(std::string_view line, unsigned long lineNumber, std::size_t place,
                               const STR::FileIoTurbo& reader, NumberPortabilityTree& tree, int reports) {
   LineBlock& block = blocksM[fillingM];
-  block.append(line.view(), lineNumber, place);
+  block.append(line, lineNumber, place);
   if (block.full()) blockFilled(reader, tree, reports);
 }
 
@@ -193,7 +188,7 @@ void LoadOperation::advanceBlocks(const STR::FileIoTurbo& reader, bool drain) {
       if (unparsed != pendingBlocksM + pendingCountM) {
         const std::size_t block = *unparsed;
         helpedBlockM = block;
-        helperM.start([this, block, &reader] { blocksM[block].parse(parserM, reader.fileName()); });
+        helperM.start([this, block] { blocksM[block].parse(parserM); });
       }
     }
     std::size_t added = 0;
@@ -207,7 +202,7 @@ void LoadOperation::advanceBlocks(const STR::FileIoTurbo& reader, bool drain) {
     // No block is free to read into (or the file ended): parse one here, else wait for the helper.
     const std::size_t* const unparsed = oldestUnparsed();
     if (unparsed != pendingBlocksM + pendingCountM) {
-      blocksM[*unparsed].parse(parserM, reader.fileName());
+      blocksM[*unparsed].parse(parserM);
       parsedM[*unparsed] = true;
     } else {
       collectHelpedBlock();

@@ -137,7 +137,7 @@ private:
   // times; a line that the reader fails to deliver stops the reading or is skipped.
   Reading read(DataFileLines& lines, NumberPortabilityTree& tree, int reports, KeptLines* kept, bool stopAtFailedRead);
   // Takes line `lineNumber` at place `place` into the block being filled.
-  void chunkLine(const BAS::String& line, unsigned long lineNumber, std::size_t place, const STR::FileIoTurbo& reader,
+  void chunkLine(std::string_view line, unsigned long lineNumber, std::size_t place, const STR::FileIoTurbo& reader,
                  NumberPortabilityTree& tree, int reports);
   // Notes line `lineNumber`, which the reader failed to deliver, in the chunk's line count.
   void skipLine(unsigned long lineNumber, std::size_t place, const STR::FileIoTurbo& reader, NumberPortabilityTree& tree,

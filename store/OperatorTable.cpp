@@ -25,8 +25,7 @@ OperatorTable& OperatorTable::operator=(const OperatorTable& other) {
   return *this;
 }
 
-std::uint32_t OperatorTable::intern(const BAS::SimpleString& text) {
-  const std::string_view view = text.view();
+std::uint32_t OperatorTable::intern(std::string_view view) {
   if (lastM < textsM.size() && textsM[lastM].view() == view) return lastM;
   if (const auto found = indexM.find(view); found != indexM.end()) return lastM = found->second;
   const std::uint32_t testLimit = limitForTestingCM.load(std::memory_order_relaxed);
@@ -35,7 +34,7 @@ std::uint32_t OperatorTable::intern(const BAS::SimpleString& text) {
     throw BAS::CapacityExceeded("more than 16,777,216 distinct operator identifiers");
   }
   const auto index = static_cast<std::uint32_t>(textsM.size());
-  textsM.push_back(text);
+  textsM.emplace_back(view);
   try {
     indexM.emplace(textsM.back().view(), index);
   } catch (...) {

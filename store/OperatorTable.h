@@ -23,7 +23,8 @@ public:
   // The index of `text`, added when new. Out of memory propagates, and so does a table that
   // already holds StoredRecord::operatorLimitCM texts (as BAS::CapacityExceeded, a
   // std::bad_alloc that names the limit); the table is unchanged then.
-  std::uint32_t intern(const BAS::SimpleString& text);
+  std::uint32_t intern(std::string_view text);
+  std::uint32_t intern(const BAS::SimpleString& text) { return intern(text.view()); }
   // The text of an index that intern gave.
   const BAS::SimpleString& text(std::uint32_t index) const noexcept { return textsM[index]; }
   std::size_t size() const noexcept { return textsM.size(); }

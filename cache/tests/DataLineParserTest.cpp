@@ -49,6 +49,20 @@ TEST(DataLineParser, ReadsGoodLinesAndNamesWhyOthersAreRejected) {
       for (const BAS::String& argument : rejection.argumentsM) got.push_back(argument.str());
     }
     EXPECT_EQ(got, line.expected);
+
+    // The loaders' path takes the same lines, with the number in a room of any size.
+    for (const std::size_t roomSize : {std::size_t{64}, std::size_t{5}}) {
+      DataLineParser::Accepted accepted;
+      std::vector<char> room(roomSize);
+      const bool taken = parser.accept(line.text, accepted, room);
+      EXPECT_EQ(taken, got.size() == 3) << "room " << roomSize;
+      if (!taken || got.size() != 3) continue;
+      EXPECT_EQ((std::vector<std::string>{std::string(accepted.numberM),
+                                          accepted.validFromM.asString("%Y%m%d%H%M%S", BAS::DateTime::Zone::UTC).str(),
+                                          std::string(accepted.networkOperatorM)}),
+                got)
+          << "room " << roomSize;
+    }
   }
 }
 
@@ -75,6 +89,12 @@ TEST(DataLineParser, NormalisesTheFrontOfTheNumberWithTheConfiguredCodes) {
       BAS::String text(number);
       parser.normalize(text);
       EXPECT_EQ(text.str(), expected) << "number as read: '" << number << "'";
+      // A number that is a field of a line comes out of the loaders' path the same.
+      if (number.empty() || number.find(' ') != std::string::npos) continue;
+      DataLineParser::Accepted accepted;
+      char room[6];
+      ASSERT_TRUE(parser.accept(number + " 20200101000000 OP", accepted, room));
+      EXPECT_EQ(accepted.numberM, expected) << "number as read: '" << number << "'";
     }
   }
 }

@@ -307,6 +307,13 @@ bool FileIoTurbo::skipRestOfLine() {
 }
 
 bool FileIoTurbo::readLine(BAS::String& line) {
+  std::string_view view;
+  if (!readLine(view)) return false;
+  line.assign(view.data(), view.size());
+  return true;
+}
+
+bool FileIoTurbo::readLine(std::string_view& line) {
   if (streamM == nullptr || endedM) return false;
   if (skippingM && !skipRestOfLine()) return false;
   // Lines are taken from our own buffer, filled by read(2) on the stream's descriptor; the
@@ -321,7 +328,7 @@ bool FileIoTurbo::readLine(BAS::String& line) {
     if (found != nullptr) {
       const std::size_t length = static_cast<std::size_t>(static_cast<const char*>(found) - start);
       // The length found, not strlen: a line may hold NUL bytes.
-      line.assign(start, length);
+      line = std::string_view(start, length);
       beginM += length + 1;
       ++lineNumberM;
       return true;
@@ -331,7 +338,7 @@ bool FileIoTurbo::readLine(BAS::String& line) {
     if (!refill()) {
       if (endM == beginM || std::ferror(streamM)) return false;
       // A last line without a line end, delivered with the end-of-file indicator set.
-      line.assign(bufferM.data() + beginM, endM - beginM);
+      line = std::string_view(bufferM.data() + beginM, endM - beginM);
       beginM = endM;
       ++lineNumberM;
       return true;

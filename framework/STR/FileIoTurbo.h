@@ -35,6 +35,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <memory>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -61,6 +62,9 @@ public:
   // The next line without its line end ("\n"; a carriage return before it stays, and the
   // string split drops it). False at the end of the file and on a failed read (see above).
   bool readLine(BAS::String& line);
+  // The same, without a copy: `line` views the reader's buffer until the next readLine or
+  // closeFile.
+  bool readLine(std::string_view& line);
   // Closes the open file; true when that worked or nothing was open. A FIFO that was not read
   // from is handed to the next reader of it (ParkedFifos) rather than closed.
   bool closeFile();
