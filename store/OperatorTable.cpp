@@ -21,13 +21,29 @@ OperatorTable& OperatorTable::operator=(const OperatorTable& other) {
   if (this == &other) return *this;
   clear();
   for (const BAS::SimpleString& text : other.textsM) intern(text);
-  lastM = other.lastM;
   return *this;
 }
 
+OperatorTable::Short OperatorTable::shortOf(std::string_view text) noexcept {
+  Short found;
+  found.lengthM = static_cast<std::uint32_t>(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) found.wordM |= std::uint64_t{static_cast<unsigned char>(text[i])} << (8 * i);
+  found.placeM = static_cast<std::uint32_t>(((found.wordM + found.lengthM) * 0x9E3779B97F4A7C15u) >> 55) % cacheSlotsCM;
+  return found;
+}
+
 std::uint32_t OperatorTable::intern(std::string_view view) {
-  if (lastM < textsM.size() && textsM[lastM].view() == view) return lastM;
-  if (const auto found = indexM.find(view); found != indexM.end()) return lastM = found->second;
+  if (view.size() > sizeof(std::uint64_t)) return internInMap(view);
+  const Short text = shortOf(view);
+  Cached& cached = cacheM[text.placeM];
+  if (cached.indexM != 0 && cached.wordM == text.wordM && cached.lengthM == text.lengthM) return cached.indexM - 1;
+  const std::uint32_t index = internInMap(view);
+  cached = Cached{text.wordM, text.lengthM, index + 1};
+  return index;
+}
+
+std::uint32_t OperatorTable::internInMap(std::string_view view) {
+  if (const auto found = indexM.find(view); found != indexM.end()) return found->second;
   const std::uint32_t testLimit = limitForTestingCM.load(std::memory_order_relaxed);
   if (textsM.size() >= (testLimit != 0 ? testLimit : StoredRecord::operatorLimitCM)) {
     // The limit's own words, whatever the seam set: what an operator reads is what the records hold.
@@ -41,13 +57,13 @@ std::uint32_t OperatorTable::intern(std::string_view view) {
     textsM.pop_back();
     throw;
   }
-  return lastM = index;
+  return index;
 }
 
 void OperatorTable::clear() noexcept {
   indexM.clear();
   textsM.clear();
-  lastM = 0;
+  cacheM.fill(Cached{});
 }
 
 }  // namespace DAT::NumberPortability

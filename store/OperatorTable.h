@@ -7,6 +7,7 @@
 
 #include "BAS/SimpleString.h"
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <string_view>
@@ -35,11 +36,29 @@ public:
   static void setLimitForTesting(std::uint32_t limit);
 
 private:
+  // A text of up to eight bytes, as a word, and where it sits in the cache.
+  struct Short {
+    std::uint64_t wordM = 0;
+    std::uint32_t lengthM = 0;
+    std::uint32_t placeM = 0;
+  };
+  static Short shortOf(std::string_view text) noexcept;
+  std::uint32_t internInMap(std::string_view text);
+
+  // Operator identifiers are mostly a few letters and digits. Those of up to eight bytes are
+  // looked up first by their bytes as one word in a small table of the texts interned last,
+  // without hashing their bytes or comparing them one by one: the map's lookup was a tenth of
+  // a loader's parsing.
+  struct Cached {
+    std::uint64_t wordM = 0;
+    std::uint32_t lengthM = 0;
+    std::uint32_t indexM = 0;  // plus one; 0: empty
+  };
+  static constexpr std::size_t cacheSlotsCM = 512;
+  std::array<Cached, cacheSlotsCM> cacheM{};
   // Texts keep their places when more are added, so the map's keys may view them.
   std::deque<BAS::SimpleString> textsM;
   std::unordered_map<std::string_view, std::uint32_t> indexM;
-  // The index intern gave last: consecutive records of a data file often share the operator.
-  std::uint32_t lastM = 0;
 };
 
 }  // namespace DAT::NumberPortability
