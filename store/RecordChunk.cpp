@@ -6,8 +6,9 @@
 #include <array>
 #include <bit>
 #include <cstdlib>
-#include <memory>
 #include <new>
+#include <utility>
+#include <vector>
 
 namespace DAT::NumberPortability {
 
@@ -23,11 +24,14 @@ void RecordChunk::add(const Number& number, std::string_view text, const StoredR
     lowsM.push_back(number.keyM.low());
     low = static_cast<std::uint32_t>(lowsM.size());
   }
+  if (keyedM.empty()) firstHighM = number.keyM.high();
+  differM |= number.keyM.high() ^ firstHighM;
   keyedM.push_back(Entry{number.keyM.high(), index, low, record});
 }
 
 void RecordChunk::clear() noexcept {
   keyedM.clear();
+  differM = 0;
   unkeyedM.clear();
   lowsM.clear();
   textsM.clear();
@@ -43,56 +47,37 @@ void RecordChunk::release() noexcept {
   std::vector<std::pair<std::uint32_t, std::string>>().swap(textsM);
 }
 
-void RecordChunk::sort(const PBC::BothJobs& both) {
+void RecordChunk::sort() {
   // A stable radix sort on the high words, least significant digits first, three digits (twelve
   // bits) per pass: at ten million keys, four passes where a byte per pass took six. Keys share
   // their leading digits (the access and country codes), and short numbers end in zeros, so
-  // only the span of digits in which some keys differ is sorted. Each pass is split in two
-  // halves of the array: each half counts its own values, then moves its entries behind those
-  // that the first half puts into the same bucket, so the order of equal values stays.
+  // only the span of digits in which some keys differ (gathered by add) is sorted. The counts
+  // of every pass are taken in one read of the array before the first move: the array is many
+  // times the cache, and a read of its own for each pass's counts was a third of the sort.
   const std::size_t count = keyedM.size();
-  const std::size_t middle = count / 2;
-  // The bits in which some key differs from the first one, gathered by the two jobs a half each.
-  std::uint64_t differing[2] = {0, 0};
-  const auto gather = [this](std::uint64_t& bits, std::size_t first, std::size_t end) {
-    const std::uint64_t reference = keyedM[0].highM;
-    std::uint64_t found = 0;
-    for (std::size_t i = first; i < end; ++i) found |= keyedM[i].highM ^ reference;
-    bits = found;
-  };
-  if (count != 0) both([&] { gather(differing[0], 0, middle); }, [&] { gather(differing[1], middle, count); });
-  const std::uint64_t differ = differing[0] | differing[1];
   static constexpr unsigned passBitsCM = 12;  // three digits
   static constexpr std::size_t bucketsCM = std::size_t{1} << passBitsCM;
   // From the lowest digit in which keys differ to the highest, a digit being four bits.
-  const unsigned lowest = differ == 0 ? 64 : static_cast<unsigned>(std::countr_zero(differ)) / 4 * 4;
-  const unsigned highest = differ == 0 ? 0 : 64 - static_cast<unsigned>(std::countl_zero(differ));
+  const unsigned lowest = differM == 0 ? 64 : static_cast<unsigned>(std::countr_zero(differM)) / 4 * 4;
+  const unsigned highest = differM == 0 ? 0 : 64 - static_cast<unsigned>(std::countl_zero(differM));
+  const unsigned passes = highest <= lowest ? 0 : (highest - lowest + passBitsCM - 1) / passBitsCM;
+  using Counts = std::array<std::size_t, bucketsCM>;
+  // A pass's counts are 32 KiB, too much for the stack of every thread that loads.
+  std::vector<Counts> counts(passes);
+  for (Counts& pass : counts) pass.fill(0);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint64_t high = keyedM[i].highM;
+    for (unsigned pass = 0; pass < passes; ++pass) ++counts[pass][high >> (lowest + pass * passBitsCM) & (bucketsCM - 1)];
+  }
   spareM.resize(count);
   Entry* from = keyedM.data();
   Entry* to = spareM.data();
-  using Counts = std::array<std::size_t, bucketsCM>;
-  // Two halves' counts: 64 KiB, too much for the stack of every thread that loads.
-  const auto halves = std::make_unique<std::array<Counts, 2>>();
-  for (unsigned shift = lowest; shift < highest; shift += passBitsCM) {
-    Counts& firstHalf = (*halves)[0];
-    Counts& secondHalf = (*halves)[1];
-    const auto countHalf = [&](Counts& counts, std::size_t first, std::size_t end) {
-      counts.fill(0);
-      for (std::size_t i = first; i < end; ++i) ++counts[from[i].highM >> shift & (bucketsCM - 1)];
-    };
-    both([&] { countHalf(firstHalf, 0, middle); }, [&] { countHalf(secondHalf, middle, count); });
+  for (unsigned pass = 0; pass < passes; ++pass) {
+    Counts& next = counts[pass];
     std::size_t start = 0;
-    for (std::size_t value = 0; value < bucketsCM; ++value) {
-      const std::size_t inFirst = firstHalf[value];
-      const std::size_t inSecond = secondHalf[value];
-      firstHalf[value] = start;
-      secondHalf[value] = start + inFirst;
-      start += inFirst + inSecond;
-    }
-    const auto moveHalf = [&](Counts& next, std::size_t first, std::size_t end) {
-      for (std::size_t i = first; i < end; ++i) to[next[from[i].highM >> shift & (bucketsCM - 1)]++] = from[i];
-    };
-    both([&] { moveHalf(firstHalf, 0, middle); }, [&] { moveHalf(secondHalf, middle, count); });
+    for (std::size_t& bucket : next) start += std::exchange(bucket, start);
+    const unsigned shift = lowest + pass * passBitsCM;
+    for (std::size_t i = 0; i < count; ++i) to[next[from[i].highM >> shift & (bucketsCM - 1)]++] = from[i];
     std::swap(from, to);
   }
   // After an odd number of passes the sorted entries are in the second array, which then

@@ -6,7 +6,6 @@
 // reads. Used by one thread at a time; once sorted, any number of trees may read it at once.
 #pragma once
 
-#include "store/BothJobs.h"
 #include "store/DigitKey.h"
 #include "store/LargeArray.h"
 #include "store/NumberPortabilityData.h"
@@ -60,9 +59,8 @@ public:
   // sort() uses included, so that the process's resident memory after a load is the trees'.
   void release() noexcept;
 
-  // Orders the records by number, in the order of add among equal numbers; each pass of the
-  // sort is split in two jobs for `both`.
-  void sort(const PBC::BothJobs& both = PBC::oneAfterTheOther);
+  // Orders the records by number, in the order of add among equal numbers.
+  void sort();
 
   // The records are read by place: places below keyedCount() are the records whose number has
   // at most DigitKey::maxDigitsCM digits, in sorted order once sort() ran; the places after
@@ -99,6 +97,8 @@ private:
   PBC::LargeArray<Entry> spareM;     // sort()'s second array, kept for the next chunk's sort
   std::vector<Entry> unkeyedM;       // numbers of more digits than a key holds
   std::vector<std::uint64_t> lowsM;  // the low words that are not 0 (numbers of more than 16 digits)
+  std::uint64_t firstHighM = 0;      // the high word of the first keyed record
+  std::uint64_t differM = 0;         // the bits in which a keyed record's high word differs from it
   // The numbers that are not just their digits (other characters, or more than sixteen
   // digits), by index, so that a message can name them as they were added.
   std::vector<std::pair<std::uint32_t, std::string>> textsM;
