@@ -64,6 +64,14 @@ TEST(DateTime, RefusesTextsThatAreNoDateTimeAndOrdersThemLast) {
     EXPECT_TRUE(d == DateTime() && d.asString("%Y").empty() && !d.writeCompact(digits)) << '"' << text << '"';
   }
   EXPECT_LT(DateTime("99991231235959"), DateTime());
+  // A character just outside the digits, or far from them, in any place.
+  for (std::size_t place = 0; place < 14; ++place) {
+    for (const char bad : {'/', ':', '?', '\0', 'a', ' ', '\x80', '\xb0', '\xff', '\x06'}) {
+      std::string text = "20230301123456";
+      text[place] = bad;
+      EXPECT_FALSE(DateTime(std::string_view(text)).isValid()) << "place " << place << ", character " << static_cast<int>(bad);
+    }
+  }
 }
 
 TEST(Strings, CompactOnesCopyMoveAndCompareAcrossTheInlineLimitAndNumbersAreReadWhole) {
