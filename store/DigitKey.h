@@ -24,16 +24,24 @@ public:
   // The decimal digits of `text` (other characters skipped, as the trie skips them) into
   // `key`; false, and `key` unspecified, when there are more than maxDigitsCM of them.
   static bool pack(std::string_view text, DigitKey& key) noexcept {
-    key = DigitKey();
+    // The words are gathered in locals: through a reference to the key's words, every digit
+    // waited for the store of the one before (a load packs every line of a data file).
+    std::uint64_t high = 0;
+    std::uint64_t low = 0;
     unsigned count = 0;
     for (const char c : text) {
       const int digit = PtrTreeDigits::value(c, 10);
       if (digit < 0) continue;
       if (count == maxDigitsCM) return false;
-      std::uint64_t& word = count < halfCM ? key.highM : key.lowM;
-      word |= std::uint64_t(digit + 1) << (60 - 4 * (count % halfCM));
+      const std::uint64_t nibble = std::uint64_t(digit + 1) << (60 - 4 * (count % halfCM));
+      if (count < halfCM) {
+        high |= nibble;
+      } else {
+        low |= nibble;
+      }
       ++count;
     }
+    key = DigitKey(high, low);
     return true;
   }
 
