@@ -11,13 +11,6 @@ bool DataFileLines::atEnd() const noexcept {
   return brokenM || readerM.stream() == nullptr || feof_unlocked(readerM.stream()) != 0;
 }
 
-DataFileLines::Step DataFileLines::next(BAS::String& line) {
-  std::string_view view;
-  const Step step = next(view);
-  line.assign(view.data(), view.size());
-  return step;
-}
-
 DataFileLines::Step DataFileLines::next(std::string_view& line) {
   // The end-of-file indicator is tested before each read, and again after it: a line delivered
   // together with the end of the file is not processed.

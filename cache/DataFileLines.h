@@ -28,10 +28,8 @@ public:
   DataFileLines(const DataFileLines&) = delete;
   DataFileLines& operator=(const DataFileLines&) = delete;
 
-  // The next step. After `line` and `noLineEnd` the string holds the line without its line
-  // end; otherwise it holds nothing useful.
-  Step next(BAS::String& line);
-  // The same, without a copy: `line` views the reader's buffer until the next step.
+  // The next step. After `line` and `noLineEnd`, `line` views the line without its line end
+  // in the reader's buffer, until the next step; otherwise it views nothing useful.
   Step next(std::string_view& line);
 
   // The number of the line that the last read was for, counted from 1 (every read counts one,

@@ -123,7 +123,7 @@ bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& na
   // The initial load's reading rule and its reaction to a line that the reader fails to
   // deliver: the load stops there, and the plug-in does not start.
   std::uint64_t bytesRead = 0;
-  BAS::String line;
+  std::string_view line;  // in the reader's buffer until the next step
   DataFileLines lines(readerM);
   for (DataFileLines::Step step; (step = lines.next(line)) != DataFileLines::Step::end;) {
     const std::uint64_t lineNumber = lines.lineNumber();
@@ -135,10 +135,10 @@ bool DataFileCheck::run(const BAS::RegistryEntry* subtree, const BAS::String& na
       return false;
     }
     ++summaryM.lines;
-    bytesRead += line.length() + 1;
+    bytesRead += line.size() + 1;
     if (step == DataFileLines::Step::noLineEnd) {
       flush();
-      reject(lineNumber, "the last line has no line end, so the plug-in never loads it: " + quoted(line.view()) + ".");
+      reject(lineNumber, "the last line has no line end, so the plug-in never loads it: " + quoted(line) + ".");
       continue;
     }
     judge(line, lineNumber);
@@ -163,7 +163,7 @@ void DataFileCheck::reject(std::uint64_t lineNumber, const std::string& text) {
   listenerM.finding(lineNumber, BAS::String(text));
 }
 
-void DataFileCheck::judge(const BAS::String& line, std::uint64_t lineNumber) {
+void DataFileCheck::judge(std::string_view line, std::uint64_t lineNumber) {
   Pending& pending = pendingM[pendingCountM++];
   pending.lineNumberM = lineNumber;
   pending.parsedM = batchCM;
@@ -179,7 +179,7 @@ void DataFileCheck::judge(const BAS::String& line, std::uint64_t lineNumber) {
       pending.rejectionM = "the line is blank; every line must be a record, so it is skipped.";
     } else {
       pending.rejectionM =
-          "the line has " + rejection.argumentsM[0].str() + " fields, not 3: " + quoted(line.view()) + "; it is skipped.";
+          "the line has " + rejection.argumentsM[0].str() + " fields, not 3: " + quoted(line) + "; it is skipped.";
     }
   } else {
     pending.parsedM = parsed;
@@ -187,7 +187,7 @@ void DataFileCheck::judge(const BAS::String& line, std::uint64_t lineNumber) {
     ++parsedCountM;
     // The number as written: the first field, before normalisation.
     const char* start = line.data();
-    const char* const end = start + line.length();
+    const char* const end = start + line.size();
     while (start != end && isSeparator(*start)) ++start;
     const char* stop = start;
     while (stop != end && !isSeparator(*stop)) ++stop;

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <string_view>
 #include <unordered_set>
 
 namespace BAS {
@@ -47,7 +48,7 @@ private:
   bool readRegistry(const BAS::RegistryEntry& subtree, const BAS::String& name);
   // Parses one line that the load would hand to its parser into the batch; judges the batch
   // when it is full.
-  void judge(const BAS::String& line, std::uint64_t lineNumber);
+  void judge(std::string_view line, std::uint64_t lineNumber);
   // Offers the batch's records to the tree and reports its lines in file order.
   void flush();
   // What is odd about the number field as written, or empty when it is plain.

@@ -28,7 +28,7 @@ OperatorTable::Short OperatorTable::shortOf(std::string_view text) noexcept {
   Short found;
   found.lengthM = static_cast<std::uint32_t>(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) found.wordM |= std::uint64_t{static_cast<unsigned char>(text[i])} << (8 * i);
-  found.placeM = static_cast<std::uint32_t>(((found.wordM + found.lengthM) * 0x9E3779B97F4A7C15u) >> 55) % cacheSlotsCM;
+  found.placeM = static_cast<std::uint32_t>(((found.wordM + found.lengthM) * 0x9E3779B97F4A7C15u) >> (64 - cacheBitsCM));
   return found;
 }
 

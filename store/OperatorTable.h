@@ -54,7 +54,8 @@ private:
     std::uint32_t lengthM = 0;
     std::uint32_t indexM = 0;  // plus one; 0: empty
   };
-  static constexpr std::size_t cacheSlotsCM = 512;
+  static constexpr unsigned cacheBitsCM = 9;
+  static constexpr std::size_t cacheSlotsCM = std::size_t{1} << cacheBitsCM;
   std::array<Cached, cacheSlotsCM> cacheM{};
   // Texts keep their places when more are added, so the map's keys may view them.
   std::deque<BAS::SimpleString> textsM;

@@ -21,13 +21,13 @@ std::vector<std::string> steps(const std::string& fileName, std::string* failure
   reader.openFile(BAS::String(fileName), 8);
   DataFileLines lines(reader);
   std::vector<std::string> taken;
-  BAS::String line;
+  std::string_view line;
   for (int guard = 0; guard < 100; ++guard) {
     const Step step = lines.next(line);
     const std::string number = std::to_string(lines.lineNumber()) + ":";
     switch (step) {
-      case Step::line: taken.push_back(number + "line:" + line.str()); break;
-      case Step::noLineEnd: taken.push_back(number + "noLineEnd:" + line.str()); break;
+      case Step::line: taken.push_back(number + "line:" + std::string(line)); break;
+      case Step::noLineEnd: taken.push_back(number + "noLineEnd:" + std::string(line)); break;
       case Step::failed:
         // A broken file ends the reading; a refused line is skipped and the file reads on.
         taken.push_back(number + (lines.broken() ? "broken" : "failed"));
